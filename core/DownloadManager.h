@@ -1,0 +1,84 @@
+#pragma once
+
+#include <QHash>
+#include <QList>
+#include <QObject>
+#include <QString>
+
+class DLBaseClient;
+class Download;
+class DownloadDataBase;
+class QNetworkAccessManager;
+class QSettings;
+
+// The centre of the service. Owns the downloads, the client front ends, the database, the table
+// of per-client download directories and the one network access manager all transfers share.
+// Lives on the main thread; other threads reach it only through createDownloadEvent() and
+// actionDownloadEvent(), which post events to it.
+class DownloadManager : public QObject
+{
+    Q_OBJECT
+
+public:
+    DownloadManager();
+    ~DownloadManager() override;
+
+    void loadSettings();
+    QString getSettingsValue(const QString &key, const QString &defaultValue);
+
+    // Stops the service: destroys the clients, then the downloads, then the database, and leaves
+    // the event loop. The caller may be one of the clients; it is gone when this returns.
+    void quit();
+
+    // Creation, paths and space.
+    void createDownload(const QString &clientID, const QString &url, const QString &uniqueID,
+                        const QString &name);
+    void createDownload(const QString &uniqueID, const QString &clientID, const QString &name,
+                        const QString &contentURL, const QString &filePath, unsigned int state,
+                        unsigned int failureCode, long long totalSize, long long amountDownloaded,
+                        long long startTime);
+    QString getUniqueID(const QString &url);
+    QString getFileName(const QString &clientID, const QString &url);
+    void setDownloadPath(const QString &clientID, const QString &path);
+    QString getDownloadPath(const QString &clientID);
+    int checkDownloadPossible(const QString &clientID, long long size);
+
+    // Control, removal and queries.
+    void pauseDownload(const QString &uniqueID);
+    void resumeDownload(const QString &uniqueID);
+    void restartDownload(const QString &uniqueID);
+    void abortDownload(const QString &uniqueID);
+    // The change hub: stores the record, then announces it to every client in list order.
+    void updateDownload(Download *download);
+    Download *getDownload(const QString &uniqueID);
+    QList<Download *> getDownloadList(const QString &clientID);
+    bool removeDownload(const QString &uniqueID);
+    void removeAllDownloads();
+
+    // Safe from any thread: they only post an event to the manager.
+    void createDownloadEvent(const QString &clientID, const QString &url, const QString &uniqueID,
+                             const QString &name);
+    void actionDownloadEvent(const QString &uniqueID, int action);
+
+    // True once quit() has started: nothing may reach the downloads or clients any more.
+    bool isQuitting() const { return quitting; }
+
+public slots:
+    void execute();
+
+protected:
+    void customEvent(QEvent *event) override;
+
+private:
+    void createClients();
+    // Builds the Binder front end; null when this build has none.
+    DLBaseClient *createBinderClient();
+
+    QNetworkAccessManager *networkManager;
+    QList<Download *> downloads;
+    QList<DLBaseClient *> clients;
+    DownloadDataBase *database;
+    QHash<QString, QString> downloadPaths;
+    QSettings *settings;
+    bool quitting = false;
+};

@@ -1,0 +1,82 @@
+#include "DownloadManager.h"
+#include "apm.h"
+
+#include <android/log.h>
+
+#include <QCoreApplication>
+#include <QTimer>
+
+#include <cstdio>
+#include <cstdlib>
+
+static int OnGetFocus()
+{
+    puts("[DOWNLOAD]OnGetFocus()");
+    return 0;
+}
+
+static int OnLoseFocus()
+{
+    puts("[DOWNLOAD]OnLossFocus()");
+    return 0;
+}
+
+static int OnDestroy()
+{
+    puts("[DOWNLOAD]OnDestroy()");
+    return 0;
+}
+
+static int OnGetResource(APM_RESOURCE_e)
+{
+    puts("[DOWNLOAD]OnResourceAvailable()");
+    return 0;
+}
+
+static int OnLoseResource(APM_RESOURCE_e)
+{
+    puts("[DOWNLOAD]OnResourceUnavailable()");
+    return 0;
+}
+
+APM_CTRL_HANDLER_t appCtrlHandler = {OnGetFocus, OnLoseFocus,    OnDestroy,
+                                     OnGetResource, OnLoseResource, nullptr};
+
+// DLM_LOG_LEVEL picks the lowest platform log priority shown: v, d, i (default), w, e, f, s.
+static void applyLogLevel()
+{
+    const char *level = std::getenv("DLM_LOG_LEVEL");
+    if (!level || !*level)
+        return;
+    int priority = ANDROID_LOG_INFO;
+    switch (level[0]) {
+    case 'v': case 'V': priority = ANDROID_LOG_VERBOSE; break;
+    case 'd': case 'D': priority = ANDROID_LOG_DEBUG; break;
+    case 'i': case 'I': priority = ANDROID_LOG_INFO; break;
+    case 'w': case 'W': priority = ANDROID_LOG_WARN; break;
+    case 'e': case 'E': priority = ANDROID_LOG_ERROR; break;
+    case 'f': case 'F': priority = ANDROID_LOG_FATAL; break;
+    case 's': case 'S': priority = ANDROID_LOG_SILENT; break;
+    default: return;
+    }
+    __android_log_set_minimum_priority(priority);
+}
+
+int main(int argc, char *argv[])
+{
+    // Lines on standard output must reach a pipe or a log collector as they are printed.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+
+    if (APM_Join(&appCtrlHandler) != 0) {
+        puts("APM client test program aborted.");
+        return -1;
+    }
+    puts("DOWNLOAD APM JOIN SUCCESS!!.");
+    applyLogLevel();
+
+    QCoreApplication app(argc, argv);
+    DownloadManager manager;
+    QTimer::singleShot(0, &manager, &DownloadManager::execute);
+    app.exec();
+    return 0;
+}

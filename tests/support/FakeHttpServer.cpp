@@ -1,0 +1,245 @@
+#include "FakeHttpServer.h"
+
+#include <QPointer>
+#include <QTcpSocket>
+#include <QTimer>
+
+struct FakeHttpServer::Connection
+{
+    QPointer<QTcpSocket> socket;
+    QByteArray buffer;
+    QByteArray body;   // what is left to send
+    qint64 sent = 0;
+    Resource resource;
+    QTimer *timer = nullptr;
+};
+
+FakeHttpServer::FakeHttpServer(QObject *parent) : QObject(parent)
+{
+    connect(&server, &QTcpServer::newConnection, this, &FakeHttpServer::onNewConnection);
+    server.listen(QHostAddress::LocalHost, 0);
+}
+
+FakeHttpServer::~FakeHttpServer()
+{
+    dropAll();
+}
+
+quint16 FakeHttpServer::port() const
+{
+    return server.serverPort();
+}
+
+QUrl FakeHttpServer::url(const QByteArray &path) const
+{
+    return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(port()).arg(QString::fromLatin1(path)));
+}
+
+void FakeHttpServer::setResource(const QByteArray &path, const Resource &resource)
+{
+    resources.insert(path, resource);
+}
+
+void FakeHttpServer::setBody(const QByteArray &path, const QByteArray &body)
+{
+    Resource r;
+    r.body = body;
+    resources.insert(path, r);
+}
+
+FakeHttpServer::Resource &FakeHttpServer::resource(const QByteArray &path)
+{
+    return resources[path];
+}
+
+QList<FakeHttpServer::Request> FakeHttpServer::requestsFor(const QByteArray &path) const
+{
+    QList<Request> result;
+    for (const Request &r : received) {
+        if (r.path == path)
+            result.append(r);
+    }
+    return result;
+}
+
+int FakeHttpServer::openConnections() const
+{
+    return connections.size();
+}
+
+void FakeHttpServer::dropAll()
+{
+    const auto open = connections.values();
+    for (Connection *c : open)
+        finish(c, true);
+}
+
+QByteArray FakeHttpServer::makeBody(qint64 size, quint32 seed)
+{
+    QByteArray out(size, Qt::Uninitialized);
+    quint32 x = seed * 2654435761u + 1;
+    for (qint64 i = 0; i < size; ++i) {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        out[i] = char(x & 0xff);
+    }
+    return out;
+}
+
+void FakeHttpServer::onNewConnection()
+{
+    while (QTcpSocket *socket = server.nextPendingConnection()) {
+        auto *c = new Connection;
+        c->socket = socket;
+        connections.insert(socket, c);
+        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+        connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
+            if (Connection *c = connections.value(socket))
+                finish(c, true);
+        });
+    }
+}
+
+void FakeHttpServer::onReadyRead(QTcpSocket *socket)
+{
+    Connection *c = connections.value(socket);
+    if (!c)
+        return;
+    c->buffer += socket->readAll();
+    const int end = c->buffer.indexOf("\r\n\r\n");
+    if (end < 0 || c->timer || !c->body.isEmpty())
+        return;
+    const QList<QByteArray> lines = c->buffer.left(end).split('\n');
+    c->buffer.remove(0, end + 4);
+    Request request;
+    const QList<QByteArray> first = lines.value(0).trimmed().split(' ');
+    request.method = first.value(0);
+    request.path = first.value(1);
+    for (int i = 1; i < lines.size(); ++i) {
+        const int colon = lines[i].indexOf(':');
+        if (colon > 0)
+            request.headers.insert(lines[i].left(colon).trimmed().toLower(),
+                                   lines[i].mid(colon + 1).trimmed());
+    }
+    received.append(request);
+    emit requestReceived(request.path);
+
+    if (!resources.contains(request.path)) {
+        Resource missing;
+        missing.status = 404;
+        missing.body = "<html>not found</html>";
+        c->resource = missing;
+    } else {
+        c->resource = resources.value(request.path);
+    }
+
+    const Resource &r = c->resource;
+    if (r.closeWithoutAnswer) {
+        finish(c, true);
+        return;
+    }
+    QByteArray head;
+    QByteArray body = r.body;
+    const qint64 total = r.body.size();
+    if (!r.redirectTo.isEmpty()) {
+        head = "HTTP/1.1 302 Found\r\nLocation: " + r.redirectTo + "\r\n";
+        body.clear();
+    } else if (r.status != 200) {
+        head = "HTTP/1.1 " + QByteArray::number(r.status) + " Error\r\n";
+    } else {
+        const QByteArray range = request.header("range");
+        if (r.honorRange && range.startsWith("bytes=") && range.endsWith('-')) {
+            const qint64 from = range.mid(6, range.size() - 7).toLongLong();
+            if (from >= total) {
+                head = "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" +
+                       QByteArray::number(total) + "\r\n";
+                body.clear();
+            } else {
+                head = "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " +
+                       QByteArray::number(from) + '-' + QByteArray::number(total - 1) + '/' +
+                       QByteArray::number(total) + "\r\n";
+                body = r.body.mid(from);
+            }
+        } else {
+            head = "HTTP/1.1 200 OK\r\n";
+        }
+    }
+    const qint64 length = r.contentLength >= 0 ? r.contentLength : body.size();
+    head += "Content-Length: " + QByteArray::number(length) + "\r\n";
+    head += "Content-Type: application/octet-stream\r\nConnection: close\r\n";
+    for (const auto &h : r.extraHeaders)
+        head += h.first + ": " + h.second + "\r\n";
+    head += "\r\n";
+    socket->write(head);
+    c->body = body;
+    respond(c);
+}
+
+void FakeHttpServer::respond(Connection *c)
+{
+    if (c->resource.chunkSize <= 0 && c->resource.stallAfter < 0 && c->resource.closeAfter < 0) {
+        c->socket->write(c->body);
+        c->body.clear();
+        finish(c, false);
+        return;
+    }
+    c->timer = new QTimer(this);
+    c->timer->setInterval(c->resource.chunkDelayMs);
+    connect(c->timer, &QTimer::timeout, this, [this, c] { sendNextChunk(c); });
+    if (sendNextChunk(c))
+        c->timer->start();
+}
+
+bool FakeHttpServer::sendNextChunk(Connection *c)
+{
+    if (!c->socket)
+        return false;
+    const Resource &r = c->resource;
+    qint64 n = r.chunkSize > 0 ? r.chunkSize : c->body.size();
+    n = qMin<qint64>(n, c->body.size());
+    if (r.stallAfter >= 0)
+        n = qMin(n, r.stallAfter - c->sent);
+    if (r.closeAfter >= 0)
+        n = qMin(n, r.closeAfter - c->sent);
+    if (n > 0) {
+        c->socket->write(c->body.left(n));
+        c->body.remove(0, n);
+        c->sent += n;
+    }
+    if (r.closeAfter >= 0 && c->sent >= r.closeAfter) {
+        finish(c, false); // graceful close: the client gets the bytes, then a short body
+        return false;
+    }
+    if (r.stallAfter >= 0 && c->sent >= r.stallAfter) {
+        c->timer->stop(); // stay connected, say nothing more
+        return false;
+    }
+    if (c->body.isEmpty()) {
+        finish(c, false);
+        return false;
+    }
+    return true;
+}
+
+void FakeHttpServer::finish(Connection *c, bool abortive)
+{
+    QTcpSocket *socket = c->socket;
+    connections.remove(socket);
+    if (c->timer) {
+        c->timer->stop();
+        c->timer->deleteLater();
+    }
+    delete c;
+    if (!socket)
+        return;
+    socket->disconnect(this);
+    if (abortive || socket->state() != QAbstractSocket::ConnectedState) {
+        socket->abort();
+        socket->deleteLater();
+        return;
+    }
+    // Graceful close: the socket goes once its write buffer has reached the client.
+    connect(socket, &QAbstractSocket::disconnected, socket, &QObject::deleteLater);
+    socket->disconnectFromHost();
+}

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QObject>
+#include <QPair>
+#include <QTcpServer>
+#include <QUrl>
+
+#include <functional>
+
+class QTcpSocket;
+
+// In-process HTTP/1.1 server on 127.0.0.1 for tests. Serves registered resources with byte
+// ranges and a set of misbehaviours, and records every request it received. Lives on the thread
+// that created it; it only works while that thread runs an event loop (QTRY_*, QSignalSpy::wait).
+class FakeHttpServer : public QObject
+{
+    Q_OBJECT
+
+public:
+    struct Resource
+    {
+        QByteArray body;
+        int status = 200;            // a status other than 200 serves body as the error page
+        bool honorRange = true;      // false: answer every Range request with 200 and the full body
+        int chunkSize = 0;           // 0: the whole body in one write
+        int chunkDelayMs = 0;        // pause between chunks, driven by a timer
+        qint64 stallAfter = -1;      // send headers and this many body bytes, then stay silent
+        qint64 closeAfter = -1;      // send this many body bytes, then drop the connection
+        bool closeWithoutAnswer = false;
+        QByteArray redirectTo;       // answer 302 with this Location
+        qint64 contentLength = -1;   // advertise this length instead of the real one
+        QList<QPair<QByteArray, QByteArray>> extraHeaders;
+    };
+
+    struct Request
+    {
+        QByteArray method;
+        QByteArray path;
+        QHash<QByteArray, QByteArray> headers; // names in lower case
+        QByteArray header(const QByteArray &name) const { return headers.value(name.toLower()); }
+    };
+
+    explicit FakeHttpServer(QObject *parent = nullptr);
+    ~FakeHttpServer() override;
+
+    quint16 port() const;
+    QUrl url(const QByteArray &path) const;
+
+    void setResource(const QByteArray &path, const Resource &resource);
+    void setBody(const QByteArray &path, const QByteArray &body);
+    Resource &resource(const QByteArray &path);
+
+    QList<Request> requests() const { return received; }
+    QList<Request> requestsFor(const QByteArray &path) const;
+    void clearRequests() { received.clear(); }
+    // Connections that are currently open (stalled ones included).
+    int openConnections() const;
+    // Drops every open connection, as a server crash would.
+    void dropAll();
+
+    // Deterministic pseudo-random content, so tests can compare exact bytes.
+    static QByteArray makeBody(qint64 size, quint32 seed = 1);
+
+signals:
+    void requestReceived(const QByteArray &path);
+
+private:
+    struct Connection;
+    void onNewConnection();
+    void onReadyRead(QTcpSocket *socket);
+    void respond(Connection *connection);
+    bool sendNextChunk(Connection *connection); // false once the connection is done or stalled
+    void finish(Connection *connection, bool close);
+
+    QTcpServer server;
+    QHash<QByteArray, Resource> resources;
+    QList<Request> received;
+    QHash<QTcpSocket *, Connection *> connections;
+};
