@@ -24,7 +24,14 @@ const QString kAll = QStringLiteral("all");
 } // namespace
 
 DownloadManager::DownloadManager()
-    : QObject(nullptr), networkManager(nullptr), database(nullptr), settings(nullptr)
+    : DownloadManager(QCoreApplication::applicationDirPath() + QLatin1Char('/') +
+                      QStringLiteral("downloadmanager.ini"))
+{
+}
+
+DownloadManager::DownloadManager(const QString &settingsPath)
+    : QObject(nullptr), networkManager(nullptr), database(nullptr), settings(nullptr),
+      settingsPath(settingsPath)
 {
     networkManager = new QNetworkAccessManager(this);
     loadSettings();
@@ -47,10 +54,8 @@ DownloadManager::~DownloadManager()
 
 void DownloadManager::loadSettings()
 {
-    const QString path =
-        QCoreApplication::applicationDirPath() + QLatin1Char('/') + "downloadmanager.ini";
-    DLM_LOGI("settings file : %s", path.toLocal8Bit().constData());
-    settings = new QSettings(path, QSettings::NativeFormat);
+    DLM_LOGI("settings file : %s", settingsPath.toLocal8Bit().constData());
+    settings = new QSettings(settingsPath, QSettings::NativeFormat);
 }
 
 QString DownloadManager::getSettingsValue(const QString &key, const QString &defaultValue)
@@ -76,6 +81,11 @@ void DownloadManager::createClients()
             binderClient->destroy();
         }
     }
+}
+
+void DownloadManager::addClient(DLBaseClient *client)
+{
+    clients.append(client);
 }
 
 void DownloadManager::execute()

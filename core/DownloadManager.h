@@ -21,9 +21,13 @@ class DownloadManager : public QObject
 
 public:
     DownloadManager();
+    // Reads its settings from settingsPath instead of the file next to the executable.
+    explicit DownloadManager(const QString &settingsPath);
     ~DownloadManager() override;
 
     void loadSettings();
+    // Registers one more front end after construction; the manager owns it from then on.
+    void addClient(DLBaseClient *client);
     QString getSettingsValue(const QString &key, const QString &defaultValue);
 
     // Stops the service: destroys the clients, then the downloads, then the database, and leaves
@@ -80,5 +84,6 @@ private:
     DownloadDataBase *database;
     QHash<QString, QString> downloadPaths;
     QSettings *settings;
+    QString settingsPath;
     bool quitting = false;
 };
