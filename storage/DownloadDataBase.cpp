@@ -72,6 +72,9 @@ bool DownloadDataBase::useWriteAheadLog()
 
 bool DownloadDataBase::run(QSqlQuery &query, const QString &statement, const QVariantList &values)
 {
+    // Without a connection the service runs on in memory; the failed open was logged once.
+    if (!db.isOpen())
+        return false;
     if (!query.prepare(statement)) {
         DLM_LOGE("Unable to prepare \"%s\": %s", local(statement).constData(),
             local(query.lastError().text()).constData());
