@@ -27,8 +27,7 @@ void captureLog(const __android_logger_data *data, const char *message)
     __android_log_stderr_logger(data, message);
 }
 
-struct Record
-{
+struct Record {
     QString uniqueID, clientID, name, contentURL, filePath;
     unsigned state, failureCode;
     qint64 totalSize, amountDownloaded, startTime;
@@ -36,33 +35,32 @@ struct Record
 
 QVariantList values(const Record &r)
 {
-    return {r.uniqueID, r.clientID,    r.name,      r.contentURL,       r.filePath,
-            r.state,    r.failureCode, r.totalSize, r.amountDownloaded, r.startTime};
+    return { r.uniqueID, r.clientID, r.name, r.contentURL, r.filePath, r.state, r.failureCode,
+        r.totalSize, r.amountDownloaded, r.startTime };
 }
 
 QVariantList values(const Download *d)
 {
-    return {d->uniqueID, d->clientID,    d->name,      d->contentURL,       d->filePath,
-            d->state,    d->failureCode, d->totalSize, d->amountDownloaded, d->startTime};
+    return { d->uniqueID, d->clientID, d->name, d->contentURL, d->filePath, d->state,
+        d->failureCode, d->totalSize, d->amountDownloaded, d->startTime };
 }
 
 std::unique_ptr<Download> makeDownload(const Record &r)
 {
     return std::make_unique<Download>(nullptr, nullptr, r.uniqueID, r.clientID, r.name,
-                                      r.contentURL, r.filePath, r.state, r.failureCode,
-                                      r.totalSize, r.amountDownloaded, r.startTime);
+        r.contentURL, r.filePath, r.state, r.failureCode, r.totalSize, r.amountDownloaded,
+        r.startTime);
 }
 
-const Record kPaused{"a1", "appA", "a.zip", "http://127.0.0.1:9/a.zip", "/tmp/a.zip", 4, 1,
-                     5'000'000'000LL, 123456, 1700000000123LL};
+const Record kPaused { "a1", "appA", "a.zip", "http://127.0.0.1:9/a.zip", "/tmp/a.zip", 4, 1,
+    5'000'000'000LL, 123456, 1700000000123LL };
 const QString kCreate = QStringLiteral(
     "CREATE TABLE downloads (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, name TEXT, "
     "contentURL TEXT, filePath TEXT, state NUMERIC, failureCode NUMERIC, totalSize NUMERIC, "
     "amountDownloaded NUMERIC, startTime NUMERIC)");
 } // namespace
 
-class tst_DownloadDataBase : public QObject
-{
+class tst_DownloadDataBase : public QObject {
     Q_OBJECT
 
 private slots:
@@ -205,10 +203,10 @@ void tst_DownloadDataBase::secondStartRestoresEveryRowInStoredOrder()
     // Paused and Completed downloads are restored without being launched, so every value stays
     // as stored; keys are deliberately out of alphabetical order.
     const QList<Record> stored = {
-        {"zz", "appB", "z.bin", "http://127.0.0.1:9/z.bin", "/tmp/z.bin", 1, 4, 777, 777, 1},
+        { "zz", "appB", "z.bin", "http://127.0.0.1:9/z.bin", "/tmp/z.bin", 1, 4, 777, 777, 1 },
         kPaused,
-        {"it's \"quoted\"", "shell", "q", "http://127.0.0.1:9/q", "/tmp/q", 4, 4, 0, 0, 0},
-        {"m", "", "", "http://127.0.0.1:9/", "/tmp/download", 1, 1, -1, 0, 9'000'000'000'000LL},
+        { "it's \"quoted\"", "shell", "q", "http://127.0.0.1:9/q", "/tmp/q", 4, 4, 0, 0, 0 },
+        { "m", "", "", "http://127.0.0.1:9/", "/tmp/download", 1, 1, -1, 0, 9'000'000'000'000LL },
     };
     {
         auto manager = startManager(dir->path());
@@ -231,12 +229,12 @@ void tst_DownloadDataBase::reportInsertsThenUpdatesOneRow()
     auto manager = startManager(dir->path());
     auto download = makeDownload(kPaused);
     manager->updateDownload(download.get());
-    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList>{values(kPaused)});
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(kPaused) });
 
     download->state = Download::Progressing;
     download->amountDownloaded = 200000;
     manager->updateDownload(download.get());
-    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList>{values(download.get())});
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(download.get()) });
     stopManager(manager);
 }
 
@@ -248,7 +246,7 @@ void tst_DownloadDataBase::addOfStoredKeyIsRefused()
     download->name = "other";
     download->amountDownloaded = 1;
     QVERIFY(!db.addEntry(download.get()));
-    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList>{values(kPaused)});
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(kPaused) });
 }
 
 void tst_DownloadDataBase::missingKeyIsRefused_data()
@@ -269,7 +267,7 @@ void tst_DownloadDataBase::missingKeyIsRefused()
     auto missing = makeDownload(other);
     QVERIFY(update ? !db.updateEntry(missing.get()) : !db.deleteEntry(missing.get()));
     QVERIFY(!db.isDBEntryAvailable("a2"));
-    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList>{values(kPaused)});
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(kPaused) });
 }
 
 void tst_DownloadDataBase::updateKeepsWriteOnceColumns()
@@ -277,8 +275,8 @@ void tst_DownloadDataBase::updateKeepsWriteOnceColumns()
     DownloadDataBase db(nullptr, dbFile());
     auto download = makeDownload(kPaused);
     QVERIFY(db.addEntry(download.get()));
-    const Record changed{kPaused.uniqueID, "appZ", "renamed", "http://x/other", "/data/other",
-                         Download::Completed, 1, 6'000'000'000LL, 6'000'000'000LL, 42};
+    const Record changed { kPaused.uniqueID, "appZ", "renamed", "http://x/other", "/data/other",
+        Download::Completed, 1, 6'000'000'000LL, 6'000'000'000LL, 42 };
     auto update = makeDownload(changed);
     QVERIFY(db.updateEntry(update.get()));
 
@@ -287,7 +285,7 @@ void tst_DownloadDataBase::updateKeepsWriteOnceColumns()
     expected.contentURL = kPaused.contentURL;
     expected.filePath = kPaused.filePath;
     expected.startTime = kPaused.startTime;
-    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList>{values(expected)});
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(expected) });
 }
 
 void tst_DownloadDataBase::deleteRemovesOnlyItsRow()
@@ -302,7 +300,7 @@ void tst_DownloadDataBase::deleteRemovesOnlyItsRow()
     QVERIFY(db.deleteEntry(first.get()));
     QVERIFY(!db.isDBEntryAvailable(kPaused.uniqueID));
     QVERIFY(!db.deleteEntry(first.get()));
-    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList>{values(second)});
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(second) });
 }
 
 void tst_DownloadDataBase::keysAreBoundNotSpliced_data()
@@ -333,9 +331,9 @@ void tst_DownloadDataBase::keysAreBoundNotSpliced()
     download->amountDownloaded = 99;
     QVERIFY(db.updateEntry(download.get()));
     quoted.amountDownloaded = 99;
-    QCOMPARE(rowsOnDisk(dbFile()), (QList<QVariantList>{values(neighbour), values(quoted)}));
+    QCOMPARE(rowsOnDisk(dbFile()), (QList<QVariantList> { values(neighbour), values(quoted) }));
     QVERIFY(db.deleteEntry(download.get()));
-    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList>{values(neighbour)});
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(neighbour) });
 }
 
 void tst_DownloadDataBase::clearEmptiesTheTable()
