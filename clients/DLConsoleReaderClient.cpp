@@ -7,6 +7,7 @@
 #include <QSocketNotifier>
 
 #include <cerrno>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -75,6 +76,9 @@ DLConsoleReaderClient::DLConsoleReaderClient(DownloadManager *manager)
     : DLBaseClient(manager), inputNotifier(nullptr)
 {
     manager->setDownloadPath(kShellClientID, kShellDirectory);
+    // A service started with standard input closed has nothing to listen to.
+    if (::fcntl(0, F_GETFD) < 0)
+        return;
     inputNotifier = new QSocketNotifier(0, QSocketNotifier::Read);
     connect(inputNotifier, &QSocketNotifier::activated, this, &DLConsoleReaderClient::text);
 }
@@ -129,7 +133,8 @@ bool DLConsoleReaderClient::handleLine(const QByteArray &rawLine)
 void DLConsoleReaderClient::stopListening()
 {
     // At end of input the descriptor stays readable forever; keep the service running, quietly.
-    inputNotifier->setEnabled(false);
+    if (inputNotifier)
+        inputNotifier->setEnabled(false);
 }
 
 void DLConsoleReaderClient::HandleText(const QString &line)
