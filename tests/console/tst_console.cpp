@@ -6,6 +6,8 @@
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QRegularExpression>
+#include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QtTest>
 
 namespace {
@@ -96,6 +98,22 @@ qint64 cpuTicks(qint64 pid)
     const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
     return fields.value(11).toLongLong() + fields.value(12).toLongLong();
 }
+// Runs statements on the service's database through a connection of its own.
+bool execOnDatabase(const QString &file, const QStringList &statements)
+{
+    bool ok = true;
+    {
+        QSqlDatabase db
+            = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("test"));
+        db.setDatabaseName(file);
+        ok = db.open();
+        QSqlQuery query(db);
+        for (const QString &statement : statements)
+            ok = ok && query.exec(statement);
+    }
+    QSqlDatabase::removeDatabase(QStringLiteral("test"));
+    return ok;
+}
 } // namespace
 
 class tst_Console : public QObject {
@@ -115,6 +133,7 @@ private slots:
     void pauseAllNamesEveryDownload();
     void restartCompletedDownload();
     void removeKeepsFilesOnDisk();
+    void removeRefusedByTheDatabaseKeepsTheDownload();
     void closedInputKeepsServiceRunningAndIdle_data();
     void closedInputKeepsServiceRunningAndIdle();
     void downloadContinuesAfterInputCloses();
@@ -134,7 +153,6 @@ private:
 
 bool tst_Console::startService(ServiceProcess &service)
 {
-    syncCount = 0;
     return service.start() && service.waitForErr("Enter your command:\n");
 }
 
@@ -514,6 +532,60 @@ void tst_Console::removeKeepsFilesOnDisk()
     QCOMPARE(readFile(pathA), FakeHttpServer::makeBody(5000, 1));
     QCOMPARE(readFile(pathB), FakeHttpServer::makeBody(6000, 2));
     QCOMPARE(readFile(pathC), FakeHttpServer::makeBody(7000, 3));
+}
+
+void tst_Console::removeRefusedByTheDatabaseKeepsTheDownload()
+{
+    ServiceProcess service;
+    const QString pathA = service.downloadsDir() + "a.part";
+    const QString pathB = service.downloadsDir() + "b.part";
+    QDir().mkpath(service.downloadsDir());
+    QDir().mkpath(service.databaseDir());
+    for (const QString &path : { pathA, pathB }) {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(QByteArray(100, 'p')) == 100);
+    }
+    // Two paused downloads come back at start without being launched.
+    const QString insert = QStringLiteral(
+        "INSERT INTO downloads VALUES ('%1', 'shell', 'n', 'http://127.0.0.1:1/%1', '%2', 4, 4, "
+        "1000, 100, 1)");
+    QVERIFY(execOnDatabase(service.databaseFile(),
+        { "CREATE TABLE downloads (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
+          "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, failureCode NUMERIC, "
+          "totalSize NUMERIC, amountDownloaded NUMERIC, startTime NUMERIC)",
+            insert.arg("p1", pathA), insert.arg("p2", pathB) }));
+    QVERIFY(startService(service));
+
+    const QList<QByteArray> listing
+        = { "List of downloads:", entryLine("Download:", "p1", pathA, "Paused", 100, 1000),
+              entryLine("Download:", "p2", pathB, "Paused", 100, 1000) };
+    qsizetype mark = service.stdErr().size();
+    service.writeLine("list");
+    QVERIFY(sync(service));
+    QCOMPARE(consoleSince(service, mark), listing + QList<QByteArray> { "Path sync1 set." });
+
+    // Without its row the database refuses the deletion: the download stays.
+    QVERIFY(
+        execOnDatabase(service.databaseFile(), { "DELETE FROM downloads WHERE uniqueID = 'p1'" }));
+    mark = service.stdErr().size();
+    service.writeLine("remove p1");
+    service.writeLine("list");
+    QVERIFY(sync(service));
+    QCOMPARE(consoleSince(service, mark), listing + QList<QByteArray> { "Path sync2 set." });
+    QList<QByteArray> log = splitErr(service.stdErr().mid(mark)).log;
+    const qsizetype refused = log.indexOf("Unable to delete p1");
+    QVERIFY(refused >= 0);
+    QCOMPARE(log.value(refused + 1), QByteArray("p1 not found. Unable to delete."));
+
+    // Removing all of them does not depend on the database.
+    mark = service.stdErr().size();
+    service.writeLine("remove all");
+    service.writeLine("list");
+    QVERIFY(sync(service));
+    const QList<QByteArray> expected = { "List of downloads:", "No downloads ", "Path sync3 set." };
+    QCOMPARE(consoleSince(service, mark), expected);
+    QCOMPARE(readFile(pathA), QByteArray(100, 'p'));
+    QCOMPARE(readFile(pathB), QByteArray(100, 'p'));
 }
 
 void tst_Console::closedInputKeepsServiceRunningAndIdle_data()
