@@ -258,7 +258,8 @@ void Connection::handleFrame(wire::Frame &&frame)
     }
 
     const bool oneway = frame.flags & IBinder::FLAG_ONEWAY;
-    const size_t bytes = frame.data.size() + frame.objects.size() * sizeof(wire::Object);
+    // Counts bookkeeping too, so a flood of empty calls is bounded as well.
+    const size_t bytes = frame.data.size() + frame.objects.size() * sizeof(wire::Object) + 256;
     if (mInCalls >= kMaxQueuedInCalls || mInBytes + bytes > kMaxQueuedInBytes) {
         lock.unlock();
         shutdown("too many queued incoming calls");

@@ -32,7 +32,7 @@ public:
 
     static constexpr size_t kMaxQueuedOutBytes = 8u << 20;
     static constexpr size_t kMaxQueuedInBytes = 16u << 20;
-    static constexpr size_t kMaxQueuedInCalls = 1024;
+    static constexpr size_t kMaxQueuedInCalls = 16384;
 
 private:
     struct Incoming {
