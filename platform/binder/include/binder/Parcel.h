@@ -1,5 +1,6 @@
 #pragma once
 
+#include <binder/IBinder.h>
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 #include <utils/String16.h>
@@ -11,7 +12,6 @@
 
 namespace android {
 
-class IBinder;
 class Connection;
 
 // A flat message buffer. Reads never go past the end: they fail with NOT_ENOUGH_DATA and yield
