@@ -231,6 +231,7 @@ void tst_Ipc::parcelRoundTripsThroughService()
     QCOMPARE(reply.readInt32(), 0);
     QCOMPARE(reply.dataAvail(), size_t(0));
 
+    QVERIFY(mService->asBinder() == remote);
     QVERIFY(defaultServiceManager()->checkService(String16(kServiceName)) == remote);
     QVERIFY(defaultServiceManager()->checkService(String16("absent")) == nullptr);
     QCOMPARE(remote->getInterfaceDescriptor(), IDemoService::descriptor);
@@ -379,6 +380,14 @@ void tst_Ipc::hostileInputLeavesServiceServing_data()
     const QByteArray valid = frameBytes(callFrame(0, IDemoService::ADD, add));
     QByteArray lyingObjects = valid;
     lyingObjects[lyingObjects.size() - 4] = 100; // object count beyond the frame
+    wire::Frame manyObjects = callFrame(0, IDemoService::ADD, add);
+    manyObjects.objects.resize(wire::kMaxObjects, { wire::SenderObject, 5 });
+    QByteArray tooManyObjects = frameBytes(manyObjects);
+    const uint32_t count = wire::kMaxObjects + 1;
+    const uint32_t body = uint32_t(tooManyObjects.size()) - wire::kHeaderSize + 12;
+    memcpy(tooManyObjects.data() + 4, &body, 4);
+    memcpy(tooManyObjects.data() + tooManyObjects.size() - wire::kMaxObjects * 12 - 4, &count, 4);
+    tooManyObjects += frameBytes(manyObjects).right(12);
     QByteArray garbage(4096, '\0');
     for (int i = 0; i < garbage.size(); ++i)
         garbage[i] = char((i * 7919) ^ (i >> 3));
@@ -398,6 +407,8 @@ void tst_Ipc::hostileInputLeavesServiceServing_data()
     QTest::newRow("unknown command") << header(9, 4) + QByteArray(4, '\0') << false << 0;
     QTest::newRow("short body") << header(wire::Transact, 10) + QByteArray(10, '\1') << false << 0;
     QTest::newRow("lying object count") << lyingObjects << false << 0;
+    QTest::newRow("valid call with many objects") << frameBytes(manyObjects) << true << 0;
+    QTest::newRow("too many objects") << tooManyObjects << false << 0;
     QTest::newRow("reply nobody asked for") << frameBytes(unknownReply) << false << 0;
     QTest::newRow("garbage") << garbage << false << 0;
     QTest::newRow("truncated header, then silence") << QByteArray(5, '\1') << false << -1;

@@ -83,6 +83,7 @@ private slots:
     void validFramesRoundTrip();
     void mutatedInputNeverMisdecodes();
     void connectionSurvivesMutatedStreams();
+    void releasedProxiesLeaveTheTable();
 };
 
 void tst_IpcWireFuzz::validFramesRoundTrip()
@@ -156,6 +157,51 @@ void tst_IpcWireFuzz::connectionSurvivesMutatedStreams()
         client->proxyFor(0)->transact(IBinder::FIRST_CALL_TRANSACTION, data, &reply), NO_ERROR);
     QCOMPARE(reply.readInt32(), 42);
     client->shutdown("test done");
+}
+
+void tst_IpcWireFuzz::releasedProxiesLeaveTheTable()
+{
+    // A peer that names ever new objects must not grow the receiver's tables without bound.
+    int fds[2];
+    QCOMPARE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    timeval timeout { 10, 0 };
+    setsockopt(fds[1], SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    std::shared_ptr<Connection> server = Connection::start(fds[0], new Adder);
+    for (uint64_t round = 0; round < 20; ++round) {
+        wire::Frame call;
+        call.command = wire::Transact;
+        call.txnId = round + 1;
+        call.code = IBinder::FIRST_CALL_TRANSACTION;
+        Parcel data;
+        data.writeInt32(1);
+        data.writeStrongBinder(nullptr);
+        data.writeInt32(2);
+        call.data.assign(data.data(), data.data() + data.dataSize());
+        for (uint64_t i = 0; i < wire::kMaxObjects; ++i)
+            call.objects.push_back({ wire::SenderObject, round * wire::kMaxObjects + i });
+        const std::vector<uint8_t> bytes = wire::encode(call);
+        QCOMPARE(send(fds[1], bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
+
+        uint8_t in[64];
+        size_t got = 0;
+        uint32_t command = 0, size = 0;
+        while (got < wire::kHeaderSize || got < wire::kHeaderSize + size) {
+            const ssize_t n = recv(fds[1], in + got, sizeof in - got, 0);
+            QVERIFY(n > 0);
+            got += size_t(n);
+            if (got >= wire::kHeaderSize)
+                QVERIFY(wire::decodeHeader(in, &command, &size) && size < sizeof in);
+        }
+        wire::Frame reply;
+        QVERIFY(wire::decodeBody(command, in + wire::kHeaderSize, size, &reply));
+        QCOMPARE(reply.status, int32_t(NO_ERROR));
+        QCOMPARE(reply.data.size(), size_t(4));
+        QCOMPARE(reply.data[0], uint8_t(3));
+    }
+    QTRY_COMPARE(server->proxyCount(), size_t(0));
+    QVERIFY(server->isAlive());
+    close(fds[1]);
+    QTRY_VERIFY(!server->isAlive());
 }
 
 QTEST_GUILESS_MAIN(tst_IpcWireFuzz)

@@ -10,6 +10,11 @@ BpBinder::BpBinder(const std::shared_ptr<Connection> &connection, uint64_t handl
 {
 }
 
+BpBinder::~BpBinder()
+{
+    mConnection->forgetProxy(mHandle, this);
+}
+
 const String16 &BpBinder::getInterfaceDescriptor() const
 {
     std::lock_guard<std::mutex> lock(mDescriptorLock);
@@ -56,7 +61,8 @@ status_t BpBinder::linkToDeath(const sp<DeathRecipient> &recipient, void *cookie
     if (recipient == nullptr)
         return BAD_VALUE;
     std::lock_guard<std::mutex> lock(mLock);
-    if (mDead)
+    // A proxy made after its connection closed will never be told; say so now.
+    if (mDead || !mConnection->isAlive())
         return DEAD_OBJECT;
     mObituaries.push_back({ recipient, cookie, flags });
     return NO_ERROR;

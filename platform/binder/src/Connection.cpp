@@ -60,6 +60,20 @@ sp<IBinder> Connection::proxyFor(uint64_t handle)
     return proxy;
 }
 
+void Connection::forgetProxy(uint64_t handle, const BpBinder *proxy)
+{
+    std::lock_guard<std::mutex> lock(mLock);
+    auto it = mProxies.find(handle);
+    if (it != mProxies.end() && it->second.unsafe_get() == proxy)
+        mProxies.erase(it);
+}
+
+size_t Connection::proxyCount() const
+{
+    std::lock_guard<std::mutex> lock(mLock);
+    return mProxies.size();
+}
+
 status_t Connection::toWireLocked(const Parcel &parcel, wire::Frame *frame)
 {
     frame->data = parcel.mData;
@@ -111,7 +125,7 @@ status_t Connection::fromWireLocked(wire::Frame &frame, Parcel *parcel)
 
 bool Connection::queueLocked(std::vector<uint8_t> &&bytes)
 {
-    if (mOutBytes + bytes.size() > kMaxQueuedOutBytes)
+    if (mOutBytes + bytes.size() > kMaxQueuedOutBytes || mOut.size() >= kMaxQueuedOutFrames)
         return false;
     mOutBytes += bytes.size();
     mOut.push_back(std::move(bytes));
@@ -244,6 +258,9 @@ void Connection::drainOneway(uint64_t target)
 void Connection::handleFrame(wire::Frame &&frame)
 {
     std::unique_lock<std::mutex> lock(mLock);
+    // Proxies made now would miss the death notice that has already gone out.
+    if (mDead)
+        return;
     if (frame.command == wire::Reply) {
         auto it = mPending.find(frame.txnId);
         if (it == mPending.end() || it->second->done) {
@@ -258,8 +275,8 @@ void Connection::handleFrame(wire::Frame &&frame)
     }
 
     const bool oneway = frame.flags & IBinder::FLAG_ONEWAY;
-    // Counts bookkeeping too, so a flood of empty calls is bounded as well.
-    const size_t bytes = frame.data.size() + frame.objects.size() * sizeof(wire::Object) + 256;
+    // Counts bookkeeping and proxies too, so floods of empty calls or objects are bounded as well.
+    const size_t bytes = frame.data.size() + frame.objects.size() * 256 + 256;
     if (mInCalls >= kMaxQueuedInCalls || mInBytes + bytes > kMaxQueuedInBytes) {
         lock.unlock();
         shutdown("too many queued incoming calls");

@@ -25,12 +25,16 @@ public:
     ~Connection();
 
     sp<IBinder> proxyFor(uint64_t handle);
+    // Called by a proxy's destructor so that the table holds only live proxies.
+    void forgetProxy(uint64_t handle, const BpBinder *proxy);
+    size_t proxyCount() const;
     status_t transact(
         uint64_t handle, uint32_t code, const Parcel &data, Parcel *reply, uint32_t flags);
     bool isAlive() const;
     void shutdown(const char *reason);
 
     static constexpr size_t kMaxQueuedOutBytes = 8u << 20;
+    static constexpr size_t kMaxQueuedOutFrames = 8192;
     static constexpr size_t kMaxQueuedInBytes = 16u << 20;
     static constexpr size_t kMaxQueuedInCalls = 16384;
 

@@ -46,7 +46,7 @@ std::vector<uint8_t> encode(const Frame &frame)
     } else {
         w.put(frame.status);
     }
-    if (frame.data.size() > kMaxBody || frame.objects.size() > kMaxBody)
+    if (frame.data.size() > kMaxBody || frame.objects.size() > kMaxObjects)
         return {};
     w.put<uint32_t>(static_cast<uint32_t>(frame.data.size()));
     w.out.insert(w.out.end(), frame.data.begin(), frame.data.end());
@@ -96,7 +96,7 @@ bool decodeBody(uint32_t command, const uint8_t *body, size_t size, Frame *out)
     r.left -= dataSize;
     uint32_t count = 0;
     constexpr size_t kObjectSize = sizeof(uint32_t) + sizeof(uint64_t);
-    if (!r.get(&count) || size_t(count) * kObjectSize != r.left)
+    if (!r.get(&count) || count > kMaxObjects || size_t(count) * kObjectSize != r.left)
         return false;
     out->objects.resize(count);
     for (Object &o : out->objects) {

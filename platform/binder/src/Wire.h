@@ -10,6 +10,8 @@ namespace android::wire {
 
 constexpr size_t kHeaderSize = 8;
 constexpr size_t kMaxBody = 1u << 20;
+// Each object costs the receiver a proxy, so a frame may carry only a few.
+constexpr size_t kMaxObjects = 1024;
 
 enum Command : uint32_t { Transact = 1, Reply = 2 };
 // Which side's table an object id refers to, seen from the sender.
@@ -32,11 +34,12 @@ struct Frame {
     std::vector<Object> objects;
 };
 
-// Returns the whole frame including its header; empty when the body would exceed kMaxBody.
+// Returns the whole frame including its header; empty when the body would exceed kMaxBody or
+// the objects kMaxObjects.
 std::vector<uint8_t> encode(const Frame &frame);
 // False when the header's size is beyond kMaxBody or the command is unknown.
 bool decodeHeader(const uint8_t *header, uint32_t *command, uint32_t *bodySize);
-// False on any truncated, oversized or trailing field.
+// False on any truncated, oversized or trailing field, or too many objects.
 bool decodeBody(uint32_t command, const uint8_t *body, size_t size, Frame *out);
 
 } // namespace android::wire

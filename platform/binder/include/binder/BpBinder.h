@@ -31,6 +31,9 @@ public:
     // Called by the runtime once the peer is gone; must be called with no runtime lock held.
     void sendObituary();
 
+protected:
+    ~BpBinder() override;
+
 private:
     struct Obituary {
         wp<DeathRecipient> recipient;
