@@ -1,0 +1,90 @@
+#pragma once
+
+#include "Wire.h"
+
+#include <binder/BpBinder.h>
+#include <binder/Parcel.h>
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sys/types.h>
+
+namespace android {
+
+// One socket to one peer process, carrying calls in both directions. A reader thread takes
+// frames off the socket; a writer thread drains a bounded queue so no caller blocks on a slow
+// peer. Objects we send are exported (kept alive) until the connection closes. Any read or write
+// failure, protocol violation or overflow shuts the connection down and reports its proxies dead.
+class Connection : public std::enable_shared_from_this<Connection> {
+public:
+    // Takes ownership of `fd`; `root` (may be null) is what the peer reaches as handle 0.
+    static std::shared_ptr<Connection> start(int fd, const sp<IBinder> &root);
+    ~Connection();
+
+    sp<IBinder> proxyFor(uint64_t handle);
+    // Called by a proxy's destructor so that the table holds only live proxies.
+    void forgetProxy(uint64_t handle, const BpBinder *proxy);
+    size_t proxyCount() const;
+    status_t transact(
+        uint64_t handle, uint32_t code, const Parcel &data, Parcel *reply, uint32_t flags);
+    bool isAlive() const;
+    void shutdown(const char *reason);
+
+    static constexpr size_t kMaxQueuedOutBytes = 8u << 20;
+    static constexpr size_t kMaxQueuedOutFrames = 8192;
+    static constexpr size_t kMaxQueuedInBytes = 16u << 20;
+    static constexpr size_t kMaxQueuedInCalls = 16384;
+
+private:
+    struct Incoming {
+        uint64_t txnId = 0;
+        uint32_t code = 0;
+        uint32_t flags = 0;
+        size_t bytes = 0;
+        sp<IBinder> target;
+        Parcel data;
+    };
+    using IncomingPtr = std::shared_ptr<Incoming>;
+    struct Pending {
+        std::condition_variable cv;
+        bool done = false;
+        wire::Frame reply;
+        std::deque<IncomingPtr> nested;
+    };
+
+    Connection(int fd, const sp<IBinder> &root);
+    void readLoop();
+    void writeLoop();
+    bool readFully(void *buf, size_t len);
+    void handleFrame(wire::Frame &&frame);
+    void execute(const IncomingPtr &call);
+    void drainOneway(uint64_t target);
+    void sendReply(uint64_t txnId, status_t status, const Parcel &reply);
+    bool queueLocked(std::vector<uint8_t> &&bytes);
+    status_t toWireLocked(const Parcel &parcel, wire::Frame *frame);
+    status_t fromWireLocked(wire::Frame &frame, Parcel *parcel);
+
+    const int mFd;
+    pid_t mPeerPid = -1;
+    uid_t mPeerUid = uid_t(-1);
+
+    mutable std::mutex mLock;
+    bool mDead = false;
+    std::condition_variable mWriterCv;
+    std::deque<std::vector<uint8_t>> mOut;
+    size_t mOutBytes = 0;
+    uint64_t mNextTxn = 1;
+    std::map<uint64_t, Pending *> mPending;
+    uint64_t mNextExport = 1;
+    std::map<uint64_t, sp<IBinder>> mExports;
+    std::map<IBinder *, uint64_t> mExportIds;
+    std::map<uint64_t, wp<BpBinder>> mProxies;
+    std::map<uint64_t, std::deque<IncomingPtr>> mOneway;
+    size_t mInCalls = 0;
+    size_t mInBytes = 0;
+};
+
+} // namespace android
