@@ -15,14 +15,9 @@
 
 namespace faults {
 
-enum : qint64 {
-    Completed = 1,
-    Progressing = 2,
-    Paused = 4,
-    Failed = 8,
-    Pending = 16,
-    Stalled = 32
-};
+// Stored states, as plain numbers so they go into test data and comparisons as they are.
+constexpr qint64 Completed = 1;
+constexpr qint64 Failed = 8;
 
 struct Result {
     int code = -1;
@@ -54,6 +49,13 @@ inline Result dlctl(const ServiceProcess &service, const QStringList &args, int 
     r.out = process.readAllStandardOutput();
     r.err = process.readAllStandardError();
     return r;
+}
+
+// The STATE word of "dlctl status", empty when the service does not answer.
+inline QByteArray stateOf(const ServiceProcess &service, const QString &uniqueID)
+{
+    const Result r = dlctl(service, { "status", uniqueID });
+    return r.code == 0 ? r.out.split(' ').value(2) : QByteArray();
 }
 
 inline QByteArray readFile(const QString &path)
