@@ -61,9 +61,9 @@ QByteArray updateLine(const QString &path, const char *state, qint64 received, q
 }
 
 QByteArray entryLine(const char *label, const QByteArray &id, const QString &path,
-    const char *state, qint64 received, qint64 total)
+    const char *state, qint64 received, qint64 total, const QByteArray &client = "shell")
 {
-    return QByteArray(label) + "  uniqueID: \"" + id + "\"  clientID: \"shell\"  file: \""
+    return QByteArray(label) + "  uniqueID: \"" + id + "\"  clientID: \"" + client + "\"  file: \""
         + path.toLocal8Bit() + "\"  status:  \"" + state + "\"  DL: " + QByteArray::number(received)
         + " / " + QByteArray::number(total) + " ";
 }
@@ -134,6 +134,7 @@ private slots:
     void restartCompletedDownload();
     void removeKeepsFilesOnDisk();
     void removeRefusedByTheDatabaseKeepsTheDownload();
+    void downloadOfAnotherClientIsReported();
     void closedInputKeepsServiceRunningAndIdle_data();
     void closedInputKeepsServiceRunningAndIdle();
     void downloadContinuesAfterInputCloses();
@@ -586,6 +587,44 @@ void tst_Console::removeRefusedByTheDatabaseKeepsTheDownload()
     QCOMPARE(consoleSince(service, mark), expected);
     QCOMPARE(readFile(pathA), QByteArray(100, 'p'));
     QCOMPARE(readFile(pathB), QByteArray(100, 'p'));
+}
+
+void tst_Console::downloadOfAnotherClientIsReported()
+{
+    FakeHttpServer server;
+    const QByteArray body = FakeHttpServer::makeBody(50000, 11);
+    server.setBody("/remote.bin", body);
+
+    ServiceProcess service;
+    QVERIFY(startService(service));
+    // Another process creates a download over IPC for its own client.
+    const auto runCtl = [&](const QStringList &args) {
+        QProcess ctl;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("BINDER_SOCKET_DIR", service.socketDir());
+        ctl.setProcessEnvironment(env);
+        ctl.start(QStringLiteral(DLCTL_BINARY), args);
+        // The fake server needs this thread's event loop while the tool runs.
+        QDeadlineTimer deadline(10000);
+        while (ctl.state() != QProcess::NotRunning && !deadline.hasExpired())
+            QTest::qWait(20);
+        return ctl.exitStatus() == QProcess::NormalExit && ctl.exitCode() == 0;
+    };
+    QVERIFY(runCtl({ "set-path", "appB", service.downloadsDir() }));
+    QVERIFY(runCtl({ "create", server.url("/remote.bin").toString(), "--client", "appB", "--id",
+        "fromipc01" }));
+
+    const QString path = service.downloadsDir() + "remote.bin";
+    QVERIFY(service.waitForErr(updateLine(path, "Pending", 0, 0)));
+    QVERIFY(service.waitForErr(updateLine(path, "Completed", body.size(), body.size())));
+    QCOMPARE(readFile(path), body);
+    const qsizetype mark = service.stdErr().size();
+    service.writeLine("list shell");
+    QVERIFY(sync(service));
+    const QList<QByteArray> expected = { "List of downloads:",
+        entryLine("Download:", "fromipc01", path, "Completed", body.size(), body.size(), "appB"),
+        "Path sync1 set." };
+    QCOMPARE(consoleSince(service, mark), expected);
 }
 
 void tst_Console::closedInputKeepsServiceRunningAndIdle_data()
