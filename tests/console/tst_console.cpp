@@ -74,6 +74,18 @@ QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
 }
 
+// The identifier the manager logged when it launched the download of url.
+QByteArray launchedId(ServiceProcess &service, const QUrl &url)
+{
+    const QByteArray launched = "Download launched with uniqueID:";
+    QByteArray id;
+    for (const QByteArray &line : splitErr(service.stdErr()).log) {
+        if (line.startsWith(launched) && line.endsWith(" url: " + url.toEncoded()))
+            id = line.mid(launched.size(), 32);
+    }
+    return id;
+}
+
 // Waits until standard error matches pattern.
 bool waitForMatch(ServiceProcess &service, const char *pattern, int timeoutMs = 10000)
 {
@@ -173,18 +185,11 @@ bool tst_Console::sync(ServiceProcess &service)
 // returns its identifier.
 QByteArray tst_Console::createAndWait(ServiceProcess &service, const QUrl &url, QString *path)
 {
-    const QByteArray launched = "Download launched with uniqueID:";
-    const int before = service.stdErr().count(launched);
     service.writeLine("download_path " + service.downloadsDir().toLocal8Bit());
     service.writeLine("create " + url.toEncoded());
-    if (!service.waitForErrCount(launched, before + 1))
+    if (!service.waitForErr(" url: " + url.toEncoded() + "\n"))
         return QByteArray();
-    const QList<QByteArray> log = splitErr(service.stdErr()).log;
-    QByteArray id;
-    for (const QByteArray &line : log) {
-        if (line.startsWith(launched) && line.endsWith(" url: " + url.toEncoded()))
-            id = line.mid(launched.size(), 32);
-    }
+    const QByteArray id = launchedId(service, url);
     *path = service.downloadsDir() + url.fileName();
     const QByteArray done = "file: \"" + path->toLocal8Bit() + "\"  status:  \"Completed\"";
     if (!service.waitForErr(done))
@@ -405,9 +410,9 @@ void tst_Console::pauseAndResumeContinueWithRange()
     const QString path = service.downloadsDir() + "slow.bin";
     service.writeLine("download_path " + service.downloadsDir().toLocal8Bit());
     service.writeLine("create " + server.url("/slow.bin").toEncoded());
-    QVERIFY(service.waitForErr("Download launched with uniqueID:"));
-    const QByteArray launched = splitErr(service.stdErr()).log.last();
-    const QByteArray id = launched.mid(launched.indexOf(':') + 1, 32);
+    QVERIFY(service.waitForErr(" url: " + server.url("/slow.bin").toEncoded() + "\n"));
+    const QByteArray id = launchedId(service, server.url("/slow.bin"));
+    QCOMPARE(id.size(), 32);
     QVERIFY(waitForMatch(service, "\"Progressing\"  DL:  [1-9]"));
 
     service.writeLine("pause " + id);
