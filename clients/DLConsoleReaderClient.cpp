@@ -1,22 +1,177 @@
 #include "DLConsoleReaderClient.h"
 
+#include "Download.h"
 #include "DownloadManager.h"
 
+#include <QDebug>
 #include <QSocketNotifier>
-#include <QTextStream>
 
-#include <cstdio>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
 
-// Placeholder bodies; the console is implemented in its own change.
+namespace {
+const QString kShellClientID = QStringLiteral("shell");
+const QString kShellDirectory = QStringLiteral("/tmp/");
+const QString kAllClients = QStringLiteral("*");
+const qint64 kReadChunk = 64 * 1024;
+
+// One console message in the stream layout: every piece is followed by one blank, the last one
+// included. Qt 6's debug stream drops that last blank and escapes quoted strings, so the line is
+// composed here and written as it is.
+class ConsoleLine {
+public:
+    ConsoleLine &text(const char *piece)
+    {
+        line += QLatin1String(piece);
+        line += QLatin1Char(' ');
+        return *this;
+    }
+    ConsoleLine &value(const QString &piece)
+    {
+        line += QLatin1Char('"');
+        line += piece;
+        line += QLatin1String("\" ");
+        return *this;
+    }
+    ConsoleLine &number(qint64 piece)
+    {
+        line += QString::number(piece);
+        line += QLatin1Char(' ');
+        return *this;
+    }
+    ~ConsoleLine() { qDebug().noquote().nospace() << line; }
+
+private:
+    QString line;
+};
+
+// The part before the last blank (or the whole line) is the command; the argument has no blank.
+QString commandWord(const QString &line)
+{
+    const int lastBlank = line.lastIndexOf(QLatin1Char(' '));
+    return (lastBlank < 0 ? line : line.left(lastBlank)).trimmed();
+}
+
+void printDownload(const char *label, const Download *download)
+{
+    ConsoleLine()
+        .text(label)
+        .text(" uniqueID:")
+        .value(download->uniqueID)
+        .text(" clientID:")
+        .value(download->clientID)
+        .text(" file:")
+        .value(download->filePath)
+        .text(" status: ")
+        .value(download->stateAsString())
+        .text(" DL:")
+        .number(download->amountDownloaded)
+        .text("/")
+        .number(download->totalSize);
+}
+} // namespace
+
 DLConsoleReaderClient::DLConsoleReaderClient(DownloadManager *manager)
     : DLBaseClient(manager), inputNotifier(nullptr)
 {
-    manager->setDownloadPath(QStringLiteral("shell"), QStringLiteral("/tmp/"));
+    manager->setDownloadPath(kShellClientID, kShellDirectory);
+    // A service started with standard input closed has nothing to listen to.
+    if (::fcntl(0, F_GETFD) < 0)
+        return;
     inputNotifier = new QSocketNotifier(0, QSocketNotifier::Read);
     connect(inputNotifier, &QSocketNotifier::activated, this, &DLConsoleReaderClient::text);
 }
-DLConsoleReaderClient::~DLConsoleReaderClient() { delete inputNotifier; }
-void DLConsoleReaderClient::HandleText(const QString &) {}
+
+DLConsoleReaderClient::~DLConsoleReaderClient()
+{
+    delete inputNotifier;
+}
+
+void DLConsoleReaderClient::text()
+{
+    // One read per activation: the notifier fires again while more input is waiting, and a
+    // second read could block. Every complete line in the buffer is handled now, since a stream
+    // reader would keep lines that arrived together hidden from the notifier.
+    const qsizetype oldSize = pendingInput.size();
+    pendingInput.resize(oldSize + kReadChunk);
+    ssize_t received;
+    do {
+        received = ::read(0, pendingInput.data() + oldSize, size_t(kReadChunk));
+    } while (received < 0 && errno == EINTR);
+    const bool endOfInput = received == 0 || (received < 0 && errno != EAGAIN);
+    pendingInput.resize(oldSize + (received > 0 ? received : 0));
+
+    qsizetype start = 0;
+    for (qsizetype end; (end = pendingInput.indexOf('\n', start)) >= 0; start = end + 1) {
+        const QByteArray rawLine = pendingInput.mid(start, end - start);
+        if (!handleLine(rawLine))
+            return; // "quit": this client has been destroyed
+    }
+    pendingInput.remove(0, start);
+
+    if (endOfInput) {
+        stopListening();
+        if (!pendingInput.isEmpty()) {
+            const QByteArray lastLine = pendingInput;
+            pendingInput.clear();
+            handleLine(lastLine);
+        }
+    }
+}
+
+bool DLConsoleReaderClient::handleLine(const QByteArray &rawLine)
+{
+    QByteArray bytes = rawLine;
+    if (bytes.endsWith('\r'))
+        bytes.chop(1);
+    const QString line = QString::fromUtf8(bytes);
+    HandleText(line);
+    return commandWord(line) != QLatin1String("quit");
+}
+
+void DLConsoleReaderClient::stopListening()
+{
+    // At end of input the descriptor stays readable forever; keep the service running, quietly.
+    if (inputNotifier)
+        inputNotifier->setEnabled(false);
+}
+
+void DLConsoleReaderClient::HandleText(const QString &line)
+{
+    const QString command = commandWord(line);
+    const int lastBlank = line.lastIndexOf(QLatin1Char(' '));
+    const QString argument = lastBlank < 0 ? QString() : line.mid(lastBlank + 1).trimmed();
+
+    if (command == QLatin1String("create")) {
+        createDownload(kShellClientID, argument, QString(), QString());
+    } else if (command == QLatin1String("remove")) {
+        removeDownload(argument);
+    } else if (command == QLatin1String("pause")) {
+        downloadAction(argument, 0);
+    } else if (command == QLatin1String("resume")) {
+        downloadAction(argument, 1);
+    } else if (command == QLatin1String("restart")) {
+        downloadAction(argument, 2);
+    } else if (command == QLatin1String("status")) {
+        getDownload(argument);
+    } else if (command == QLatin1String("list")) {
+        getDownloadList(kAllClients);
+    } else if (command == QLatin1String("download_possible")) {
+        const qint64 size = qint64(argument.toULongLong());
+        qDebug("download_possible result: %d.", checkDownloadPossible(kShellClientID, size));
+    } else if (command == QLatin1String("download_path")) {
+        setDownloadPath(kShellClientID, argument);
+        qDebug("Path %s set.", argument.toLocal8Bit().constData());
+    } else if (command == QLatin1String("quit")) {
+        manager->quit(); // destroys this client: nothing of it may be touched after this call
+    } else if (command == QLatin1String("help")) {
+        help();
+    } else {
+        ConsoleLine().text("invalid format: ").value(line);
+    }
+}
+
 void DLConsoleReaderClient::help()
 {
     qDebug("Console help:");
@@ -30,17 +185,42 @@ void DLConsoleReaderClient::help()
     qDebug("download_path path:");
     qDebug("Enter your command:");
 }
-void DLConsoleReaderClient::updateDownloadEntry(Download *) {}
-void DLConsoleReaderClient::getDownloadList(const QString &) {}
-void DLConsoleReaderClient::getDownload(const QString &) {}
-void DLConsoleReaderClient::text()
+
+void DLConsoleReaderClient::updateDownloadEntry(Download *download)
 {
-    QTextStream input(stdin);
-    const QString line = input.readLine();
-    if (line.isNull()) {
-        inputNotifier->setEnabled(false);
+    ConsoleLine()
+        .text("Download update with file:")
+        .value(download->filePath)
+        .text(" status: ")
+        .value(download->stateAsString())
+        .text(" DL: ")
+        .number(download->amountDownloaded)
+        .text("/")
+        .number(download->totalSize);
+}
+
+void DLConsoleReaderClient::getDownloadList(const QString &clientID)
+{
+    if (clientID.isEmpty()) {
+        qDebug("uniqueID must be specified.");
         return;
     }
-    if (line.trimmed() == QLatin1String("quit"))
-        manager->quit();
+    qDebug("List of downloads:");
+    const QList<Download *> downloads = manager->getDownloadList(clientID);
+    if (downloads.isEmpty()) {
+        ConsoleLine().text("No downloads");
+        return;
+    }
+    for (const Download *download : downloads)
+        printDownload("Download:", download);
+}
+
+void DLConsoleReaderClient::getDownload(const QString &uniqueID)
+{
+    const Download *download = manager->getDownload(uniqueID);
+    if (!download) {
+        qDebug("No download found.");
+        return;
+    }
+    printDownload("Download status:", download);
 }

@@ -2,12 +2,13 @@
 
 #include "DLBaseClient.h"
 
+#include <QByteArray>
+
 class QSocketNotifier;
 
 // Operator console: one command per line on standard input, answers and a line for every change
 // of any download on standard error (through qDebug). Acts as client "shell". Main thread only.
-class DLConsoleReaderClient : public DLBaseClient
-{
+class DLConsoleReaderClient : public DLBaseClient {
     Q_OBJECT
 
 public:
@@ -28,5 +29,11 @@ signals:
     void textReceived(QString message);
 
 private:
+    // Carries out one line; false when it was "quit" and this client no longer exists.
+    bool handleLine(const QByteArray &rawLine);
+    void stopListening();
+
     QSocketNotifier *inputNotifier;
+    // Bytes read from standard input that do not yet form a complete line.
+    QByteArray pendingInput;
 };

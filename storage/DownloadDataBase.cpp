@@ -1,14 +1,178 @@
 #include "DownloadDataBase.h"
 
-// Placeholder bodies; the database is implemented in its own change.
-DownloadDataBase::DownloadDataBase(DownloadManager *manager, const QString &) : manager(manager) {}
-DownloadDataBase::~DownloadDataBase() = default;
-bool DownloadDataBase::open(const QString &) { return false; }
-void DownloadDataBase::close() {}
-bool DownloadDataBase::isTableInDB() { return false; }
-bool DownloadDataBase::isDBEntryAvailable(const QString &) { return false; }
-bool DownloadDataBase::addEntry(Download *) { return false; }
-bool DownloadDataBase::updateEntry(Download *) { return false; }
-bool DownloadDataBase::deleteEntry(Download *) { return false; }
-void DownloadDataBase::getDownloadList() {}
-void DownloadDataBase::clear() {}
+#include "DlmLog.h"
+#include "Download.h"
+#include "DownloadManager.h"
+
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QSqlRecord>
+
+namespace {
+const QString kTable = QStringLiteral("downloads");
+
+QByteArray local(const QString &text)
+{
+    return text.toLocal8Bit();
+}
+} // namespace
+
+DownloadDataBase::DownloadDataBase(DownloadManager *manager, const QString &path) : manager(manager)
+{
+    open(path);
+}
+
+DownloadDataBase::~DownloadDataBase()
+{
+    close();
+}
+
+bool DownloadDataBase::open(const QString &path)
+{
+    db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"));
+    db.setDatabaseName(path);
+    if (!db.open()) {
+        DLM_LOGE("Unable to open database %s: %s", local(path).constData(),
+            local(db.lastError().text()).constData());
+        return false;
+    }
+    if (!isTableInDB()) {
+        QSqlQuery query;
+        if (!run(query,
+                QStringLiteral("CREATE TABLE ") + kTable
+                    + QStringLiteral(" (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
+                                     "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, "
+                                     "failureCode NUMERIC, totalSize NUMERIC, amountDownloaded "
+                                     "NUMERIC, startTime NUMERIC);"),
+                {})) {
+            // A file that is no database stays untouched; later calls find a closed connection
+            // instead of failing (and logging) on every report.
+            close();
+            return false;
+        }
+    }
+    useWriteAheadLog();
+    return true;
+}
+
+bool DownloadDataBase::useWriteAheadLog()
+{
+    // Every commit of received data writes a row: appending to a log and syncing only at
+    // checkpoints keeps that cheap on flash, and a killed process still loses nothing.
+    QSqlQuery query;
+    if (!run(query, QStringLiteral("PRAGMA journal_mode=WAL"), {}))
+        return false;
+    const QString mode = query.next() ? query.value(0).toString() : QString();
+    if (mode.compare(QLatin1String("wal"), Qt::CaseInsensitive) != 0) {
+        DLM_LOGW("Database stays in journal mode %s", local(mode).constData());
+        return false;
+    }
+    return run(query, QStringLiteral("PRAGMA synchronous=NORMAL"), {});
+}
+
+bool DownloadDataBase::run(QSqlQuery &query, const QString &statement, const QVariantList &values)
+{
+    // Without a connection the service runs on in memory; the failed open was logged once.
+    if (!db.isOpen())
+        return false;
+    if (!query.prepare(statement)) {
+        DLM_LOGE("Unable to prepare \"%s\": %s", local(statement).constData(),
+            local(query.lastError().text()).constData());
+        return false;
+    }
+    for (const QVariant &value : values)
+        query.addBindValue(value);
+    if (!query.exec()) {
+        DLM_LOGE("Unable to execute \"%s\": %s", local(statement).constData(),
+            local(query.lastError().text()).constData());
+        return false;
+    }
+    return true;
+}
+
+void DownloadDataBase::close()
+{
+    if (db.isOpen())
+        db.close();
+}
+
+bool DownloadDataBase::isTableInDB()
+{
+    if (!db.isOpen())
+        return false;
+    return !db.record(kTable).isEmpty();
+}
+
+bool DownloadDataBase::isDBEntryAvailable(const QString &uniqueID)
+{
+    if (!db.isOpen())
+        return false;
+    QSqlQuery query;
+    query.setForwardOnly(true);
+    if (!run(query,
+            QStringLiteral("SELECT * FROM ") + kTable + QStringLiteral(" WHERE uniqueID = ?"),
+            { uniqueID }))
+        return false;
+    return query.next();
+}
+
+bool DownloadDataBase::addEntry(Download *download)
+{
+    if (isDBEntryAvailable(download->uniqueID))
+        return false;
+    QSqlQuery query;
+    return run(query,
+        QStringLiteral("INSERT INTO ") + kTable
+            + QStringLiteral(" (uniqueID, clientID, name, contentURL, filePath, state")
+            + QStringLiteral(", failureCode, totalSize, amountDownloaded, startTime)")
+            + QStringLiteral(" VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+        { download->uniqueID, download->clientID, download->name, download->contentURL,
+            download->filePath, download->state, download->failureCode, download->totalSize,
+            download->amountDownloaded, download->startTime });
+}
+
+bool DownloadDataBase::updateEntry(Download *download)
+{
+    if (!isDBEntryAvailable(download->uniqueID))
+        return false;
+    QSqlQuery query;
+    return run(query,
+        QStringLiteral("UPDATE ") + kTable
+            + QStringLiteral(
+                " set state = ?, name = ?, failureCode=?, totalSize=?, amountDownloaded=?")
+            + QStringLiteral(" where uniqueID = ?"),
+        { download->state, download->name, download->failureCode, download->totalSize,
+            download->amountDownloaded, download->uniqueID });
+}
+
+bool DownloadDataBase::deleteEntry(Download *download)
+{
+    if (!isDBEntryAvailable(download->uniqueID))
+        return false;
+    QSqlQuery query;
+    return run(query,
+        QStringLiteral("DELETE FROM ") + kTable + QStringLiteral(" WHERE uniqueID = ?"),
+        { download->uniqueID });
+}
+
+void DownloadDataBase::getDownloadList()
+{
+    QSqlQuery query;
+    query.setForwardOnly(true);
+    if (!run(query, QStringLiteral("SELECT * FROM ") + kTable + QStringLiteral(";"), {}))
+        return;
+    // Each row goes to the manager at once: launching it updates that same row on this
+    // connection before the next one is read.
+    while (query.next()) {
+        manager->createDownload(query.value(0).toString(), query.value(1).toString(),
+            query.value(2).toString(), query.value(3).toString(), query.value(4).toString(),
+            query.value(5).toUInt(), query.value(6).toUInt(), query.value(7).toLongLong(),
+            query.value(8).toLongLong(), query.value(9).toLongLong());
+    }
+}
+
+void DownloadDataBase::clear()
+{
+    QSqlQuery query;
+    run(query, QStringLiteral("DELETE FROM ") + kTable, {});
+}

@@ -2,14 +2,15 @@
 
 #include <QSqlDatabase>
 #include <QString>
+#include <QVariant>
 
 class Download;
 class DownloadManager;
+class QSqlQuery;
 
 // The "downloads" table in SQLite, one row per download, on Qt's default connection.
 // Main thread only. Every failure is a false result (and one ERROR line in the platform log).
-class DownloadDataBase
-{
+class DownloadDataBase {
 public:
     DownloadDataBase(DownloadManager *manager, const QString &path);
     ~DownloadDataBase();
@@ -26,6 +27,11 @@ public:
     void clear();
 
 private:
+    // Switches the open file to write-ahead logging with normal syncing; false when refused.
+    bool useWriteAheadLog();
+    // Prepares statement on the default connection and runs it; logs the driver's message.
+    bool run(QSqlQuery &query, const QString &statement, const QVariantList &values);
+
     QSqlDatabase db;
     DownloadManager *manager;
 };

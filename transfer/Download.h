@@ -77,6 +77,25 @@ public slots:
     void downloadProgress(qint64 bytesReceived, qint64 bytesTotal);
     void dataReadyRead();
 
+private slots:
+    void replyMetaDataChanged();
+
 private:
+    // How the current reply's HTTP status was judged; decided once, before any byte is written.
+    enum class ReplyVerdict { Unchecked, Accepted, Rejected, Settled };
+
     void report();
+    ReplyVerdict checkReply(bool redirectMayFollow);
+    void rejectReply();
+    void completeFromRangeAnswer(qint64 completeLength);
+    void startOverWithoutRange(bool contentChanged);
+    void restartInPlace(qint64 newTotal);
+
+    ReplyVerdict verdict = ReplyVerdict::Unchecked;
+    // Offset named by the Range header of the current request; 0 when none was sent.
+    qint64 requestOffset = 0;
+    // Complete length from a 206 answer's Content-Range; -1 when not known.
+    qint64 rangeTotal = -1;
+    // Set while abort() runs: the notifications it triggers are not progress.
+    bool aborting = false;
 };
