@@ -218,6 +218,14 @@ void tst_Ipc::parcelRoundTripsThroughService()
     QCOMPARE(remote->getInterfaceDescriptor(), IDemoService::descriptor);
     QCOMPARE(remote->pingBinder(), NO_ERROR);
     QCOMPARE(defaultServiceManager()->addService(String16(kServiceName), cb), ALREADY_EXISTS);
+    sp<RecordingCallback> first = new RecordingCallback;
+    sp<RecordingCallback> second = new RecordingCallback;
+    QCOMPARE(defaultServiceManager()->addService(String16("mine"), first), NO_ERROR);
+    QCOMPARE(defaultServiceManager()->addService(String16("mine"), second), NO_ERROR);
+    interface_cast<IDemoCallback>(defaultServiceManager()->checkService(String16("mine")))
+        ->onEvent(7, std::string(16, 'p'));
+    QTRY_COMPARE(second->events(), std::vector<int32_t> { 7 });
+    QVERIFY(first->events().empty());
     int32_t pid = 0, uid = -1;
     QCOMPARE(mService->whoAmI(&pid, &uid), NO_ERROR);
     QCOMPARE(pid, int32_t(getpid()));
