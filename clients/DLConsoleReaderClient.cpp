@@ -102,8 +102,10 @@ void DLConsoleReaderClient::text()
     const bool endOfInput = received == 0 || (received < 0 && errno != EAGAIN);
     pendingInput.resize(oldSize + (received > 0 ? received : 0));
 
+    // Only the new bytes can end the first line: a long line is not scanned again per chunk.
     qsizetype start = 0;
-    for (qsizetype end; (end = pendingInput.indexOf('\n', start)) >= 0; start = end + 1) {
+    for (qsizetype end = pendingInput.indexOf('\n', oldSize); end >= 0;
+         start = end + 1, end = pendingInput.indexOf('\n', start)) {
         const QByteArray rawLine = pendingInput.mid(start, end - start);
         if (!handleLine(rawLine))
             return; // "quit": this client has been destroyed

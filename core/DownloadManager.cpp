@@ -1,6 +1,7 @@
 #include "DownloadManager.h"
 
 #include "DLBaseClient.h"
+#include "DLBinderClient.h"
 #include "DLConsoleReaderClient.h"
 #include "DLMEvents.h"
 #include "DLTools.h"
@@ -366,6 +367,8 @@ void DownloadManager::customEvent(QEvent *event)
 
 DLBaseClient *DownloadManager::createBinderClient()
 {
-    // Seam for the Binder front end: filled in when the IPC service lands.
-    return nullptr;
+    auto *client = new DLBinderClient(this);
+    // The manager's own reference; DLBinderClient::destroy() drops it.
+    client->incStrong(client);
+    return client;
 }

@@ -81,7 +81,7 @@ protected:
 
 private:
     void createClients();
-    // Builds the Binder front end; null when this build has none.
+    // Builds the IPC front end (not yet published).
     DLBaseClient *createBinderClient();
 
     QNetworkAccessManager *networkManager;

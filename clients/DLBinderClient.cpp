@@ -1,0 +1,311 @@
+#include "DLBinderClient.h"
+
+#include "DlmLog.h"
+#include "Download.h"
+#include "DownloadManager.h"
+#include "MainThreadQueue.h"
+
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
+
+#include <QThread>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+
+using namespace android;
+
+#define BINDER_LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, DLM_BINDER_TAG, __VA_ARGS__)
+#define BINDER_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, DLM_BINDER_TAG, __VA_ARGS__)
+
+namespace {
+
+QString textIn(const std::string &text)
+{
+    return QString::fromLatin1(text.data(), int(text.size()));
+}
+
+std::string textOut(const QString &text)
+{
+    const QByteArray bytes = text.toLatin1();
+    return std::string(bytes.constData(), size_t(bytes.size()));
+}
+
+} // namespace
+
+DLBinderClient::DLBinderClient(DownloadManager *manager) : DLBaseClient(manager) {}
+
+DLBinderClient::~DLBinderClient() = default;
+
+void DLBinderClient::fillRecord(IDownload *record, const Download *download)
+{
+    record->clientID = textOut(download->clientID);
+    record->uniqueID = textOut(download->uniqueID);
+    record->name = textOut(download->name);
+    record->contentURL = textOut(download->contentURL);
+    record->state = int32_t(download->state);
+    record->failureCode = int32_t(download->failureCode);
+    record->totalSize = download->totalSize;
+    record->amountDownloaded = download->amountDownloaded;
+    record->startTime = download->startTime;
+    record->filePath = textOut(download->filePath);
+}
+
+template <typename R>
+R DLBinderClient::askManager(R fallback, std::function<R(DownloadManager *)> question)
+{
+    struct Answer
+    {
+        std::mutex mutex;
+        std::condition_variable ready;
+        bool done = false;
+        R value;
+    };
+    auto answer = std::make_shared<Answer>();
+    {
+        std::shared_lock<std::shared_mutex> lock(gate);
+        if (detached || !manager)
+            return fallback;
+        DownloadManager *target = manager;
+        if (QThread::currentThread() == target->thread())
+            return question(target);
+        // The answer lives in shared state: work that runs after we gave up writes there.
+        const bool queued = managerThread && managerThread->post([target, answer, question] {
+            R value = question(target);
+            std::lock_guard<std::mutex> guard(answer->mutex);
+            answer->value = std::move(value);
+            answer->done = true;
+            answer->ready.notify_all();
+        });
+        if (!queued)
+            return fallback;
+    }
+    std::unique_lock<std::mutex> wait(answer->mutex);
+    while (!answer->done) {
+        if (answer->ready.wait_for(wait, std::chrono::milliseconds(50)) == std::cv_status::timeout) {
+            // quit() drops queued work; do not wait for an answer that will never come.
+            std::shared_lock<std::shared_mutex> lock(gate);
+            if (detached)
+                return fallback;
+        }
+    }
+    return answer->value;
+}
+
+void DLBinderClient::post(const std::function<void(DownloadManager *)> &request)
+{
+    std::shared_lock<std::shared_mutex> lock(gate);
+    if (!detached && manager)
+        request(manager);
+}
+
+bool DLBinderClient::init()
+{
+    managerThread = new MainThreadQueue;
+    ProcessState::self()->startThreadPool();
+    const sp<IBinder> self = static_cast<BBinder *>(this);
+    const status_t err =
+        defaultServiceManager()->addService(String16("com.velta.DLService"), self);
+    if (err != 0) {
+        BINDER_LOGE("Unable to add DL service err %d", err);
+        return false;
+    }
+    return true;
+}
+
+void DLBinderClient::help() {}
+
+void DLBinderClient::destroy()
+{
+    MainThreadQueue *queue = nullptr;
+    {
+        std::unique_lock<std::shared_mutex> lock(gate);
+        detached = true;
+        manager = nullptr;
+        std::swap(queue, managerThread);
+    }
+    delete queue; // no pool thread can be inside post() any more
+    Vector<sp<IDLClient>> dropped;
+    {
+        std::lock_guard<std::mutex> lock(eventClientsMutex);
+        dropped = eventClients;
+        eventClients.clear();
+    }
+    dropped.clear();
+    decStrong(this);
+}
+
+void DLBinderClient::createDownload(const std::string &clientID, const std::string &url,
+                                    const std::string &uniqueID, const std::string &name)
+{
+    BINDER_LOGD("Create download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
+                url.c_str(), uniqueID.c_str(), name.c_str());
+    const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
+                  displayName = textIn(name);
+    post([&](DownloadManager *m) { m->createDownloadEvent(client, address, id, displayName); });
+}
+
+void DLBinderClient::pauseDownload(const std::string &uniqueID)
+{
+    BINDER_LOGD("Pause download unique id:%s", uniqueID.c_str());
+    const QString id = textIn(uniqueID);
+    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 0); });
+}
+
+void DLBinderClient::resumeDownload(const std::string &uniqueID)
+{
+    BINDER_LOGD("Resume download unique id:%s", uniqueID.c_str());
+    const QString id = textIn(uniqueID);
+    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 1); });
+}
+
+void DLBinderClient::removeDownload(const std::string &uniqueID)
+{
+    BINDER_LOGD("Remove download unique id:%s", uniqueID.c_str());
+    if (uniqueID.empty()) {
+        BINDER_LOGE("uniqueID must be specified");
+        return;
+    }
+    const QString id = textIn(uniqueID);
+    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 2); });
+}
+
+int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download)
+{
+    BINDER_LOGD("getDownload uniqueID:%s", uniqueID.c_str());
+    const QString id = textIn(uniqueID);
+    using Found = std::pair<bool, IDownload>;
+    const Found found = askManager<Found>(Found(false, IDownload()), [id](DownloadManager *m) {
+        Found result(false, IDownload());
+        if (const Download *d = m->getDownload(id)) {
+            result.first = true;
+            fillRecord(&result.second, d);
+        }
+        return result;
+    });
+    if (!found.first) {
+        BINDER_LOGE(" getDownload download is null %s", uniqueID.c_str());
+        return 0;
+    }
+    if (download)
+        *download = found.second;
+    return 1;
+}
+
+int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDownload *> &list)
+{
+    BINDER_LOGD("getDownloadList client id:%s", clientID.c_str());
+    list.clear();
+    const QString client = textIn(clientID);
+    const std::vector<IDownload> records =
+        askManager<std::vector<IDownload>>({}, [client](DownloadManager *m) {
+            std::vector<IDownload> result;
+            const QList<Download *> downloads = m->getDownloadList(client);
+            result.reserve(size_t(downloads.size()));
+            for (const Download *d : downloads) {
+                result.emplace_back();
+                fillRecord(&result.back(), d);
+            }
+            return result;
+        });
+    if (records.empty()) {
+        BINDER_LOGE("getDownloadList No downloads!!! client id %s", clientID.c_str());
+        return 0;
+    }
+    BINDER_LOGD("download list found:%d", int(records.size()));
+    for (const IDownload &record : records)
+        list.push_back(new IDownload(record));
+    BINDER_LOGD("returned list size:%d", int(list.size()));
+    return 1;
+}
+
+int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const long long &size)
+{
+    BINDER_LOGD("checkSpaceAvailability client ID: %s size:%lld", clientID.c_str(), size);
+    const QString client = textIn(clientID);
+    const long long wanted = size;
+    return askManager<int>(2, [client, wanted](DownloadManager *m) {
+        return m->checkDownloadPossible(client, wanted);
+    });
+}
+
+void DLBinderClient::setDownloadPath(const std::string &clientID, const std::string &downloadPath)
+{
+    BINDER_LOGD("setDownloadPath clientID:%s downloadPath %s", clientID.c_str(),
+                downloadPath.c_str());
+    const QString client = textIn(clientID), path = textIn(downloadPath);
+    askManager<bool>(false, [client, path](DownloadManager *m) {
+        m->setDownloadPath(client, path);
+        return true;
+    });
+}
+
+void DLBinderClient::addClient(const sp<IDLClient> &client)
+{
+    BINDER_LOGD("Event client registered %p", client.get());
+    if (client == nullptr)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(eventClientsMutex);
+        eventClients.add(client);
+    }
+    IInterface::asBinder(client)->linkToDeath(sp<IBinder::DeathRecipient>(this), nullptr, 0);
+}
+
+void DLBinderClient::removeClient(const sp<IDLClient> &client)
+{
+    BINDER_LOGD("Trying to unregistered client %p", client.get());
+    if (client == nullptr)
+        return;
+    const sp<IBinder> binder = IInterface::asBinder(client);
+    sp<IDLClient> removed; // released after the lock
+    {
+        std::lock_guard<std::mutex> lock(eventClientsMutex);
+        for (size_t i = 0; i < eventClients.size(); ++i) {
+            if (IInterface::asBinder(eventClients[i]).get() == binder.get()) {
+                BINDER_LOGD("Removing client %p", client.get());
+                removed = eventClients[i];
+                eventClients.removeAt(i);
+                break;
+            }
+        }
+    }
+    binder->unlinkToDeath(wp<IBinder::DeathRecipient>(this), nullptr, 0);
+}
+
+void DLBinderClient::binderDied(const wp<IBinder> &who)
+{
+    const sp<IBinder> binder = who.unsafe_get();
+    BINDER_LOGD("Binder event client %p died, trying to remove from clients list", binder.get());
+    sp<IDLClient> removed;
+    {
+        std::lock_guard<std::mutex> lock(eventClientsMutex);
+        for (size_t i = 0; i < eventClients.size(); ++i) {
+            if (IInterface::asBinder(eventClients[i]).get() == binder.get()) {
+                BINDER_LOGD("Removing client %p from eventClients", eventClients[i].get());
+                removed = eventClients[i];
+                eventClients.removeAt(i);
+                break;
+            }
+        }
+    }
+}
+
+void DLBinderClient::updateDownloadEntry(Download *download)
+{
+    BINDER_LOGD("DLBinderClient::notifyDownloadUpdate ");
+    for (size_t i = 0;; ++i) {
+        sp<IDLClient> client;
+        {
+            std::lock_guard<std::mutex> lock(eventClientsMutex);
+            if (i >= eventClients.size())
+                break;
+            client = eventClients[i];
+        }
+        auto record = std::make_unique<IDownload>();
+        fillRecord(record.get(), download);
+        client->onDownloadUpdate(*record);
+    }
+}

@@ -1,0 +1,62 @@
+#pragma once
+
+#include "DLBaseClient.h"
+#include "IDLService.h"
+
+#include <binder/IBinder.h>
+#include <utils/Vector.h>
+
+#include <functional>
+#include <mutex>
+#include <shared_mutex>
+
+class MainThreadQueue;
+
+// The service other processes reach as "com.velta.DLService". IPC calls arrive on pool threads:
+// requests that change downloads are posted to the manager; queries and the download path run
+// on the manager's thread while the pool thread waits, so they see a consistent state. Event
+// clients get every change from the manager's thread as one-way callbacks; no lock is held while
+// one is made. Reference counted: the manager and the IPC runtime each hold a reference.
+class DLBinderClient : public BnDLService,
+                       public android::IBinder::DeathRecipient,
+                       public DLBaseClient
+{
+public:
+    explicit DLBinderClient(DownloadManager *manager);
+    ~DLBinderClient() override;
+
+    void createDownload(const std::string &clientID, const std::string &url,
+                        const std::string &uniqueID, const std::string &name) override;
+    void addClient(const android::sp<IDLClient> &client) override;
+    void removeClient(const android::sp<IDLClient> &client) override;
+    void removeDownload(const std::string &uniqueID) override;
+    void pauseDownload(const std::string &uniqueID) override;
+    void resumeDownload(const std::string &uniqueID) override;
+    int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) override;
+    int getDownload(const std::string &uniqueID, IDownload *download) override;
+    int checkSpaceAvailability(const std::string &clientID, const long long &size) override;
+    void setDownloadPath(const std::string &clientID, const std::string &downloadPath) override;
+
+    // Starts the pool and publishes the service; false when the name could not be registered.
+    bool init() override;
+    void help() override;
+    void updateDownloadEntry(Download *download) override;
+    void binderDied(const android::wp<android::IBinder> &who) override;
+    // Detaches from the manager and drops the manager's reference; late calls find no manager.
+    void destroy() override;
+
+    static void fillRecord(IDownload *record, const Download *download);
+
+private:
+    // Runs question on the manager's thread and waits; fallback once the manager is gone.
+    template <typename R>
+    R askManager(R fallback, std::function<R(DownloadManager *)> question);
+    // Posts a request to the manager unless it is gone.
+    void post(const std::function<void(DownloadManager *)> &request);
+
+    android::Vector<android::sp<IDLClient>> eventClients;
+    std::mutex eventClientsMutex;
+    std::shared_mutex gate; // guards the manager pointer and the queue against quit()
+    bool detached = false;
+    MainThreadQueue *managerThread = nullptr; // created by init() on the manager's thread
+};

@@ -1,0 +1,204 @@
+#include "IDLService.h"
+
+#include "ParcelText.h"
+
+#include <binder/Parcel.h>
+
+using namespace android;
+using dlparcel::readText;
+using dlparcel::writeText;
+
+class BpDLService : public BpInterface<IDLService>
+{
+public:
+    explicit BpDLService(const sp<IBinder> &impl) : BpInterface<IDLService>(impl) {}
+
+    void createDownload(const std::string &clientID, const std::string &url,
+                        const std::string &uniqueID, const std::string &name) override
+    {
+        Parcel data = request();
+        writeText(&data, clientID);
+        writeText(&data, url);
+        writeText(&data, uniqueID);
+        writeText(&data, name);
+        call(CREATE_DOWNLOAD, data);
+    }
+
+    void addClient(const sp<IDLClient> &client) override
+    {
+        Parcel data = request();
+        data.writeStrongBinder(IInterface::asBinder(client));
+        call(ADD_CLIENT, data);
+    }
+
+    void removeClient(const sp<IDLClient> &client) override
+    {
+        Parcel data = request();
+        data.writeStrongBinder(IInterface::asBinder(client));
+        call(REMOVE_CLIENT, data);
+    }
+
+    void removeDownload(const std::string &uniqueID) override { callWithText(REMOVE_DOWNLOAD, uniqueID); }
+    void pauseDownload(const std::string &uniqueID) override { callWithText(PAUSE_DOWNLOAD, uniqueID); }
+    void resumeDownload(const std::string &uniqueID) override { callWithText(RESUME_DOWNLOAD, uniqueID); }
+
+    int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) override
+    {
+        list.clear();
+        Parcel data = request();
+        writeText(&data, clientID);
+        Parcel reply;
+        status_t err = remote()->transact(GET_DOWNLOAD_LIST, data, &reply);
+        if (err != NO_ERROR)
+            return err;
+        int32_t result = 0, count = 0;
+        if ((err = reply.readInt32(&result)) != NO_ERROR || (err = reply.readInt32(&count)) != NO_ERROR)
+            return err;
+        for (int32_t i = 0; i < count; ++i) {
+            auto *download = new IDownload;
+            if ((err = download->readFromParcel(reply)) != NO_ERROR) {
+                delete download;
+                return err;
+            }
+            list.push_back(download);
+        }
+        return result;
+    }
+
+    int getDownload(const std::string &uniqueID, IDownload *download) override
+    {
+        Parcel data = request();
+        writeText(&data, uniqueID);
+        Parcel reply;
+        status_t err = remote()->transact(GET_DOWNLOAD, data, &reply);
+        if (err != NO_ERROR)
+            return err;
+        int32_t result = 0;
+        if ((err = reply.readInt32(&result)) != NO_ERROR)
+            return err;
+        if (result == 1 && download && (err = download->readFromParcel(reply)) != NO_ERROR)
+            return err;
+        return result;
+    }
+
+    int checkSpaceAvailability(const std::string &clientID, const long long &size) override
+    {
+        Parcel data = request();
+        writeText(&data, clientID);
+        data.writeInt64(size);
+        Parcel reply;
+        status_t err = remote()->transact(CHECK_SPACE_AVAILABILITY, data, &reply);
+        if (err != NO_ERROR)
+            return err;
+        int32_t result = 0;
+        if ((err = reply.readInt32(&result)) != NO_ERROR)
+            return err;
+        return result;
+    }
+
+    void setDownloadPath(const std::string &clientID, const std::string &downloadPath) override
+    {
+        Parcel data = request();
+        writeText(&data, clientID);
+        writeText(&data, downloadPath);
+        call(SET_DOWNLOAD_PATH, data);
+    }
+
+private:
+    static Parcel request()
+    {
+        Parcel data;
+        data.writeInterfaceToken(IDLService::descriptor);
+        return data;
+    }
+    void call(uint32_t code, const Parcel &data)
+    {
+        Parcel reply;
+        remote()->transact(code, data, &reply);
+    }
+    void callWithText(uint32_t code, const std::string &text)
+    {
+        Parcel data = request();
+        writeText(&data, text);
+        call(code, data);
+    }
+};
+
+IMPLEMENT_META_INTERFACE(DLService, "com.velta.IDLService");
+
+status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *reply, uint32_t flags)
+{
+    if (code < CREATE_DOWNLOAD || code > SET_DOWNLOAD_PATH)
+        return BBinder::onTransact(code, data, reply, flags);
+    if (!data.enforceInterface(IDLService::descriptor))
+        return PERMISSION_DENIED;
+
+    std::string a, b, c, d;
+    switch (code) {
+    case CREATE_DOWNLOAD:
+        if (readText(data, &a) || readText(data, &b) || readText(data, &c) || readText(data, &d))
+            return BAD_VALUE;
+        createDownload(a, b, c, d);
+        return NO_ERROR;
+    case ADD_CLIENT:
+    case REMOVE_CLIENT: {
+        sp<IBinder> binder = data.readStrongBinder();
+        sp<IDLClient> client = interface_cast<IDLClient>(binder);
+        if (client == nullptr)
+            return BAD_VALUE;
+        if (code == ADD_CLIENT)
+            addClient(client);
+        else
+            removeClient(client);
+        return NO_ERROR;
+    }
+    case REMOVE_DOWNLOAD:
+    case PAUSE_DOWNLOAD:
+    case RESUME_DOWNLOAD:
+        if (readText(data, &a))
+            return BAD_VALUE;
+        if (code == REMOVE_DOWNLOAD)
+            removeDownload(a);
+        else if (code == PAUSE_DOWNLOAD)
+            pauseDownload(a);
+        else
+            resumeDownload(a);
+        return NO_ERROR;
+    case GET_DOWNLOAD_LIST: {
+        if (readText(data, &a))
+            return BAD_VALUE;
+        std::vector<IDownload *> list;
+        const int result = getDownloadList(a, list);
+        reply->writeInt32(result);
+        reply->writeInt32(int32_t(list.size()));
+        for (IDownload *download : list) {
+            download->writeToParcel(reply);
+            delete download;
+        }
+        return NO_ERROR;
+    }
+    case GET_DOWNLOAD: {
+        if (readText(data, &a))
+            return BAD_VALUE;
+        IDownload download;
+        const int result = getDownload(a, &download);
+        reply->writeInt32(result);
+        if (result == 1)
+            download.writeToParcel(reply);
+        return NO_ERROR;
+    }
+    case CHECK_SPACE_AVAILABILITY: {
+        int64_t size = 0;
+        if (readText(data, &a) || data.readInt64(&size))
+            return BAD_VALUE;
+        reply->writeInt32(checkSpaceAvailability(a, size));
+        return NO_ERROR;
+    }
+    case SET_DOWNLOAD_PATH:
+        if (readText(data, &a) || readText(data, &b))
+            return BAD_VALUE;
+        setDownloadPath(a, b);
+        return NO_ERROR;
+    }
+    return UNKNOWN_TRANSACTION;
+}

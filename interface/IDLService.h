@@ -1,0 +1,53 @@
+#pragma once
+
+#include "IDLClient.h"
+#include "IDownload.h"
+
+#include <binder/IInterface.h>
+
+#include <string>
+#include <vector>
+
+// The download service's interface for other processes. Every call is synchronous; results of
+// the proxy are negative status codes when the call did not reach the service.
+class IDLService : public android::IInterface
+{
+public:
+    DECLARE_META_INTERFACE(DLService);
+
+    enum {
+        CREATE_DOWNLOAD = android::IBinder::FIRST_CALL_TRANSACTION,
+        ADD_CLIENT,
+        REMOVE_CLIENT,
+        REMOVE_DOWNLOAD,
+        PAUSE_DOWNLOAD,
+        RESUME_DOWNLOAD,
+        GET_DOWNLOAD_LIST,
+        GET_DOWNLOAD,
+        CHECK_SPACE_AVAILABILITY,
+        SET_DOWNLOAD_PATH,
+    };
+
+    virtual void createDownload(const std::string &clientID, const std::string &url,
+                                const std::string &uniqueID, const std::string &name) = 0;
+    virtual void addClient(const android::sp<IDLClient> &client) = 0;
+    virtual void removeClient(const android::sp<IDLClient> &client) = 0;
+    virtual void removeDownload(const std::string &uniqueID) = 0;
+    virtual void pauseDownload(const std::string &uniqueID) = 0;
+    virtual void resumeDownload(const std::string &uniqueID) = 0;
+    // Fills list (emptied first) with records the caller owns; 1 when any, 0 when none.
+    virtual int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) = 0;
+    // 1 and record filled when found, 0 when not.
+    virtual int getDownload(const std::string &uniqueID, IDownload *download) = 0;
+    // 0 fits, 1 does not fit, 2 directory missing or free space unknown.
+    virtual int checkSpaceAvailability(const std::string &clientID, const long long &size) = 0;
+    virtual void setDownloadPath(const std::string &clientID, const std::string &downloadPath) = 0;
+};
+
+// Server stub: unpacks each transaction and calls the matching operation.
+class BnDLService : public android::BnInterface<IDLService>
+{
+public:
+    android::status_t onTransact(uint32_t code, const android::Parcel &data,
+                                 android::Parcel *reply, uint32_t flags = 0) override;
+};

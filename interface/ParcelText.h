@@ -1,0 +1,31 @@
+#pragma once
+
+#include <binder/Parcel.h>
+
+#include <string>
+
+// 8-bit text on the wire: an int32 byte count, then the bytes (zero bytes included).
+namespace dlparcel {
+
+inline android::status_t writeText(android::Parcel *parcel, const std::string &text)
+{
+    android::status_t err = parcel->writeInt32(int32_t(text.size()));
+    if (err == android::NO_ERROR && !text.empty())
+        err = parcel->write(text.data(), text.size());
+    return err;
+}
+
+inline android::status_t readText(const android::Parcel &parcel, std::string *text)
+{
+    int32_t size = 0;
+    android::status_t err = parcel.readInt32(&size);
+    if (err != android::NO_ERROR)
+        return err;
+    // A length beyond what the parcel holds is a lie; refuse before allocating.
+    if (size < 0 || size_t(size) > parcel.dataAvail())
+        return android::BAD_VALUE;
+    text->assign(size_t(size), '\0');
+    return size == 0 ? android::NO_ERROR : parcel.read(&(*text)[0], size_t(size));
+}
+
+} // namespace dlparcel

@@ -1,0 +1,89 @@
+#include "ProgressView.h"
+
+#include <cinttypes>
+
+const char *stateText(int32_t state)
+{
+    switch (state) {
+    case 1: return "Completed";
+    case 2: return "Progressing";
+    case 4: return "Paused";
+    case 8: return "Failed";
+    case 16: return "Pending";
+    case 32: return "Stalled";
+    default: return "Undefined";
+    }
+}
+
+std::string recordLine(const IDownload &r)
+{
+    char numbers[64];
+    snprintf(numbers, sizeof numbers, " %" PRId64 " %" PRId64 " ", r.amountDownloaded, r.totalSize);
+    return r.uniqueID + ' ' + r.clientID + ' ' + stateText(r.state) + numbers + r.filePath;
+}
+
+namespace {
+
+std::string humanBytes(double bytes)
+{
+    const char *units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    int unit = 0;
+    while (bytes >= 1024 && unit < 4) {
+        bytes /= 1024;
+        ++unit;
+    }
+    char text[32];
+    snprintf(text, sizeof text, unit ? "%.1f %s" : "%.0f %s", bytes, units[unit]);
+    return text;
+}
+
+} // namespace
+
+void ProgressView::update(const IDownload &record)
+{
+    const auto now = std::chrono::steady_clock::now();
+    auto found = rows.find(record.uniqueID);
+    if (found == rows.end()) {
+        order.push_back(record.uniqueID);
+        found = rows.emplace(record.uniqueID, Row()).first;
+        found->second.lastTime = now;
+        found->second.lastBytes = record.amountDownloaded;
+    }
+    Row &row = found->second;
+    const double seconds = std::chrono::duration<double>(now - row.lastTime).count();
+    if (seconds >= 0.2) {
+        const double instant = double(record.amountDownloaded - row.lastBytes) / seconds;
+        row.rate = row.rate == 0 ? instant : 0.7 * row.rate + 0.3 * instant;
+        row.lastTime = now;
+        row.lastBytes = record.amountDownloaded;
+    }
+    if (record.state != 2 && record.state != 16)
+        row.rate = 0;
+    row.record = record;
+    redraw();
+}
+
+void ProgressView::redraw()
+{
+    if (drawn)
+        fprintf(out, "\033[%zuA", drawn);
+    const int width = 30;
+    for (const std::string &id : order) {
+        const Row &row = rows[id];
+        const IDownload &r = row.record;
+        const double fraction =
+            r.totalSize > 0 ? double(r.amountDownloaded) / double(r.totalSize) : 0.0;
+        const int filled = int(fraction * width + 0.5);
+        std::string bar(size_t(filled > width ? width : filled), '#');
+        bar.resize(width, '.');
+        std::string name = r.filePath.substr(r.filePath.find_last_of('/') + 1);
+        if (name.size() > 24)
+            name = name.substr(0, 21) + "...";
+        fprintf(out, "\033[2K%-24s [%s] %3d%% %s / %s %s/s %s\n", name.c_str(), bar.c_str(),
+                int(fraction * 100), humanBytes(double(r.amountDownloaded)).c_str(),
+                r.totalSize > 0 ? humanBytes(double(r.totalSize)).c_str() : "?",
+                humanBytes(row.rate).c_str(), stateText(r.state));
+    }
+    drawn = order.size();
+    fflush(out);
+}
