@@ -41,12 +41,12 @@ bool parseContentRange(const QByteArray &header, ContentRange *range)
     const QByteArray value = header.trimmed();
     if (!value.startsWith("bytes "))
         return false;
-    const QByteArray spec = value.mid(6).trimmed();
-    const int slash = spec.indexOf('/');
+    const QByteArray rangeText = value.mid(6).trimmed();
+    const int slash = rangeText.indexOf('/');
     if (slash < 0)
         return false;
-    const QByteArray span = spec.left(slash).trimmed();
-    const QByteArray total = spec.mid(slash + 1).trimmed();
+    const QByteArray span = rangeText.left(slash).trimmed();
+    const QByteArray total = rangeText.mid(slash + 1).trimmed();
     bool ok = true;
     range->total = total == "*" ? -1 : total.toLongLong(&ok, 10);
     if (!ok || (total != "*" && range->total < 0))
