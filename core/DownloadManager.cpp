@@ -201,8 +201,8 @@ int DownloadManager::checkDownloadPossible(const QString &clientID, long long si
     const QString directory = getDownloadPath(clientID);
     if (!QDir(directory).exists())
         return 2;
-    DLTools tools;
-    const long long available = tools.getAvailableSize(directory);
+    const long long available =
+        freeSpaceProbe ? freeSpaceProbe(directory) : DLTools().getAvailableSize(directory);
     DLM_LOGD("checkDownloadPossible sizeAvailable: %lld in path %s\n", available,
              directory.toLocal8Bit().constData());
     if (available == -1)

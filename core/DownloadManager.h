@@ -5,6 +5,8 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
+
 class DLBaseClient;
 class Download;
 class DownloadDataBase;
@@ -63,6 +65,10 @@ public:
     void createDownloadEvent(const QString &clientID, const QString &url, const QString &uniqueID,
                              const QString &name);
     void actionDownloadEvent(const QString &uniqueID, int action);
+
+    // Free bytes of the file system holding a directory, -1 when unknown. Empty: DLTools is
+    // asked. Tests put a fixed figure here to check the space arithmetic.
+    std::function<long long(const QString &directory)> freeSpaceProbe;
 
     // True once quit() has started: nothing may reach the downloads or clients any more.
     bool isQuitting() const { return quitting; }

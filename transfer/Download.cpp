@@ -11,6 +11,8 @@
 namespace {
 // Bounds the bytes a reply holds in memory; a full buffer is committed at once.
 constexpr qint64 kReadBufferSize = 2 * 1024 * 1024;
+// Size of the buffer that carries a batch from the reply to the file.
+constexpr int kScratchSize = 256 * 1024;
 constexpr int kDefaultPacketLimit = 10;
 constexpr int kDefaultTransferTimeoutMs = 60000;
 
@@ -39,12 +41,12 @@ bool parseContentRange(const QByteArray &header, ContentRange *range)
     const QByteArray value = header.trimmed();
     if (!value.startsWith("bytes "))
         return false;
-    const QByteArray spec = value.mid(6).trimmed();
-    const int slash = spec.indexOf('/');
+    const QByteArray rangeText = value.mid(6).trimmed();
+    const int slash = rangeText.indexOf('/');
     if (slash < 0)
         return false;
-    const QByteArray span = spec.left(slash).trimmed();
-    const QByteArray total = spec.mid(slash + 1).trimmed();
+    const QByteArray span = rangeText.left(slash).trimmed();
+    const QByteArray total = rangeText.mid(slash + 1).trimmed();
     bool ok = true;
     range->total = total == "*" ? -1 : total.toLongLong(&ok, 10);
     if (!ok || (total != "*" && range->total < 0))
@@ -256,10 +258,21 @@ bool Download::saveToDisk(QByteArray data)
 
 bool Download::commitData()
 {
-    const QByteArray data = reply ? reply->readAll() : QByteArray();
-    if (!saveToDisk(data))
+    // Copied through one reused buffer: a fresh array per batch would fault in every page again.
+    qint64 committed = 0;
+    if (reply) {
+        if (scratch.size() != kScratchSize)
+            scratch.resize(kScratchSize);
+        qint64 n = 0;
+        while ((n = reply->read(scratch.data(), scratch.size())) > 0) {
+            if (!saveToDisk(QByteArray::fromRawData(scratch.constData(), n)))
+                return false;
+            committed += n;
+        }
+    }
+    if (committed == 0 && !saveToDisk(QByteArray()))
         return false;
-    amountDownloaded += data.size();
+    amountDownloaded += committed;
     report();
     return true;
 }
@@ -296,6 +309,7 @@ void Download::downloadFinished(QNetworkReply *finished)
         failureCode = 1;
     }
     file.close();
+    scratch = QByteArray();
 }
 
 void Download::downloadProgress(qint64 bytesReceived, qint64 bytesTotal)

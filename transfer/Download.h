@@ -98,4 +98,6 @@ private:
     qint64 rangeTotal = -1;
     // Set while abort() runs: the notifications it triggers are not progress.
     bool aborting = false;
+    // Carries committed bytes from the reply to the file; kept for the length of a transfer.
+    QByteArray scratch;
 };

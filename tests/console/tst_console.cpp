@@ -61,9 +61,9 @@ QByteArray updateLine(const QString &path, const char *state, qint64 received, q
 }
 
 QByteArray entryLine(const char *label, const QByteArray &id, const QString &path,
-    const char *state, qint64 received, qint64 total)
+    const char *state, qint64 received, qint64 total, const QByteArray &client = "shell")
 {
-    return QByteArray(label) + "  uniqueID: \"" + id + "\"  clientID: \"shell\"  file: \""
+    return QByteArray(label) + "  uniqueID: \"" + id + "\"  clientID: \"" + client + "\"  file: \""
         + path.toLocal8Bit() + "\"  status:  \"" + state + "\"  DL: " + QByteArray::number(received)
         + " / " + QByteArray::number(total) + " ";
 }
@@ -72,6 +72,18 @@ QByteArray readFile(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+// The identifier the manager logged when it launched the download of url.
+QByteArray launchedId(ServiceProcess &service, const QUrl &url)
+{
+    const QByteArray launched = "Download launched with uniqueID:";
+    QByteArray id;
+    for (const QByteArray &line : splitErr(service.stdErr()).log) {
+        if (line.startsWith(launched) && line.endsWith(" url: " + url.toEncoded()))
+            id = line.mid(launched.size(), 32);
+    }
+    return id;
 }
 
 // Waits until standard error matches pattern.
@@ -134,6 +146,7 @@ private slots:
     void restartCompletedDownload();
     void removeKeepsFilesOnDisk();
     void removeRefusedByTheDatabaseKeepsTheDownload();
+    void downloadOfAnotherClientIsReported();
     void closedInputKeepsServiceRunningAndIdle_data();
     void closedInputKeepsServiceRunningAndIdle();
     void downloadContinuesAfterInputCloses();
@@ -172,18 +185,11 @@ bool tst_Console::sync(ServiceProcess &service)
 // returns its identifier.
 QByteArray tst_Console::createAndWait(ServiceProcess &service, const QUrl &url, QString *path)
 {
-    const QByteArray launched = "Download launched with uniqueID:";
-    const int before = service.stdErr().count(launched);
     service.writeLine("download_path " + service.downloadsDir().toLocal8Bit());
     service.writeLine("create " + url.toEncoded());
-    if (!service.waitForErrCount(launched, before + 1))
+    if (!service.waitForErr(" url: " + url.toEncoded() + "\n"))
         return QByteArray();
-    const QList<QByteArray> log = splitErr(service.stdErr()).log;
-    QByteArray id;
-    for (const QByteArray &line : log) {
-        if (line.startsWith(launched) && line.endsWith(" url: " + url.toEncoded()))
-            id = line.mid(launched.size(), 32);
-    }
+    const QByteArray id = launchedId(service, url);
     *path = service.downloadsDir() + url.fileName();
     const QByteArray done = "file: \"" + path->toLocal8Bit() + "\"  status:  \"Completed\"";
     if (!service.waitForErr(done))
@@ -404,9 +410,9 @@ void tst_Console::pauseAndResumeContinueWithRange()
     const QString path = service.downloadsDir() + "slow.bin";
     service.writeLine("download_path " + service.downloadsDir().toLocal8Bit());
     service.writeLine("create " + server.url("/slow.bin").toEncoded());
-    QVERIFY(service.waitForErr("Download launched with uniqueID:"));
-    const QByteArray launched = splitErr(service.stdErr()).log.last();
-    const QByteArray id = launched.mid(launched.indexOf(':') + 1, 32);
+    QVERIFY(service.waitForErr(" url: " + server.url("/slow.bin").toEncoded() + "\n"));
+    const QByteArray id = launchedId(service, server.url("/slow.bin"));
+    QCOMPARE(id.size(), 32);
     QVERIFY(waitForMatch(service, "\"Progressing\"  DL:  [1-9]"));
 
     service.writeLine("pause " + id);
@@ -586,6 +592,44 @@ void tst_Console::removeRefusedByTheDatabaseKeepsTheDownload()
     QCOMPARE(consoleSince(service, mark), expected);
     QCOMPARE(readFile(pathA), QByteArray(100, 'p'));
     QCOMPARE(readFile(pathB), QByteArray(100, 'p'));
+}
+
+void tst_Console::downloadOfAnotherClientIsReported()
+{
+    FakeHttpServer server;
+    const QByteArray body = FakeHttpServer::makeBody(50000, 11);
+    server.setBody("/remote.bin", body);
+
+    ServiceProcess service;
+    QVERIFY(startService(service));
+    // Another process creates a download over IPC for its own client.
+    const auto runCtl = [&](const QStringList &args) {
+        QProcess ctl;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("BINDER_SOCKET_DIR", service.socketDir());
+        ctl.setProcessEnvironment(env);
+        ctl.start(QStringLiteral(DLCTL_BINARY), args);
+        // The fake server needs this thread's event loop while the tool runs.
+        QDeadlineTimer deadline(10000);
+        while (ctl.state() != QProcess::NotRunning && !deadline.hasExpired())
+            QTest::qWait(20);
+        return ctl.exitStatus() == QProcess::NormalExit && ctl.exitCode() == 0;
+    };
+    QVERIFY(runCtl({ "set-path", "appB", service.downloadsDir() }));
+    QVERIFY(runCtl({ "create", server.url("/remote.bin").toString(), "--client", "appB", "--id",
+        "fromipc01" }));
+
+    const QString path = service.downloadsDir() + "remote.bin";
+    QVERIFY(service.waitForErr(updateLine(path, "Pending", 0, 0)));
+    QVERIFY(service.waitForErr(updateLine(path, "Completed", body.size(), body.size())));
+    QCOMPARE(readFile(path), body);
+    const qsizetype mark = service.stdErr().size();
+    service.writeLine("list shell");
+    QVERIFY(sync(service));
+    const QList<QByteArray> expected = { "List of downloads:",
+        entryLine("Download:", "fromipc01", path, "Completed", body.size(), body.size(), "appB"),
+        "Path sync1 set." };
+    QCOMPARE(consoleSince(service, mark), expected);
 }
 
 void tst_Console::closedInputKeepsServiceRunningAndIdle_data()

@@ -12,9 +12,11 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <sys/prctl.h>
 #include <unistd.h>
 #include <vector>
 
@@ -169,6 +171,10 @@ int runClient(const char *mode, const char *name, int calls)
 
 int main(int argc, char **argv)
 {
+    // A peer must not outlive a test that crashed.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() == 1)
+        return 1;
     if (argc >= 3 && std::strcmp(argv[1], "service") == 0)
         return runService(argv[2]);
     if (argc >= 3)

@@ -1,4 +1,5 @@
 #include "DemoInterface.h"
+#include "PeerProcess.h"
 #include "Wire.h"
 
 #include <binder/IPCThreadState.h>
@@ -96,12 +97,6 @@ QByteArray header(uint32_t command, uint32_t size)
     return h;
 }
 
-// waitForFinished() is false when an event loop already saw the process end.
-bool waitGone(QProcess *process)
-{
-    return process->state() == QProcess::NotRunning || process->waitForFinished();
-}
-
 } // namespace
 
 class tst_Ipc : public QObject {
@@ -124,12 +119,12 @@ private slots:
     void hostileInputLeavesServiceServing();
 
 private:
-    QProcess *startPeer(const QStringList &args, const QByteArray &readyLine);
+    PeerProcess *startPeer(const QStringList &args, const QByteArray &readyLine);
     sp<IDemoService> connectService();
     int rawConnect();
 
     std::unique_ptr<QTemporaryDir> mDir;
-    std::vector<std::unique_ptr<QProcess>> mPeers;
+    std::vector<std::unique_ptr<PeerProcess>> mPeers;
     sp<IDemoService> mService;
 };
 
@@ -146,28 +141,14 @@ void tst_Ipc::init()
 void tst_Ipc::cleanup()
 {
     mService.clear();
-    for (auto &peer : mPeers) {
-        peer->kill();
-        waitGone(peer.get());
-    }
     mPeers.clear();
 }
 
-QProcess *tst_Ipc::startPeer(const QStringList &args, const QByteArray &readyLine)
+PeerProcess *tst_Ipc::startPeer(const QStringList &args, const QByteArray &readyLine)
 {
-    auto peer = std::make_unique<QProcess>();
-    peer->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    peer->start(IPC_PEER_BINARY, args);
-    if (!peer->waitForStarted())
+    auto peer = std::make_unique<PeerProcess>();
+    if (!peer->start(IPC_PEER_BINARY, args, readyLine))
         return nullptr;
-    QByteArray out;
-    while (!readyLine.isEmpty() && !out.contains(readyLine)) {
-        if (!peer->waitForReadyRead(10000)) {
-            qWarning() << "peer" << args << "said" << out;
-            return nullptr;
-        }
-        out += peer->readAll();
-    }
     mPeers.push_back(std::move(peer));
     return mPeers.back().get();
 }
@@ -237,6 +218,14 @@ void tst_Ipc::parcelRoundTripsThroughService()
     QCOMPARE(remote->getInterfaceDescriptor(), IDemoService::descriptor);
     QCOMPARE(remote->pingBinder(), NO_ERROR);
     QCOMPARE(defaultServiceManager()->addService(String16(kServiceName), cb), ALREADY_EXISTS);
+    sp<RecordingCallback> first = new RecordingCallback;
+    sp<RecordingCallback> second = new RecordingCallback;
+    QCOMPARE(defaultServiceManager()->addService(String16("mine"), first), NO_ERROR);
+    QCOMPARE(defaultServiceManager()->addService(String16("mine"), second), NO_ERROR);
+    interface_cast<IDemoCallback>(defaultServiceManager()->checkService(String16("mine")))
+        ->onEvent(7, std::string(16, 'p'));
+    QTRY_COMPARE(second->events(), std::vector<int32_t> { 7 });
+    QVERIFY(first->events().empty());
     int32_t pid = 0, uid = -1;
     QCOMPARE(mService->whoAmI(&pid, &uid), NO_ERROR);
     QCOMPARE(pid, int32_t(getpid()));
@@ -268,7 +257,7 @@ void tst_Ipc::nestedCallbackRunsOnWaitingThread()
 
 void tst_Ipc::killedClientIsReportedDead()
 {
-    QProcess *client = startPeer({ "register", kServiceName }, "registered");
+    PeerProcess *client = startPeer({ "register", kServiceName }, "registered");
     QVERIFY(client);
     client->kill();
     QTRY_COMPARE_WITH_TIMEOUT(mService->deaths(), 1, 1000);
@@ -281,14 +270,14 @@ void tst_Ipc::killedClientIsReportedDead()
 
 void tst_Ipc::unlinkedRecipientIsNotTold()
 {
-    QProcess *unlinked = startPeer({ "register-unregister", kServiceName }, "registered");
-    QProcess *linked = startPeer({ "register", kServiceName }, "registered");
+    PeerProcess *unlinked = startPeer({ "register-unregister", kServiceName }, "registered");
+    PeerProcess *linked = startPeer({ "register", kServiceName }, "registered");
     QVERIFY(unlinked && linked);
     unlinked->kill();
-    QVERIFY(waitGone(unlinked));
+    QVERIFY(unlinked->waitForFinished());
     linked->kill();
     QTRY_COMPARE_WITH_TIMEOUT(mService->deaths(), 1, 1000);
-    QVERIFY(waitGone(linked));
+    QVERIFY(linked->waitForFinished());
     QCOMPARE(mService->deaths(), 1);
 }
 
@@ -319,15 +308,15 @@ void tst_Ipc::serviceDeathReachesClient()
 
 void tst_Ipc::concurrentClientsAllServed()
 {
-    std::vector<QProcess *> clients;
+    std::vector<PeerProcess *> clients;
     for (int i = 0; i < 16; ++i) {
-        QProcess *client = startPeer({ "stress", kServiceName, "300" }, QByteArray());
+        PeerProcess *client = startPeer({ "stress", kServiceName, "300" }, QByteArray());
         QVERIFY(client);
         clients.push_back(client);
     }
-    for (QProcess *client : clients) {
-        QVERIFY(client->state() == QProcess::NotRunning || client->waitForFinished(60000));
-        QCOMPARE(client->exitStatus(), QProcess::NormalExit);
+    for (PeerProcess *client : clients) {
+        QVERIFY(client->waitForFinished(60000));
+        QVERIFY(client->exitedNormally());
         QCOMPARE(client->exitCode(), 0);
     }
     QCOMPARE(mService->deaths(), 0);
@@ -335,9 +324,9 @@ void tst_Ipc::concurrentClientsAllServed()
 
 void tst_Ipc::stalledPeerIsDroppedNotWaitedFor()
 {
-    QProcess *client = startPeer({ "register", kServiceName }, "registered");
+    PeerProcess *client = startPeer({ "register", kServiceName }, "registered");
     QVERIFY(client);
-    ::kill(pid_t(client->processId()), SIGSTOP);
+    client->kill(SIGSTOP);
     // 20 MiB of one-way events to a peer that reads nothing: queued, then the peer is dropped.
     QCOMPARE(mService->fire(320, 64 * 1024), NO_ERROR);
     QTRY_COMPARE_WITH_TIMEOUT(mService->deaths(), 1, 10000);

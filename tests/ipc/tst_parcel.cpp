@@ -79,6 +79,11 @@ void tst_Parcel::readPastEndFailsWithZero()
     char buf[8] = { 1 };
     QCOMPARE(p.read(buf, sizeof buf), NOT_ENOUGH_DATA);
     QCOMPARE(buf[0], char(0));
+
+    Parcel empty; // empty payloads are legal, also on a parcel without storage
+    QCOMPARE(empty.write(buf, 0), NO_ERROR);
+    QCOMPARE(empty.read(buf, 0), NO_ERROR);
+    QCOMPARE(empty.dataSize(), size_t(0));
 }
 
 void tst_Parcel::lyingLengthsAreRejected_data()

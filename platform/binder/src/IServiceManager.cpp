@@ -65,14 +65,15 @@ void makeDirs(const std::string &dir)
     ::mkdir(dir.c_str(), 0755);
 }
 
+// Socket path -> the object that new connections reach as handle 0.
 std::mutex gPublishedLock;
-std::vector<std::string> gPublished;
+std::map<std::string, sp<IBinder>> gPublished;
 
 void unlinkPublished()
 {
     std::lock_guard<std::mutex> lock(gPublishedLock);
-    for (const std::string &path : gPublished)
-        ::unlink(path.c_str());
+    for (const auto &published : gPublished)
+        ::unlink(published.first.c_str());
 }
 
 class SocketServiceManager : public IServiceManager {
@@ -95,6 +96,16 @@ status_t SocketServiceManager::addService(
         return BAD_VALUE;
     if (!socketAddress(name, &addr, &path))
         return BAD_VALUE;
+    {
+        // Publishing a name again from the same process replaces the object, as on Android.
+        sp<IBinder> previous = service;
+        std::unique_lock<std::mutex> lock(gPublishedLock);
+        if (auto it = gPublished.find(path); it != gPublished.end()) {
+            std::swap(it->second, previous);
+            lock.unlock();
+            return NO_ERROR;
+        }
+    }
     makeDirs(socketDir());
     if (const int probe = connectTo(addr); probe >= 0) {
         ::close(probe);
@@ -116,15 +127,21 @@ status_t SocketServiceManager::addService(
         std::lock_guard<std::mutex> lock(gPublishedLock);
         if (gPublished.empty())
             std::atexit(unlinkPublished);
-        gPublished.push_back(path);
+        gPublished[path] = service;
     }
-    std::thread([fd, service] {
+    std::thread([fd, path] {
         for (;;) {
             const int client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (client >= 0)
-                Connection::start(client, service);
-            else if (errno != EINTR && errno != ECONNABORTED && errno != EMFILE)
+            if (client >= 0) {
+                std::unique_lock<std::mutex> lock(gPublishedLock);
+                sp<IBinder> root = gPublished[path];
+                lock.unlock();
+                Connection::start(client, root);
+            } else if (errno == EMFILE || errno == ENFILE) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100)); // out of descriptors
+            } else if (errno != EINTR && errno != ECONNABORTED) {
                 return;
+            }
         }
     }).detach();
     return NO_ERROR;

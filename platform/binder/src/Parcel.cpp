@@ -31,7 +31,8 @@ void *Parcel::writeInplace(size_t len)
     if (mPos + padded > mData.size())
         mData.resize(mPos + padded);
     uint8_t *out = mData.data() + mPos;
-    std::memset(out + len, 0, padded - len);
+    if (padded > len)
+        std::memset(out + len, 0, padded - len);
     mPos += padded;
     return out;
 }
@@ -47,6 +48,8 @@ const void *Parcel::readInplace(size_t len) const
 
 status_t Parcel::write(const void *data, size_t len)
 {
+    if (len == 0)
+        return NO_ERROR;
     void *out = writeInplace(len);
     if (out == nullptr)
         return BAD_VALUE;
@@ -57,6 +60,8 @@ status_t Parcel::write(const void *data, size_t len)
 
 status_t Parcel::read(void *out, size_t len) const
 {
+    if (len == 0)
+        return NO_ERROR;
     const void *in = readInplace(len);
     if (in == nullptr) {
         if (len <= kMaxItem)

@@ -8,7 +8,8 @@ namespace android {
 // (default /run/binder); there is no separate service manager process.
 class IServiceManager : public virtual RefBase {
 public:
-    // Publishes `service`; ALREADY_EXISTS when a live process already serves `name`.
+    // Publishes `service`; ALREADY_EXISTS when another live process serves `name`. Publishing a
+    // name again from the same process makes new connections reach the new object.
     virtual status_t addService(const String16 &name, const sp<IBinder> &service,
         bool allowIsolated = false, int dumpsysPriority = 0)
         = 0;
