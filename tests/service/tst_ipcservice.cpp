@@ -114,6 +114,7 @@ private slots:
     void killedWatcherIsDroppedOthersKeepReceiving();
     void clientRegisteredTwiceGetsUpdatesTwice();
     void queryFromInsideCallbackDoesNotHang();
+    void waitEndsWithStatusOneOnFailure();
     void serviceNotRunning();
     void manyClientsQueryWhileDownloadsChange();
 };
@@ -306,6 +307,16 @@ void tst_IpcService::queryFromInsideCallbackDoesNotHang()
     QVERIFY(probe.waitForOut("reentrant r 1"));
     // The service still answers after all those nested calls.
     QCOMPARE(dlctl(service, {"status", "r"}).code, 0);
+}
+
+void tst_IpcService::waitEndsWithStatusOneOnFailure()
+{
+    FakeHttpServer server; // "/missing" answers 404
+    ServiceProcess service;
+    startService(service);
+    const Result r = dlctl(service, {"create", server.url("/missing").toString(), "--id", "m", "--wait"});
+    QCOMPARE(r.code, 1);
+    QVERIFY2(r.out.contains("m dlctl Failed 0 0 "), r.out);
 }
 
 void tst_IpcService::serviceNotRunning()

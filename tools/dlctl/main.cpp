@@ -161,13 +161,27 @@ bool exists(const sp<IDLService> &service, const std::string &id)
 }
 
 // Follows one download through the update stream: prints progress, returns its final state.
-int follow(const sp<UpdateQueue> &events, const std::string &url, const std::string &client,
-           std::string id, bool toEnd)
+int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const std::string &url,
+           const std::string &client, std::string id, bool toEnd)
 {
     const bool terminal = isatty(STDOUT_FILENO);
     ProgressView view(stdout);
     IDownload update;
-    while (events->next(&update, id.empty() ? 10000 : -1)) {
+    for (int waited = 0;;) {
+        bool polled = false;
+        if (!events->next(&update, 1000)) {
+            if (events->died() || interrupted)
+                break;
+            if (id.empty()) {
+                if (++waited >= 10)
+                    break;
+                continue;
+            }
+            // A failure is not announced as an update: ask for the state when things go quiet.
+            if (service->getDownload(id, &update) != 1)
+                break;
+            polled = true;
+        }
         if (id.empty()) {
             if (update.contentURL != url || update.clientID != client)
                 continue;
@@ -177,7 +191,7 @@ int follow(const sp<UpdateQueue> &events, const std::string &url, const std::str
                 return 0;
             }
         }
-        if (update.uniqueID != id)
+        if (update.uniqueID != id || (polled && update.state != 1 && update.state != 8))
             continue;
         if (terminal)
             view.update(update);
@@ -241,7 +255,7 @@ int main(int argc, char **argv)
         if (!o.wait && !o.id.empty())
             printf("%s\n", o.id.c_str());
         else
-            status = follow(events, arg, o.client, o.id, o.wait);
+            status = follow(service, events, arg, o.client, o.id, o.wait);
         service->removeClient(events);
         return status;
     }
