@@ -107,7 +107,7 @@ ours_single() { # label, extra watchers
     stop_service
     verify "$WORK/out/big.bin" "$WORK/www/big.bin"
     read -r wall cpu rss < <(time_fields "$WORK/svc.time")
-    record "$1.wall" "$(echo "$t1 - $t0" | bc)"
+    record "$1.wall" "$(printf '%.3f' "$(echo "$t1 - $t0" | bc)")"
     record "$1.cpu" "$cpu"
     record "$1.rss" "$rss"
 }
@@ -132,7 +132,7 @@ ours_many() {
     stop_service
     for i in $(seq 0 199); do verify "$WORK/out/$i.bin" "$WORK/www/small/$i.bin"; done
     read -r wall cpu rss < <(time_fields "$WORK/svc.time")
-    record many.wall "$(echo "$t1 - $t0" | bc)"; record many.cpu "$cpu"; record many.rss "$rss"
+    record many.wall "$(printf '%.3f' "$(echo "$t1 - $t0" | bc)")"; record many.cpu "$cpu"; record many.rss "$rss"
 }
 
 curl_many() {
@@ -163,7 +163,7 @@ SQL
     t1=$(date +%s.%N)
     stop_service
     read -r wall cpu rss < <(time_fields "$WORK/svc.time")
-    record startup.wall "$(echo "$t1 - $t0" | bc)"; record startup.rss "$rss"
+    record startup.wall "$(printf '%.3f' "$(echo "$t1 - $t0" | bc)")"; record startup.rss "$rss"
 }
 
 command -v bc > /dev/null || install_packages bc
@@ -175,8 +175,8 @@ for round in $(seq "$ROUNDS"); do
     ours_startup
 done
 
-ratio() { echo "scale=2; $1 / $2" | bc; }
-mib() { echo "scale=1; $1 / 1024" | bc; }
+ratio() { printf '%.2f' "$(echo "scale=4; $1 / $2" | bc)"; }
+mib() { printf '%.1f' "$(echo "scale=2; $1 / 1024" | bc)"; }
 c1w=$(median curl1.wall); c1c=$(median curl1.cpu); c1m=$(median curl1.rss)
 o1w=$(median ours1.wall); o1c=$(median ours1.cpu); o1m=$(median ours1.rss)
 cmw=$(median curlmany.wall); cmc=$(median curlmany.cpu); cmm=$(median curlmany.rss)
