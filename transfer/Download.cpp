@@ -76,22 +76,11 @@ bool isRedirectStatus(int status)
 }
 } // namespace
 
+// A new download is a stored one that has no file, no state and failure code 4 yet.
 Download::Download(DownloadManager *manager, QNetworkAccessManager *networkManager,
     QString uniqueID, QString clientID, QString contentURL, QString name)
-    : QObject(nullptr),
-      manager(manager),
-      networkManager(networkManager),
-      reply(nullptr),
-      uniqueID(uniqueID),
-      clientID(clientID),
-      name(name),
-      contentURL(contentURL),
-      state(Undefined),
-      failureCode(4),
-      totalSize(0),
-      amountDownloaded(0),
-      startTime(0),
-      packetCount(0)
+    : Download(manager, networkManager, uniqueID, clientID, name, contentURL, QString(), Undefined,
+        4, 0, 0, 0)
 {
 }
 

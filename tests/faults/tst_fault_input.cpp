@@ -1,5 +1,6 @@
 // Hostile input against the real service: malformed frames on its IPC socket and malformed
 // console lines. The service answers each with an error or a hang-up and keeps serving.
+#include "RawSocket.h"
 #include "FakeHttpServer.h"
 #include "FaultSupport.h"
 #include "IDLService.h"
@@ -81,20 +82,7 @@ private slots:
 
 int tst_FaultInput::rawConnect()
 {
-    sockaddr_un addr {};
-    addr.sun_family = AF_UNIX;
-    const QByteArray path = QFile::encodeName(service.socketDir() + "/com.velta.DLService");
-    if (size_t(path.size()) >= sizeof addr.sun_path)
-        return -1;
-    memcpy(addr.sun_path, path.constData(), size_t(path.size()));
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    timeval timeout { 10, 0 };
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return connectRawUnixSocket(service.socketDir() + "/com.velta.DLService");
 }
 
 void tst_FaultInput::initTestCase()

@@ -1,3 +1,4 @@
+#include "RawSocket.h"
 #include "DemoInterface.h"
 #include "PeerProcess.h"
 #include "Wire.h"
@@ -161,18 +162,7 @@ sp<IDemoService> tst_Ipc::connectService()
 
 int tst_Ipc::rawConnect()
 {
-    sockaddr_un addr {};
-    addr.sun_family = AF_UNIX;
-    const QByteArray path = QFile::encodeName(mDir->filePath(kServiceName));
-    memcpy(addr.sun_path, path.constData(), size_t(path.size()));
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    timeval timeout { 10, 0 };
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return connectRawUnixSocket(mDir->filePath(kServiceName));
 }
 
 void tst_Ipc::parcelRoundTripsThroughService()
