@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <unistd.h>
 
 static int OnGetFocus()
 {
@@ -74,9 +75,14 @@ int main(int argc, char *argv[])
     puts("DOWNLOAD APM JOIN SUCCESS!!.");
     applyLogLevel();
 
-    QCoreApplication app(argc, argv);
-    DownloadManager manager;
-    QTimer::singleShot(0, &manager, &DownloadManager::execute);
-    app.exec();
-    return 0;
+    {
+        QCoreApplication app(argc, argv);
+        DownloadManager manager;
+        QTimer::singleShot(0, &manager, &DownloadManager::execute);
+        app.exec();
+    }
+    // IPC pool threads may still be answering late calls: end without running static
+    // destructors that they could still reach.
+    fflush(nullptr);
+    _exit(0);
 }

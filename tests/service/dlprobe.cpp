@@ -67,7 +67,8 @@ int main(int argc, char **argv)
                 return 3;
         }
         printf("ok\n");
-        return 0;
+        fflush(nullptr);
+        _exit(0); // pool threads may still run: skip static destructors
     }
     sp<Printer> printer = new Printer(mode == "reentrant");
     service->addClient(printer);

@@ -211,9 +211,19 @@ int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const s
 
 } // namespace
 
+int run(int argc, char **argv);
+
 int main(int argc, char **argv)
 {
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    const int status = run(argc, argv);
+    // Callbacks may still be arriving on pool threads: skip the static destructors they use.
+    fflush(nullptr);
+    _exit(status);
+}
+
+int run(int argc, char **argv)
+{
     if (argc < 2)
         return usage(stderr, 64);
     const std::string command = argv[1];
