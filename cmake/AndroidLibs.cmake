@@ -1,24 +1,22 @@
-# Debian ships Android's liblog and libutils without pkg-config files. Import them by full path so
-# that build-tree binaries get a RUNPATH and start without LD_LIBRARY_PATH.
+# Imports Debian's Android liblog and libutils as android::log and android::utils. Debian ships
+# them in a private directory without pkg-config files, so they are imported by full path; build
+# trees then get a RUNPATH to them and start without LD_LIBRARY_PATH. The project and the
+# installed client package config both include this file.
 set(DLM_ANDROID_LIBDIR /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android)
 find_library(DLM_ANDROID_LOG_LIB log PATHS ${DLM_ANDROID_LIBDIR} NO_DEFAULT_PATH REQUIRED)
 find_library(DLM_ANDROID_UTILS_LIB utils PATHS ${DLM_ANDROID_LIBDIR} NO_DEFAULT_PATH REQUIRED)
 find_path(DLM_ANDROID_INCLUDE_DIR android/log.h PATHS /usr/include/android NO_DEFAULT_PATH REQUIRED)
 
-add_library(android_log SHARED IMPORTED GLOBAL)
-set_target_properties(android_log PROPERTIES
-    IMPORTED_LOCATION ${DLM_ANDROID_LOG_LIB}
-    IMPORTED_NO_SONAME FALSE
-    INTERFACE_SYSTEM_INCLUDE_DIRECTORIES ${DLM_ANDROID_INCLUDE_DIR}
-    INTERFACE_INCLUDE_DIRECTORIES ${DLM_ANDROID_INCLUDE_DIR})
-add_library(android::log ALIAS android_log)
-
-add_library(android_utils SHARED IMPORTED GLOBAL)
-set_target_properties(android_utils PROPERTIES
-    IMPORTED_LOCATION ${DLM_ANDROID_UTILS_LIB}
-    INTERFACE_SYSTEM_INCLUDE_DIRECTORIES ${DLM_ANDROID_INCLUDE_DIR}
-    INTERFACE_INCLUDE_DIRECTORIES ${DLM_ANDROID_INCLUDE_DIR}
-    INTERFACE_LINK_LIBRARIES android_log)
-add_library(android::utils ALIAS android_utils)
-
-list(APPEND CMAKE_INSTALL_RPATH ${DLM_ANDROID_LIBDIR})
+if(NOT TARGET android::log)
+    add_library(android::log SHARED IMPORTED)
+    set_target_properties(android::log PROPERTIES
+        IMPORTED_LOCATION ${DLM_ANDROID_LOG_LIB}
+        INTERFACE_INCLUDE_DIRECTORIES ${DLM_ANDROID_INCLUDE_DIR})
+endif()
+if(NOT TARGET android::utils)
+    add_library(android::utils SHARED IMPORTED)
+    set_target_properties(android::utils PROPERTIES
+        IMPORTED_LOCATION ${DLM_ANDROID_UTILS_LIB}
+        INTERFACE_INCLUDE_DIRECTORIES ${DLM_ANDROID_INCLUDE_DIR}
+        INTERFACE_LINK_LIBRARIES android::log)
+endif()

@@ -24,11 +24,20 @@ const QString kDefaultPath = QStringLiteral("/tmp/");
 const QString kAll = QStringLiteral("all");
 } // namespace
 
-DownloadManager::DownloadManager()
-    : DownloadManager(QCoreApplication::applicationDirPath() + QLatin1Char('/') +
-                      QStringLiteral("downloadmanager.ini"))
+namespace {
+// An installed service is told where its settings are (the unit names the file under /etc);
+// a service run from its build tree reads the file beside the executable.
+QString defaultSettingsPath()
 {
+    const QString named = qEnvironmentVariable("DLM_SETTINGS");
+    if (!named.isEmpty())
+        return named;
+    return QCoreApplication::applicationDirPath() + QLatin1Char('/') +
+           QStringLiteral("downloadmanager.ini");
 }
+} // namespace
+
+DownloadManager::DownloadManager() : DownloadManager(defaultSettingsPath()) {}
 
 DownloadManager::DownloadManager(const QString &settingsPath)
     : QObject(nullptr), networkManager(nullptr), database(nullptr), settings(nullptr),

@@ -30,6 +30,7 @@ int usage(FILE *out, int status)
 {
     fprintf(out,
             "usage: dlctl COMMAND [ARGS]\n"
+            "       dlctl --help | --version\n"
             "  create URL [--client ID] [--id ID] [--name NAME] [--wait]\n"
             "  pause ID|all        resume ID|all        remove ID\n"
             "  list [CLIENT]       status ID\n"
@@ -229,6 +230,10 @@ int run(int argc, char **argv)
     const std::string command = argv[1];
     if (command == "--help" || command == "-h" || command == "help")
         return usage(stdout, 0);
+    if (command == "--version") {
+        printf("dlctl %s\n", DLM_VERSION);
+        return 0;
+    }
     Options o;
     if (!parseOptions(argc, argv, &o))
         return usage(stderr, 64);
