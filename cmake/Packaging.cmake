@@ -38,6 +38,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/dlctl.1.gz DESTINATION ${CMAKE_INSTALL
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/downloadmanager.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz ${DLM_DIST}/debian/copyright
     DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# Installed binaries need their RUNPATH to Debian's private directory of the Android libraries.
+configure_file(${DLM_DIST}/debian/lintian-overrides.in lintian-overrides @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/lintian-overrides RENAME downloadmanager
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME downloadmanager)
@@ -48,20 +52,24 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "download service for the device's applications
- One long-lived service fetches files over HTTP and HTTPS into per-client
- directories, keeps every download's state in SQLite so that downloads continue
- after a restart, and tells every registered client about every change.
- .
- This package holds the service with its systemd unit and settings file, the
- operator's command dlctl, and the client library with its headers, CMake
- package (DownloadManagerClient) and pkg-config file (downloadmanager-client).")
-# Libraries are found by dpkg-shlibdeps; the SQLite driver is a Qt plugin it cannot see, and the
-# maintainer scripts use deb-systemd-helper.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "download service for the device's applications")
+set(CPACK_PACKAGE_DESCRIPTION "\
+One long-lived service fetches files over HTTP and HTTPS into per-client
+directories, keeps every download's state in SQLite so that downloads continue
+after a restart, and tells every registered client about every change.
+
+This package holds the service with its systemd unit and settings file, the
+operator's command dlctl, and the client library with its headers, CMake
+package (DownloadManagerClient) and pkg-config file (downloadmanager-client).")
+# Libraries are found by dpkg-shlibdeps; the SQLite driver is a Qt plugin it cannot see.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libqt6sql6-sqlite, init-system-helpers")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libqt6sql6-sqlite")
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian/conffiles "${DLM_SETTINGS_FILE}\n")
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_BINARY_DIR}/debian/conffiles
+    ${CMAKE_CURRENT_BINARY_DIR}/debian/triggers
     ${DLM_DIST}/debian/postinst ${DLM_DIST}/debian/prerm ${DLM_DIST}/debian/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)

@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test. With CI set (or SANITIZERS=1) it also
-# runs the suite under AddressSanitizer+UBSan and ThreadSanitizer builds.
+# Installs what is missing, builds, runs every test, then checks the installed form and the
+# Debian package (scripts/check-install.sh). With CI set (or SANITIZERS=1) it also runs the suite
+# under AddressSanitizer+UBSan and ThreadSanitizer builds.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 install_packages
-build "$ROOT/build"
+# The package is built from this tree, so it is configured for the system's prefix.
+build "$ROOT/build" -DCMAKE_INSTALL_PREFIX=/usr
 cd "$ROOT/build"
 ctest --output-on-failure -j 2 --timeout 600
+"$ROOT/scripts/check-install.sh" "$ROOT/build"
 
 if [ -n "${CI:-}" ] || [ "${SANITIZERS:-0}" = 1 ]; then
     export ASAN_OPTIONS="detect_leaks=0:abort_on_error=1"
