@@ -60,7 +60,9 @@ c++ -std=c++17 -o "$WORK/example-pc" "$ROOT/examples/download-example.cpp" \
 
 echo "== run the installed service and the example"
 mkdir -p "$WORK/db" "$WORK/binder" "$WORK/www" "$WORK/downloads"
-printf '[General]\ndownload_database_path=%s\n' "$WORK/db" > "$WORK/settings.ini"
+# The installed, commented settings file with the database moved into the work directory.
+sed "s|^download_database_path=/var/lib/downloadmanager$|download_database_path=$WORK/db|" \
+    "$P/etc/downloadmanager/downloadmanager.ini" > "$WORK/settings.ini"
 head -c 300000 /dev/urandom > "$WORK/www/file.bin"
 export BINDER_SOCKET_DIR="$WORK/binder"
 DLM_SETTINGS="$WORK/settings.ini" "$P/sbin/downloadmanager" </dev/null >"$WORK/service.log" 2>&1 &
