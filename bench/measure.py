@@ -103,17 +103,27 @@ def proc_status(pid, field):
     raise BenchError("no %s for %d" % (field, pid))
 
 
-def wakeups(pids):
-    """Wake-ups of every thread of these processes so far: each sleep ends in a voluntary switch."""
+def per_thread(pids, name, parse):
+    """The sum of parse(text of /proc/PID/task/TID/name) over every live thread of pids."""
     total = 0
     for pid in pids:
         for task in os.listdir("/proc/%d/task" % pid):
             try:
-                with open("/proc/%d/task/%s/status" % (pid, task)) as f:
-                    total += sum(int(l.split()[1]) for l in f if l.startswith("voluntary_ctxt_switches"))
-            except FileNotFoundError:
+                with open("/proc/%d/task/%s/%s" % (pid, task, name)) as f:
+                    total += parse(f.read())
+            except FileNotFoundError:  # the thread has just ended
                 pass
     return total
+
+
+def wakeups(pids):
+    """Wake-ups so far: each sleep of a thread ends in a voluntary switch."""
+    return per_thread(pids, "status", lambda text: int(text.split("\nvoluntary_ctxt_switches:")[1].split()[0]))
+
+
+def cpu_so_far(pids):
+    """CPU seconds so far, to the nanosecond (a thread's time on the CPU heads its schedstat)."""
+    return per_thread(pids, "schedstat", lambda text: int(text.split()[0])) / 1e9
 
 
 def fresh(path):
@@ -438,14 +448,17 @@ def load_big(first, with_watchers):
             w0, c0 = wakeups(pids), time.monotonic()
             time.sleep(SETTLE_S)
             idle_wakeups = (wakeups(pids) - w0) / (time.monotonic() - c0)
+            # Their start and idle time stay out: the load's own cost is compared.
+            watcher_cpu = -cpu_so_far(pids)
         t0 = time.monotonic()
         svc.send("download_path %s/\ncreate %s/%s\n" % (out, NGINX, BIG))
         t1 = svc.wait_completed(1, 600)
-        watcher_cpu = 0.0
+        if watchers:
+            watcher_cpu += cpu_so_far(pids)
         for p in dlctl:
             p.send_signal(signal.SIGINT)
         for p in dlctl:
-            watcher_cpu += cpu_seconds(reap(p, 10)[1])
+            reap(p, 10)
         cpu, peak = svc.quit()
         verify([(os.path.join(out, os.path.basename(BIG)), www(BIG))], "large file, service")
         if watchers:
@@ -657,7 +670,9 @@ def write_results():
     ]
     notes = [
         "",
-        "CPU is whole-process from wait4(); with watchers, theirs is added to the service's. Peak",
+        "CPU is whole-process from wait4(); the watchers' (all their threads, from the first command",
+        "to the end of the download) is added to the service's. Idle wake-ups are the watchers'",
+        "voluntary context switches while no download runs. Peak",
         "memory is a process's own high-water mark (the service's VmHWM just before it quits, a",
         "reference's from wait4() under `bench/rusage`); idle memory is the service's resident size",
         "%g s after a load ends. The service's wall time runs from its first console command to the" % SETTLE_S,
