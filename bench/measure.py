@@ -16,6 +16,7 @@ import signal
 import statistics
 import subprocess
 import sys
+import textwrap
 import threading
 import time
 
@@ -562,9 +563,10 @@ def load_onehost(first):
             states = svc.states()
             if not states.get("Progressing") and not states.get("Pending"):
                 break
-        wall = time.monotonic() - t0
-        svc.quit()
         done = sum(same_file(f, expected) for f in files)
+        # All completed: the last completion ends the load; otherwise the poll that saw the end.
+        wall = (svc.completion_times[-1] if done == len(files) else time.monotonic()) - t0
+        svc.quit()
         print("  states at the end: %s" % states)
         record(onehost_done=done, onehost_wall=wall)
 
@@ -582,7 +584,8 @@ def describe():
     return {
         "small": "%s x %d KiB created at once, written to tmpfs" % (f"{SMALL_COUNT:,}", SMALL_KIB),
         "idle": "idle after %s finished downloads" % f"{SMALL_COUNT:,}",
-        "slow": "%d downloads on steady %d KiB/s links (%d KiB each)" % (SLOW_COUNT, SLOW_RATE_KIB, SLOW_KIB),
+        "slow": "%d downloads on steady %d KiB/s links (%d KiB each, %d-byte chunks)" % (
+            SLOW_COUNT, SLOW_RATE_KIB, SLOW_KIB, int(E.get("SLOW_CHUNK", "4096"))),
         "watch": "%d MiB + %d `dlctl watch`" % (BIG_MIB, WATCHERS),
         "many": "%d x %d MiB at once" % (MANY_COUNT, MANY_MIB),
         "stored": "start with %s stored" % f"{STORED:,}",
@@ -668,21 +671,20 @@ def write_results():
         "`bench/steady_server.py` the steady links. Ratios are service / reference of the same round.",
         "",
     ]
-    notes = [
-        "",
-        "CPU is whole-process from wait4(); the watchers' (all their threads, from the first command",
-        "to the end of the download) is added to the service's. Idle wake-ups are the watchers'",
-        "voluntary context switches while no download runs. Peak",
-        "memory is a process's own high-water mark (the service's VmHWM just before it quits, a",
-        "reference's from wait4() under `bench/rusage`); idle memory is the service's resident size",
-        "%g s after a load ends. The service's wall time runs from its first console command to the" % SETTLE_S,
-        "console line that ends the load (the last \"Completed\" update; for the stored downloads, the",
-        "end of the answer to `list`, counted from the start of the process); a reference's wall time",
-        "is its whole run. Updates are the console's update lines. Every file is compared with its",
-        "source after each run. The downloads from one host run with a short transfer time-out, so",
-        "that a download left waiting behind the host's busy connections shows within a short run.",
-    ] + (["", "Runs that failed (their figures are missing above):"] + ["- " + f for f in FAILURES]
-         if FAILURES else [])
+    notes = [""] + textwrap.wrap(
+        "CPU is whole-process from wait4(); the watchers' (all their threads, from the first command "
+        "to the end of the download) is added to the service's. Idle wake-ups are the watchers' "
+        "voluntary context switches while no download runs. Peak memory is a process's own "
+        "high-water mark (the service's VmHWM just before it quits, a reference's from wait4() under "
+        "`bench/rusage`); idle memory is the service's resident size %g s after a load ends. The "
+        "service's wall time runs from its first console command to the console line that ends the "
+        "load (the last \"Completed\" update; for the stored downloads, the end of the answer to "
+        "`list`, counted from the start of the process); a reference's wall time is its whole run. "
+        "Updates are the console's update lines. Every file is compared with its source after each "
+        "run. The downloads from one host run with a short transfer time-out, so that a download "
+        "left waiting behind the host's busy connections shows within a short run." % SETTLE_S, 96)
+    notes += (["", "Runs that failed (their figures are missing above):"] + ["- " + f for f in FAILURES]
+              if FAILURES else [])
     findings = ""
     if os.path.exists(RESULTS):
         with open(RESULTS) as f:

@@ -16,7 +16,9 @@
 #   BENCH_DIR=/var/tmp/dlm-bench BENCH_TMPFS=/dev/shm/dlm-bench   work and tmpfs directories
 #   BENCH_PORT=18080 BENCH_SLOW_PORT=18100  nginx and the first steady link
 #   BENCH_RESULTS=bench/RESULTS.md          where the table goes (its "## Findings" part stays)
-# A smoke run: ROUNDS=1 BIG_MIB=64 SMALL_COUNT=100 SLOW_COUNT=5 SLOW_KIB=256 STORED=5000 ...
+# A smoke run (seconds, to prove the script works): ROUNDS=1 BIG_MIB=128 SMALL_COUNT=200
+#   SLOW_COUNT=10 SLOW_KIB=512 MANY_COUNT=40 MANY_MIB=1 STORED=10000 ONEHOST_COUNT=12
+#   ONEHOST_KIB=256 ONEHOST_TIMEOUT_MS=1000 SETTLE_S=1 BENCH_RESULTS=/tmp/smoke.md bench/run.sh
 set -euo pipefail
 BENCH="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 source "$BENCH/../scripts/common.sh"
@@ -27,7 +29,7 @@ export BENCH_TMPFS="${BENCH_TMPFS:-/dev/shm/dlm-bench}"
 export BENCH_RESULTS="${BENCH_RESULTS:-$BENCH/RESULTS.md}"
 export BENCH_PORT="${BENCH_PORT:-18080}" BENCH_SLOW_PORT="${BENCH_SLOW_PORT:-18100}"
 export SLOW_COUNT="${SLOW_COUNT:-50}" SLOW_RATE_KIB="${SLOW_RATE_KIB:-200}"
-SLOW_CHUNK="${SLOW_CHUNK:-4096}"
+export SLOW_CHUNK="${SLOW_CHUNK:-4096}"
 WORK="$BENCH_DIR"
 
 install_packages nginx-light curl sqlite3 python3 gcc
