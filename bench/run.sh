@@ -68,6 +68,7 @@ NGINX_PID="" STEADY_PID=""
 cleanup() {
     [ -n "$NGINX_PID" ] && kill "$NGINX_PID" 2>/dev/null || true
     [ -n "$STEADY_PID" ] && kill "$STEADY_PID" 2>/dev/null || true
+    rm -rf "$BENCH_TMPFS/out" # downloaded files on tmpfs hold memory
 }
 trap cleanup EXIT
 nginx -c "$WORK/nginx/nginx.conf" -p "$WORK/nginx" &
