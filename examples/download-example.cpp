@@ -7,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <map>
 #include <mutex>
 #include <string>
 #include <unistd.h>
@@ -15,39 +16,33 @@ using namespace android;
 
 enum { COMPLETED = 1, FAILED = 8 };
 
-// Update callbacks arrive on the IPC runtime's threads; keep the newest record of our download.
+// Update callbacks arrive on the IPC runtime's threads. The newest record of every download is
+// kept: ours may report before requestDownload has answered with its identifier.
 class Updates : public BnDLClient
 {
 public:
-    Updates(std::string url, std::string client) : url(std::move(url)), client(std::move(client)) {}
-
     void onDownloadUpdate(IDownload download) override
     {
-        if (download.contentURL != url || download.clientID != client)
-            return;
         std::lock_guard<std::mutex> lock(mutex);
-        latest = download;
-        fresh = true;
+        latest[download.uniqueID] = download;
         arrived.notify_all();
     }
 
-    // False when nothing new came within a second.
-    bool next(IDownload *out)
+    // The newest record of id not yet seen; false when none came within a second.
+    bool next(const std::string &id, IDownload *out)
     {
         std::unique_lock<std::mutex> lock(mutex);
-        if (!arrived.wait_for(lock, std::chrono::seconds(1), [this] { return fresh; }))
+        if (!arrived.wait_for(lock, std::chrono::seconds(1), [&] { return latest.count(id) > 0; }))
             return false;
-        fresh = false;
-        *out = latest;
+        *out = latest[id];
+        latest.erase(id);
         return true;
     }
 
 private:
-    const std::string url, client;
     std::mutex mutex;
     std::condition_variable arrived;
-    IDownload latest;
-    bool fresh = false;
+    std::map<std::string, IDownload> latest;
 };
 
 int run(int argc, char **argv)
@@ -65,22 +60,28 @@ int run(int argc, char **argv)
         return 2;
     }
     sp<IDLService> service = interface_cast<IDLService>(binder);
-    sp<Updates> updates = new Updates(url, client);
+    sp<Updates> updates = new Updates;
     service->addClient(updates); // before creating, so that no update is missed
-    service->createDownload(client, url, "", "");
+    std::string id;
+    const int32_t status = service->requestDownload(client, url, "", "", &id);
+    if (status != IDLService::REQUEST_CREATED) {
+        fprintf(stderr, "download-example: the service refused %s (status %d)\n", url.c_str(),
+                status);
+        return status < 0 ? 2 : 1;
+    }
 
     IDownload record;
-    std::string id;
-    for (int quiet = 0; record.state != COMPLETED && record.state != FAILED;) {
-        if (updates->next(&record)) {
-            id = record.uniqueID;
+    while (record.state != COMPLETED && record.state != FAILED) {
+        if (updates->next(id, &record)) {
             printf("%s %lld/%lld bytes\n", id.c_str(), (long long)record.amountDownloaded,
                    (long long)record.totalSize);
-        } else if (id.empty() ? ++quiet == 10 : service->getDownload(id, &record) != 1) {
-            // A failure is not announced as an update: ask for the state when things go quiet.
-            fprintf(stderr, "download-example: no download for %s (see the service's log)\n",
-                    url.c_str());
-            return 1;
+            continue;
+        }
+        // A failure is not announced as an update: ask for the state when things go quiet.
+        const int found = service->getDownload(id, &record);
+        if (found != 1) {
+            fprintf(stderr, "download-example: download %s is gone\n", id.c_str());
+            return found < 0 ? 2 : 1;
         }
     }
     service->removeClient(updates);
