@@ -25,9 +25,7 @@ namespace {
 const QString kDefaultClientID = QStringLiteral("DEFAULT_CLIENT_ID");
 const QString kDefaultPath = QStringLiteral("/tmp/");
 const QString kAll = QStringLiteral("all");
-} // namespace
 
-namespace {
 // An installed service is told where its settings are (the unit names the file under /etc);
 // a service run from its build tree reads the file beside the executable.
 QString defaultSettingsPath()
