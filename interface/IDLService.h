@@ -26,6 +26,7 @@ public:
         GET_DOWNLOAD,
         CHECK_SPACE_AVAILABILITY,
         SET_DOWNLOAD_PATH,
+        LIST_DOWNLOADS_PAGE = android::IBinder::FIRST_CALL_TRANSACTION + 11,
     };
 
     virtual void createDownload(const std::string &clientID, const std::string &url,
@@ -35,13 +36,19 @@ public:
     virtual void removeDownload(const std::string &uniqueID) = 0;
     virtual void pauseDownload(const std::string &uniqueID) = 0;
     virtual void resumeDownload(const std::string &uniqueID) = 0;
-    // Fills list (emptied first) with records the caller owns; 1 when any, 0 when none.
+    // Fills list (emptied first) with records the caller owns; 1 when any, 0 when none. Fails
+    // (negative) when the records do not fit in one reply: read long lists page by page.
     virtual int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) = 0;
     // 1 and record filled when found, 0 when not.
     virtual int getDownload(const std::string &uniqueID, IDownload *download) = 0;
     // 0 fits, 1 does not fit, 2 directory missing or free space unknown.
     virtual int checkSpaceAvailability(const std::string &clientID, const long long &size) = 0;
     virtual void setDownloadPath(const std::string &clientID, const std::string &downloadPath) = 0;
+    // One page of getDownloadList's records in identifier order: those whose identifier sorts
+    // after `after` (all from the first when empty), as many as one reply holds. Returns how many
+    // records `page` holds, 0 past the last one, negative when the call did not reach the service.
+    virtual int listDownloadsPage(const std::string &clientID, const std::string &after,
+                                  std::vector<IDownload> *page) = 0;
 };
 
 // Server stub: unpacks each transaction and calls the matching operation.

@@ -112,7 +112,7 @@ private slots:
     void setPathAppliesToTheNextDownload();
     void twoWatchersSeeEveryUpdateInOrder();
     void killedWatcherIsDroppedOthersKeepReceiving();
-    void clientRegisteredTwiceGetsUpdatesTwice();
+    void eventClientsAreBoundedPerConnection();
     void queryFromInsideCallbackDoesNotHang();
     void waitEndsWithStatusOneOnFailure();
     void serviceNotRunning();
@@ -281,17 +281,19 @@ void tst_IpcService::killedWatcherIsDroppedOthersKeepReceiving()
     QVERIFY(service.isRunning());
 }
 
-void tst_IpcService::clientRegisteredTwiceGetsUpdatesTwice()
+void tst_IpcService::eventClientsAreBoundedPerConnection()
 {
     FakeHttpServer server;
     server.setBody("/d", "data");
     ServiceProcess service;
     startService(service);
-    Client probe(DLPROBE_BINARY, {"twice"}, service);
+    Client probe(DLPROBE_BINARY, {"flood"}, service);
     QVERIFY(probe.waitForOut("registered"));
     QCOMPARE(dlctl(service, {"create", server.url("/d").toString(), "--id", "d", "--wait"}).code, 0);
-    QVERIFY(probe.waitForOut("update d 1 4", 2));
-    QCOMPARE(probe.out().count("update d 16 0"), 2);
+    // The repeated object once, the service's own object never, then others up to the limit.
+    QVERIFY(probe.waitForOut("update d 1 4", 16));
+    QCOMPARE(probe.out().count("update d 16 0"), 16);
+    QVERIFY(service.stdErr().contains("refused: not another process's object"));
 }
 
 void tst_IpcService::queryFromInsideCallbackDoesNotHang()
