@@ -8,6 +8,7 @@
 #include "ServiceProcess.h"
 #include "Wire.h"
 
+#include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 
 #include <QRandomGenerator>
@@ -77,6 +78,7 @@ private slots:
     void malformedIpcFrame();
     void serviceStillDownloadsOverIpc();
     void malformedConsoleLines();
+    void hundredThousandDownloadsAreListed();
     void cleanupTestCase();
 };
 
@@ -117,7 +119,7 @@ void tst_FaultInput::malformedIpcFrame_data()
     withBinder.writeInt32(0);
     Parcel garbageUrl = request();
     dlparcel::writeText(&garbageUrl, "dlctl");
-    dlparcel::writeText(&garbageUrl, std::string("\x01\0\xff:://\n", 8));
+    dlparcel::writeText(&garbageUrl, std::string("\x01\nforged\0\xff:://\n", 14));
     dlparcel::writeText(&garbageUrl, "garbage-url");
     dlparcel::writeText(&garbageUrl, "");
 
@@ -202,6 +204,9 @@ void tst_FaultInput::serviceStillDownloadsOverIpc()
     QVERIFY2(r.code == 0, r.err.constData());
     QVERIFY(readFile(service.downloadsDir() + "ok.bin") == body);
     QVERIFY(!dlctl(service, { "list" }).out.contains("hostile"));
+    // A caller's newline is logged escaped, never as a line of its own.
+    QVERIFY(service.waitForErr("url:\\x01\\nforged"));
+    QVERIFY(!service.stdErr().contains("\nforged"));
 }
 
 void tst_FaultInput::malformedConsoleLines()
@@ -229,6 +234,48 @@ void tst_FaultInput::malformedConsoleLines()
     QVERIFY(status.contains(QByteArray::number(body.size())));
     QVERIFY(service.isRunning());
     QCOMPARE(dlctl(service, { "status", "ok" }).code, 0);
+}
+
+void tst_FaultInput::hundredThousandDownloadsAreListed()
+{
+    ServiceProcess crowded;
+    QVERIFY(crowded.start()); // creates the table
+    QVERIFY(crowded.waitForErr("Enter your command:"));
+    crowded.writeLine("quit");
+    QVERIFY(crowded.waitForExit());
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "crowd");
+        db.setDatabaseName(crowded.databaseFile());
+        QVERIFY(db.open() && db.transaction());
+        QSqlQuery insert(db);
+        QVERIFY(insert.prepare("INSERT INTO downloads (uniqueID, clientID, name, contentURL, "
+                               "filePath, state) VALUES (?, 'crowd', ?, 'http://127.0.0.1:1/', ?, 4)"));
+        for (int i = 0; i < 100000; ++i) {
+            const QString id = QStringLiteral("id%1").arg(i, 6, 10, QLatin1Char('0'));
+            insert.addBindValue(id);
+            insert.addBindValue(id);
+            insert.addBindValue(crowded.downloadsDir() + id);
+            QVERIFY(insert.exec());
+        }
+        QVERIFY(db.commit());
+    }
+    QSqlDatabase::removeDatabase("crowd");
+    QVERIFY(crowded.start());
+    QVERIFY(crowded.waitForErrCount("Enter your command:", 2, 120000));
+
+    const Result r = dlctl(crowded, { "list" }, 120000);
+    QVERIFY2(r.code == 0, r.err.constData());
+    QCOMPARE(r.out.count('\n'), 100000);
+    QVERIFY(r.out.startsWith("id000000 crowd Paused "));
+    // The one-reply list fails cleanly instead of building a reply that cannot be sent.
+    qputenv("BINDER_SOCKET_DIR", QFile::encodeName(crowded.socketDir()));
+    std::vector<IDownload *> all;
+    QCOMPARE(interface_cast<IDLService>(defaultServiceManager()->checkService(
+                 String16("com.velta.DLService")))->getDownloadList("*", all),
+        int(FAILED_TRANSACTION));
+    QVERIFY(crowded.waitForErr("the records exceed one reply"));
+    crowded.writeLine("quit");
+    QVERIFY(crowded.waitForExit(60000));
 }
 
 void tst_FaultInput::cleanupTestCase()
