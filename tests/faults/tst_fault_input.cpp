@@ -8,7 +8,6 @@
 #include "ServiceProcess.h"
 #include "Wire.h"
 
-#include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 
 #include <QRandomGenerator>
@@ -24,7 +23,7 @@ using namespace faults;
 namespace {
 
 // How a hostile frame must be answered.
-enum Answer { HangUp = 1000, NoAnswerYet = 1001 }; // otherwise: a reply with this status
+enum Answer { HangUp = 1000, NoAnswerYet = 1001, Garbled = 1002 }; // else a reply's status
 
 QByteArray frameBytes(const wire::Frame &frame)
 {
@@ -51,6 +50,28 @@ QByteArray header(uint32_t command, uint32_t size)
     memcpy(h.data(), &command, 4);
     memcpy(h.data() + 4, &size, 4);
     return h;
+}
+
+// The status of the reply that comes back on fd, HangUp when the service closes it instead.
+int replyStatus(int fd)
+{
+    std::vector<uint8_t> in(1 << 16);
+    size_t got = 0;
+    uint32_t command = 0, size = 0;
+    for (ssize_t n; (n = recv(fd, in.data() + got, in.size() - got, 0)) > 0;) {
+        got += size_t(n);
+        if (got >= wire::kHeaderSize && wire::decodeHeader(in.data(), &command, &size)
+            && got >= wire::kHeaderSize + size)
+            break;
+    }
+    wire::Frame reply;
+    if (got == 0)
+        return HangUp;
+    if (got < wire::kHeaderSize || !wire::decodeHeader(in.data(), &command, &size)
+        || !wire::decodeBody(command, in.data() + wire::kHeaderSize, size, &reply)
+        || reply.command != wire::Reply)
+        return Garbled;
+    return reply.status;
 }
 
 Parcel request()
@@ -169,27 +190,8 @@ void tst_FaultInput::malformedIpcFrame()
     QVERIFY(fd >= 0);
     QCOMPARE(
         send(fd, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL), ssize_t(bytes.size()));
-    if (answer != NoAnswerYet) {
-        std::vector<uint8_t> in(1 << 16);
-        size_t got = 0;
-        uint32_t command = 0, size = 0;
-        for (ssize_t n; (n = recv(fd, in.data() + got, in.size() - got, 0)) > 0;) {
-            got += size_t(n);
-            if (got >= wire::kHeaderSize && wire::decodeHeader(in.data(), &command, &size)
-                && got >= wire::kHeaderSize + size)
-                break;
-        }
-        if (answer == HangUp) {
-            QCOMPARE(got, size_t(0));
-        } else {
-            QVERIFY(got >= wire::kHeaderSize);
-            QVERIFY(wire::decodeHeader(in.data(), &command, &size));
-            wire::Frame reply;
-            QVERIFY(wire::decodeBody(command, in.data() + wire::kHeaderSize, size, &reply));
-            QCOMPARE(reply.command, uint32_t(wire::Reply));
-            QCOMPARE(reply.status, int32_t(answer));
-        }
-    }
+    if (answer != NoAnswerYet)
+        QCOMPARE(replyStatus(fd), answer);
     // Served while the hostile connection is still open.
     const Result list = dlctl(service, { "list" });
     close(fd);
@@ -268,11 +270,13 @@ void tst_FaultInput::hundredThousandDownloadsAreListed()
     QCOMPARE(r.out.count('\n'), 100000);
     QVERIFY(r.out.startsWith("id000000 crowd Paused "));
     // The one-reply list fails cleanly instead of building a reply that cannot be sent.
-    qputenv("BINDER_SOCKET_DIR", QFile::encodeName(crowded.socketDir()));
-    std::vector<IDownload *> all;
-    QCOMPARE(interface_cast<IDLService>(defaultServiceManager()->checkService(
-                 String16("com.velta.DLService")))->getDownloadList("*", all),
-        int(FAILED_TRANSACTION));
+    Parcel list = request();
+    dlparcel::writeText(&list, "*");
+    const QByteArray call = callBytes(0, IDLService::GET_DOWNLOAD_LIST, list);
+    const int fd = connectRawUnixSocket(crowded.socketDir() + "/com.velta.DLService");
+    QCOMPARE(send(fd, call.constData(), size_t(call.size()), MSG_NOSIGNAL), ssize_t(call.size()));
+    QCOMPARE(replyStatus(fd), int(FAILED_TRANSACTION));
+    close(fd);
     QVERIFY(crowded.waitForErr("the records exceed one reply"));
     crowded.writeLine("quit");
     QVERIFY(crowded.waitForExit(60000));
