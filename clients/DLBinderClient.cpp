@@ -25,14 +25,15 @@ using namespace android;
 
 namespace {
 
+// The interface carries UTF-8 both ways.
 QString textIn(const std::string &text)
 {
-    return QString::fromLatin1(text.data(), int(text.size()));
+    return QString::fromUtf8(text.data(), qsizetype(text.size()));
 }
 
 std::string textOut(const QString &text)
 {
-    const QByteArray bytes = text.toLatin1();
+    const QByteArray bytes = text.toUtf8();
     return std::string(bytes.constData(), size_t(bytes.size()));
 }
 
@@ -288,15 +289,39 @@ int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const lo
     });
 }
 
-void DLBinderClient::setDownloadPath(const std::string &clientID, const std::string &downloadPath)
+int32_t DLBinderClient::setDownloadPath(const std::string &clientID,
+                                        const std::string &downloadPath)
 {
     BINDER_LOGD("setDownloadPath clientID:%s downloadPath %s", clientID.c_str(),
                 downloadPath.c_str());
+    static_assert(int(DownloadManager::PathStatus::NotADirectory) == PATH_NOT_A_DIRECTORY &&
+                  int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE);
     const QString client = textIn(clientID), path = textIn(downloadPath);
-    askManager<bool>(false, [client, path](DownloadManager *m) {
-        m->setDownloadPath(client, path);
-        return true;
+    return askManager<int32_t>(DEAD_OBJECT, [client, path](DownloadManager *m) {
+        return int32_t(m->setDownloadPath(client, path));
     });
+}
+
+int32_t DLBinderClient::requestDownload(const std::string &clientID, const std::string &url,
+                                        const std::string &uniqueID, const std::string &name,
+                                        std::string *uniqueIDOut)
+{
+    BINDER_LOGD("Request download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
+                url.c_str(), uniqueID.c_str(), name.c_str());
+    static_assert(int(DownloadManager::CreateStatus::IdInUse) == REQUEST_ID_IN_USE &&
+                  int(DownloadManager::CreateStatus::Refused) == REQUEST_REFUSED);
+    const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
+                  displayName = textIn(name);
+    using Answer = std::pair<int32_t, QString>;
+    const Answer answer = askManager<Answer>(
+        Answer(DEAD_OBJECT, QString()), [client, address, id, displayName](DownloadManager *m) {
+            QString created;
+            const auto status = m->createDownload(client, address, id, displayName, &created);
+            return Answer(int32_t(status), created);
+        });
+    if (uniqueIDOut)
+        *uniqueIDOut = textOut(answer.second);
+    return answer.first;
 }
 
 void DLBinderClient::addClient(const sp<IDLClient> &client)

@@ -35,7 +35,10 @@ public:
     int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) override;
     int getDownload(const std::string &uniqueID, IDownload *download) override;
     int checkSpaceAvailability(const std::string &clientID, const long long &size) override;
-    void setDownloadPath(const std::string &clientID, const std::string &downloadPath) override;
+    int32_t setDownloadPath(const std::string &clientID, const std::string &downloadPath) override;
+    int32_t requestDownload(const std::string &clientID, const std::string &url,
+                            const std::string &uniqueID, const std::string &name,
+                            std::string *uniqueIDOut) override;
     int listDownloadsPage(const std::string &clientID, const std::string &after,
                           std::vector<IDownload> *page) override;
 

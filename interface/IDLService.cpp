@@ -96,12 +96,39 @@ public:
         return result;
     }
 
-    void setDownloadPath(const std::string &clientID, const std::string &downloadPath) override
+    int32_t setDownloadPath(const std::string &clientID, const std::string &downloadPath) override
     {
         Parcel data = request();
         writeText(&data, clientID);
         writeText(&data, downloadPath);
-        call(SET_DOWNLOAD_PATH, data);
+        Parcel reply;
+        status_t err = remote()->transact(SET_DOWNLOAD_PATH, data, &reply);
+        int32_t result = 0;
+        if (err == NO_ERROR)
+            err = reply.readInt32(&result);
+        return err != NO_ERROR ? err : result;
+    }
+
+    int32_t requestDownload(const std::string &clientID, const std::string &url,
+                            const std::string &uniqueID, const std::string &name,
+                            std::string *uniqueIDOut) override
+    {
+        Parcel data = request();
+        writeText(&data, clientID);
+        writeText(&data, url);
+        writeText(&data, uniqueID);
+        writeText(&data, name);
+        Parcel reply;
+        status_t err = remote()->transact(REQUEST_DOWNLOAD, data, &reply);
+        int32_t result = 0;
+        std::string id;
+        if (err == NO_ERROR && (err = reply.readInt32(&result)) == NO_ERROR)
+            err = readText(reply, &id);
+        if (err != NO_ERROR)
+            return err;
+        if (uniqueIDOut)
+            *uniqueIDOut = id;
+        return result;
     }
 
     int listDownloadsPage(const std::string &clientID, const std::string &after,
@@ -224,8 +251,17 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
     case SET_DOWNLOAD_PATH:
         if (readText(data, &a) || readText(data, &b))
             return BAD_VALUE;
-        setDownloadPath(a, b);
+        // Clients that expect an empty reply never read this status.
+        reply->writeInt32(setDownloadPath(a, b));
         return NO_ERROR;
+    case REQUEST_DOWNLOAD: {
+        if (readText(data, &a) || readText(data, &b) || readText(data, &c) || readText(data, &d))
+            return BAD_VALUE;
+        std::string id;
+        reply->writeInt32(requestDownload(a, b, c, d, &id));
+        writeText(reply, id);
+        return NO_ERROR;
+    }
     case LIST_DOWNLOADS_PAGE: {
         if (readText(data, &a) || readText(data, &b))
             return BAD_VALUE;

@@ -39,10 +39,11 @@ int usage(FILE *out, int status)
             "  space SIZE [--client ID]\n"
             "  set-path CLIENT PATH\n"
             "  watch\n"
-            "Records print as: ID CLIENT STATE BYTES TOTAL FILE\n"
+            "create prints the new download's identifier; records print as:\n"
+            "  ID CLIENT STATE BYTES TOTAL FILE\n"
             "The service is found in $BINDER_SOCKET_DIR (default /run/binder).\n"
-            "Exit status: 0 done, 1 failed or unknown download, 2 service not reachable or not\n"
-            "answering, 64 usage, 128+N ended by signal N.\n");
+            "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
+            "or not answering, 64 usage, 128+N ended by signal N.\n");
     return status;
 }
 
@@ -139,7 +140,7 @@ bool parseSize(const std::string &text, long long *size)
     char *end = nullptr;
     errno = 0;
     *size = strtoll(text.c_str(), &end, 10);
-    return errno == 0 && end && *end == '\0';
+    return errno == 0 && end && *end == '\0' && *size >= 0;
 }
 
 void onSignal(int signal)
@@ -198,35 +199,22 @@ int exists(const sp<IDLService> &service, const std::string &id)
 }
 
 // Follows one download through the update stream: prints progress, returns its final state.
-int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const std::string &url,
-           const std::string &client, std::string id, bool toEnd)
+int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const std::string &id)
 {
     const bool terminal = isatty(STDOUT_FILENO);
     ProgressView view(stdout);
     IDownload update;
-    for (int waited = 0;;) {
+    for (;;) {
         bool polled = false;
         if (!events->next(&update, 1000)) {
             if (events->died() || interrupted)
                 break;
-            if (id.empty()) {
-                if (++waited >= 10)
-                    break;
-                continue;
-            }
             // A failure is not announced as an update: ask for the state when things go quiet.
-            if (service->getDownload(id, &update) != 1)
+            if (service->getDownload(id, &update) != 1) {
+                fprintf(stderr, "dlctl: download %s is gone\n", id.c_str());
                 break;
-            polled = true;
-        }
-        if (id.empty()) {
-            if (update.contentURL != url || update.clientID != client)
-                continue;
-            id = update.uniqueID;
-            if (!toEnd) {
-                printf("%s\n", id.c_str());
-                return 0;
             }
+            polled = true;
         }
         if (update.uniqueID != id || (polled && update.state != 1 && update.state != 8))
             continue;
@@ -241,9 +229,21 @@ int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const s
         fprintf(stderr, "dlctl: the download service went away\n");
         return 2;
     }
-    if (id.empty())
-        fprintf(stderr, "dlctl: the service did not start the download (see its log)\n");
     return 1;
+}
+
+const char *refusal(int32_t status)
+{
+    switch (status) {
+    case IDLService::REQUEST_BAD_URL:
+        return "not an http or https URL";
+    case IDLService::REQUEST_ID_IN_USE:
+        return "the identifier belongs to another download";
+    case IDLService::REQUEST_BAD_ARGUMENT:
+        return "an argument is unusable (see the service's log)";
+    default:
+        return "refused by the service (see its log)";
+    }
 }
 
 } // namespace
@@ -292,14 +292,24 @@ int run(int argc, char **argv)
 
     if (command == "create") {
         // Register first so that the download's first update cannot be missed.
-        service->addClient(events);
-        service->createDownload(o.client, arg, o.id, o.name);
+        if (o.wait)
+            service->addClient(events);
+        std::string id;
+        const int32_t created = service->requestDownload(o.client, arg, o.id, o.name, &id);
         int status = 0;
-        if (!o.wait && !o.id.empty())
-            printf("%s\n", o.id.c_str());
-        else
-            status = follow(service, events, arg, o.client, o.id, o.wait);
-        service->removeClient(events);
+        if (created < 0) {
+            fprintf(stderr, "dlctl: the download service went away\n");
+            status = 2;
+        } else if (created != IDLService::REQUEST_CREATED) {
+            fprintf(stderr, "dlctl: cannot create %s: %s\n", arg.c_str(), refusal(created));
+            status = 1;
+        } else {
+            printf("%s\n", id.c_str());
+            if (o.wait)
+                status = follow(service, events, id);
+        }
+        if (o.wait)
+            service->removeClient(events);
         return status;
     }
     if (command == "pause" || command == "resume" || command == "remove") {
@@ -344,7 +354,7 @@ int run(int argc, char **argv)
     if (command == "space") {
         long long size = 0;
         if (!parseSize(arg, &size)) {
-            fprintf(stderr, "dlctl: SIZE must be a whole number of bytes\n");
+            fprintf(stderr, "dlctl: SIZE must be a whole, non-negative number of bytes\n");
             return 64;
         }
         const int result = service->checkSpaceAvailability(o.client, size);
@@ -357,8 +367,20 @@ int run(int argc, char **argv)
         return 0;
     }
     if (command == "set-path") {
-        service->setDownloadPath(o.positional[0], o.positional[1]);
-        return 0;
+        const std::string &path = o.positional[1];
+        switch (service->setDownloadPath(o.positional[0], path)) {
+        case IDLService::PATH_SET:
+            return 0;
+        case IDLService::PATH_NOT_ABSOLUTE:
+            fprintf(stderr, "dlctl: %s is not an absolute path\n", path.c_str());
+            return 1;
+        case IDLService::PATH_NOT_A_DIRECTORY:
+            fprintf(stderr, "dlctl: %s is not a directory\n", path.c_str());
+            return 1;
+        default:
+            fprintf(stderr, "dlctl: the download service went away\n");
+            return 2;
+        }
     }
     // watch: ends with SIGINT or SIGTERM
     service->addClient(events);
