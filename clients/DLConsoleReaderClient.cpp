@@ -27,10 +27,20 @@ public:
         line += QLatin1Char(' ');
         return *this;
     }
+    // Control characters are escaped (\n, \t, \xHH): a value cannot forge or hide a line.
     ConsoleLine &value(const QString &piece)
     {
         line += QLatin1Char('"');
-        line += piece;
+        for (const QChar c : piece) {
+            if (c.category() != QChar::Other_Control)
+                line += c;
+            else if (c == QLatin1Char('\n'))
+                line += QLatin1String("\\n");
+            else if (c == QLatin1Char('\t'))
+                line += QLatin1String("\\t");
+            else
+                line += QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
+        }
         line += QLatin1String("\" ");
         return *this;
     }

@@ -1,3 +1,4 @@
+#include "DlmLog.h"
 #include "DownloadManager.h"
 #include "apm.h"
 
@@ -67,6 +68,7 @@ int main(int argc, char *argv[])
 {
     // Lines on standard output must reach a pipe or a log collector as they are printed.
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    installEscapingLogger();
 
     if (APM_Join(&appCtrlHandler) != 0) {
         puts("APM client test program aborted.");

@@ -131,6 +131,31 @@ public:
         return result;
     }
 
+    int listDownloadsPage(const std::string &clientID, const std::string &after,
+                          std::vector<IDownload> *page) override
+    {
+        page->clear();
+        Parcel data = request();
+        writeText(&data, clientID);
+        writeText(&data, after);
+        Parcel reply;
+        status_t err = remote()->transact(LIST_DOWNLOADS_PAGE, data, &reply);
+        int32_t count = 0;
+        if (err != NO_ERROR || (err = reply.readInt32(&count)) != NO_ERROR)
+            return err;
+        // Each record takes at least 4 bytes: a count beyond that is a lie, not an allocation.
+        if (count < 0 || size_t(count) > reply.dataAvail() / 4)
+            return BAD_VALUE;
+        page->resize(size_t(count));
+        for (IDownload &download : *page) {
+            if ((err = download.readFromParcel(reply)) != NO_ERROR) {
+                page->clear();
+                return err;
+            }
+        }
+        return count;
+    }
+
 private:
     static Parcel request()
     {
@@ -155,7 +180,7 @@ IMPLEMENT_META_INTERFACE(DLService, "com.velta.IDLService");
 
 status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *reply, uint32_t flags)
 {
-    if (code < CREATE_DOWNLOAD || code > REQUEST_DOWNLOAD)
+    if (code < CREATE_DOWNLOAD || code > LIST_DOWNLOADS_PAGE)
         return BBinder::onTransact(code, data, reply, flags);
     if (!data.enforceInterface(IDLService::descriptor))
         return PERMISSION_DENIED;
@@ -196,6 +221,8 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
             return BAD_VALUE;
         std::vector<IDownload *> list;
         const int result = getDownloadList(a, list);
+        if (result < 0)
+            return result;
         reply->writeInt32(result);
         reply->writeInt32(int32_t(list.size()));
         for (IDownload *download : list) {
@@ -233,6 +260,18 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
         std::string id;
         reply->writeInt32(requestDownload(a, b, c, d, &id));
         writeText(reply, id);
+        return NO_ERROR;
+    }
+    case LIST_DOWNLOADS_PAGE: {
+        if (readText(data, &a) || readText(data, &b))
+            return BAD_VALUE;
+        std::vector<IDownload> page;
+        const int result = listDownloadsPage(a, b, &page);
+        if (result < 0)
+            return result;
+        reply->writeInt32(int32_t(page.size()));
+        for (const IDownload &download : page)
+            download.writeToParcel(reply);
         return NO_ERROR;
     }
     }

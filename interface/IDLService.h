@@ -28,6 +28,7 @@ public:
         CHECK_SPACE_AVAILABILITY,
         SET_DOWNLOAD_PATH,
         REQUEST_DOWNLOAD,
+        LIST_DOWNLOADS_PAGE,
     };
 
     // Status of requestDownload; negative values mean the call did not reach the service.
@@ -52,7 +53,8 @@ public:
     virtual void removeDownload(const std::string &uniqueID) = 0;
     virtual void pauseDownload(const std::string &uniqueID) = 0;
     virtual void resumeDownload(const std::string &uniqueID) = 0;
-    // Fills list (emptied first) with records the caller owns; 1 when any, 0 when none.
+    // Fills list (emptied first) with records the caller owns; 1 when any, 0 when none. Fails
+    // (negative) when the records do not fit in one reply: read long lists page by page.
     virtual int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) = 0;
     // 1 and record filled when found, 0 when not.
     virtual int getDownload(const std::string &uniqueID, IDownload *download) = 0;
@@ -65,6 +67,11 @@ public:
     virtual int32_t requestDownload(const std::string &clientID, const std::string &url,
                                     const std::string &uniqueID, const std::string &name,
                                     std::string *uniqueIDOut) = 0;
+    // One page of getDownloadList's records in identifier order: those whose identifier sorts
+    // after `after` (all from the first when empty), as many as one reply holds. Returns how many
+    // records `page` holds, 0 past the last one, negative when the call did not reach the service.
+    virtual int listDownloadsPage(const std::string &clientID, const std::string &after,
+                                  std::vector<IDownload> *page) = 0;
 };
 
 // Server stub: unpacks each transaction and calls the matching operation.

@@ -229,9 +229,9 @@ void tst_Console::invalidLines_data()
     QTest::newRow("url with a blank") << QByteArray("create http://127.0.0.1/a b.bin")
                                       << QByteArray("create http://127.0.0.1/a b.bin");
     QTest::newRow("quotes and backslashes")
-        << QByteArray("say \"hi\" \\n\ttab") << QByteArray("say \"hi\" \\n\ttab");
-    QTest::newRow("control bytes")
-        << QByteArray("\x01\x02\x1b[0m") << QByteArray("\x01\x02\x1b[0m");
+        << QByteArray("say \"hi\" \\n\ttab") << QByteArray("say \"hi\" \\n\\ttab");
+    QTest::newRow("control bytes escaped")
+        << QByteArray("\x01\x02\x1b[0m") << QByteArray("\\x01\\x02\\x1b[0m");
     QTest::newRow("carriage return line end") << QByteArray("Quit\r") << QByteArray("Quit");
     const QByteArray longLine(300000, 'x');
     QTest::newRow("very long line") << longLine << longLine;

@@ -5,6 +5,11 @@
 #include <QtTest>
 
 #include <csignal>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
@@ -112,10 +117,11 @@ private slots:
     void setPathAppliesToTheNextDownloadAndSurvivesRestart();
     void twoWatchersSeeEveryUpdateInOrder();
     void killedWatcherIsDroppedOthersKeepReceiving();
-    void clientRegisteredTwiceGetsUpdatesTwice();
+    void eventClientsAreBoundedPerConnection();
     void queryFromInsideCallbackDoesNotHang();
     void failuresAndRefusalsEndWithStatusOne();
-    void serviceNotRunning();
+    void reachability_data();
+    void reachability();
     void manyClientsQueryWhileDownloadsChange();
 };
 
@@ -327,17 +333,19 @@ void tst_IpcService::killedWatcherIsDroppedOthersKeepReceiving()
     QVERIFY(service.isRunning());
 }
 
-void tst_IpcService::clientRegisteredTwiceGetsUpdatesTwice()
+void tst_IpcService::eventClientsAreBoundedPerConnection()
 {
     FakeHttpServer server;
     server.setBody("/d", "data");
     ServiceProcess service;
     startService(service);
-    Client probe(DLPROBE_BINARY, {"twice"}, service);
+    Client probe(DLPROBE_BINARY, {"flood"}, service);
     QVERIFY(probe.waitForOut("registered"));
     QCOMPARE(dlctl(service, {"create", server.url("/d").toString(), "--id", "d", "--wait"}).code, 0);
-    QVERIFY(probe.waitForOut("update d 1 4", 2));
-    QCOMPARE(probe.out().count("update d 16 0"), 2);
+    // The repeated object once, the service's own object never, then others up to the limit.
+    QVERIFY(probe.waitForOut("update d 1 4", 16));
+    QCOMPARE(probe.out().count("update d 16 0"), 16);
+    QVERIFY(service.stdErr().contains("refused: not another process's object"));
 }
 
 void tst_IpcService::queryFromInsideCallbackDoesNotHang()
@@ -368,13 +376,66 @@ void tst_IpcService::failuresAndRefusalsEndWithStatusOne()
     QVERIFY2(r.err.contains("not an http or https URL"), r.err);
 }
 
-void tst_IpcService::serviceNotRunning()
+void tst_IpcService::reachability_data()
 {
-    ServiceProcess nothing; // never started: its socket directory is empty
-    QDir().mkpath(nothing.socketDir());
-    const Result r = dlctl(nothing, {"list"});
-    QCOMPARE(r.code, 2);
-    QVERIFY(r.err.contains("not running"));
+    QTest::addColumn<QString>("situation");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QByteArray>("message");
+    QTest::newRow("another user, service started under umask 077") << "open" << 0 << QByteArray();
+    QTest::newRow("not running") << "absent" << 2 << QByteArray("not running");
+    QTest::newRow("socket directory closed to the user")
+        << "closed" << 2 << QByteArray("permission denied");
+    QTest::newRow("backlog full") << "backlog" << 2 << QByteArray("not answering");
+    QTest::newRow("SIGTERM while connecting") << "sigterm" << 128 + SIGTERM << QByteArray();
+}
+
+void tst_IpcService::reachability()
+{
+    QFETCH(QString, situation);
+    QFETCH(int, code);
+    QFETCH(QByteArray, message);
+    const bool otherUser = situation == "open" || situation == "closed";
+    if (otherUser && geteuid() != 0)
+        QSKIP("running dlctl as another user needs root");
+    ServiceProcess service;
+    QDir().mkpath(service.socketDir());
+    if (situation == "open") {
+        QVERIFY(chmod(QFile::encodeName(service.root()).constData(), 0755) == 0);
+        QVERIFY(QDir().rmdir(service.socketDir())); // the service makes it
+        const mode_t mask = umask(077);
+        startService(service);
+        umask(mask);
+    }
+    // A listener that never accepts, its backlog filled: connecting blocks.
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::vector<int> queued;
+    if (situation == "backlog" || situation == "sigterm") {
+        sockaddr_un addr {};
+        addr.sun_family = AF_UNIX;
+        const QByteArray path = QFile::encodeName(service.socketDir() + "/com.velta.DLService");
+        memcpy(addr.sun_path, path.constData(), size_t(path.size()));
+        QVERIFY(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0);
+        QVERIFY(listen(listener, 0) == 0);
+        for (int fd; (fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) >= 0;) {
+            queued.push_back(fd);
+            if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
+                break;
+        }
+    }
+    const QStringList list {"list"};
+    Client c(otherUser ? "runuser" : DLCTL_BINARY,
+             otherUser ? QStringList {"-u", "nobody", "--", DLCTL_BINARY} + list : list, service);
+    if (situation == "sigterm") {
+        const QString syscall = QStringLiteral("/proc/%1/syscall").arg(c.process.processId());
+        QTRY_VERIFY(fileBytes(syscall).startsWith(QByteArray::number(SYS_connect) + ' '));
+        c.process.terminate();
+    }
+    const Result r = c.finish();
+    QCOMPARE(r.code, code);
+    QVERIFY2(r.err.contains(message), r.err);
+    for (int fd : queued)
+        close(fd);
+    close(listener);
 }
 
 void tst_IpcService::manyClientsQueryWhileDownloadsChange()

@@ -25,6 +25,9 @@ namespace {
 
 const char kServiceName[] = "com.velta.DLService";
 volatile sig_atomic_t interrupted = 0;
+// Set while a loop polls `interrupted` and ends by itself; otherwise a signal ends dlctl at once,
+// wherever it waits (a connect, or a call to a service that does not answer).
+volatile sig_atomic_t endsByItself = 0;
 
 int usage(FILE *out, int status)
 {
@@ -40,8 +43,8 @@ int usage(FILE *out, int status)
             "create prints the new download's identifier; records print as:\n"
             "  ID CLIENT STATE BYTES TOTAL FILE\n"
             "The service is found in $BINDER_SOCKET_DIR (default /run/binder).\n"
-            "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable,\n"
-            "64 usage.\n");
+            "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
+            "or not answering, 64 usage, 128+N ended by signal N.\n");
     return status;
 }
 
@@ -141,26 +144,59 @@ bool parseSize(const std::string &text, long long *size)
     return errno == 0 && end && *end == '\0' && *size >= 0;
 }
 
-void onSignal(int)
+void onSignal(int signal)
 {
+    if (!endsByItself)
+        _exit(128 + signal);
     interrupted = 1;
+}
+
+// Without SA_RESTART, so that a blocked connect returns instead of starting over.
+void handleSignal(int signal)
+{
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(signal, &action, nullptr);
 }
 
 sp<IDLService> connectService(sp<UpdateQueue> *events)
 {
     ProcessState::self()->startThreadPool();
     sp<IBinder> binder = defaultServiceManager()->checkService(String16(kServiceName));
-    if (binder == nullptr)
+    if (binder == nullptr) {
+        const int why = errno;
+        const char *dir = getenv("BINDER_SOCKET_DIR");
+        const std::string path = std::string(dir && *dir ? dir : "/run/binder") + "/" + kServiceName;
+        if (why == EACCES || why == EPERM)
+            fprintf(stderr, "dlctl: permission denied: this user may not reach %s\n", path.c_str());
+        else if (why == EAGAIN || why == ETIMEDOUT)
+            fprintf(stderr, "dlctl: the download service is not answering (%s accepts no "
+                            "connection)\n", path.c_str());
+        else if (why == ENOENT || why == ECONNREFUSED || why == ENOTDIR)
+            fprintf(stderr, "dlctl: the download service is not running (no %s)\n", path.c_str());
+        else
+            fprintf(stderr, "dlctl: cannot reach the download service at %s: %s\n", path.c_str(),
+                    strerror(why));
         return nullptr;
+    }
     *events = new UpdateQueue;
     binder->linkToDeath(*events);
     return interface_cast<IDLService>(binder);
 }
 
-bool exists(const sp<IDLService> &service, const std::string &id)
+// Every call that did not reach the service ends dlctl with status 2 and says so.
+int notAnswered(const char *call, int status)
+{
+    fprintf(stderr, "dlctl: the download service did not answer %s (status %d)\n", call, status);
+    return 2;
+}
+
+// 1 found, 0 not found, negative: the call did not reach the service.
+int exists(const sp<IDLService> &service, const std::string &id)
 {
     IDownload record;
-    return service->getDownload(id, &record) == 1;
+    return service->getDownload(id, &record);
 }
 
 // Follows one download through the update stream: prints progress, returns its final state.
@@ -249,18 +285,14 @@ int run(int argc, char **argv)
     if (!known)
         return usage(stderr, 64);
 
-    signal(SIGINT, onSignal);
-    signal(SIGTERM, onSignal);
+    handleSignal(SIGINT);
+    handleSignal(SIGTERM);
     signal(SIGPIPE, SIG_IGN);
 
     sp<UpdateQueue> events;
     const sp<IDLService> service = connectService(&events);
-    if (service == nullptr) {
-        const char *dir = getenv("BINDER_SOCKET_DIR");
-        fprintf(stderr, "dlctl: the download service is not running (no %s in %s)\n", kServiceName,
-                dir && *dir ? dir : "/run/binder");
+    if (service == nullptr)
         return 2;
-    }
     const std::string arg = n ? o.positional[0] : std::string();
 
     if (command == "create") {
@@ -285,29 +317,25 @@ int run(int argc, char **argv)
             service->removeClient(events);
         return status;
     }
-    if (command == "pause" || command == "resume") {
-        if (arg != "all" && !exists(service, arg)) {
+    if (command == "pause" || command == "resume" || command == "remove") {
+        const int found = arg == "all" && command != "remove" ? 1 : exists(service, arg);
+        if (found < 0)
+            return notAnswered("getDownload", found);
+        if (found != 1) {
             fprintf(stderr, "dlctl: no download %s\n", arg.c_str());
             return 1;
         }
-        command == "pause" ? service->pauseDownload(arg) : service->resumeDownload(arg);
-        return 0;
-    }
-    if (command == "remove") {
-        if (!exists(service, arg)) {
-            fprintf(stderr, "dlctl: no download %s\n", arg.c_str());
-            return 1;
-        }
-        service->removeDownload(arg);
+        if (command == "remove")
+            service->removeDownload(arg);
+        else
+            command == "pause" ? service->pauseDownload(arg) : service->resumeDownload(arg);
         return 0;
     }
     if (command == "status") {
         IDownload record;
         const int found = service->getDownload(arg, &record);
-        if (found < 0) {
-            fprintf(stderr, "dlctl: the download service went away\n");
-            return 2;
-        }
+        if (found < 0)
+            return notAnswered("getDownload", found);
         if (found != 1) {
             fprintf(stderr, "dlctl: no download %s\n", arg.c_str());
             return 1;
@@ -316,13 +344,17 @@ int run(int argc, char **argv)
         return 0;
     }
     if (command == "list") {
-        std::vector<IDownload *> list;
-        const int result = service->getDownloadList(n ? arg : "*", list);
-        for (IDownload *record : list) {
-            printf("%s\n", recordLine(*record).c_str());
-            delete record;
+        // Page by page, so any number of downloads can be listed.
+        std::vector<IDownload> page;
+        for (std::string after;; after = page.back().uniqueID) {
+            const int result = service->listDownloadsPage(n ? arg : "*", after, &page);
+            if (result < 0)
+                return notAnswered("listDownloadsPage", result);
+            if (page.empty() || page.back().uniqueID == after)
+                return 0;
+            for (const IDownload &record : page)
+                printf("%s\n", recordLine(record).c_str());
         }
-        return result < 0 ? 2 : 0;
     }
     if (command == "space") {
         long long size = 0;
@@ -355,8 +387,9 @@ int run(int argc, char **argv)
             return 2;
         }
     }
-    // watch
+    // watch: ends with SIGINT or SIGTERM
     service->addClient(events);
+    endsByItself = 1;
     const bool terminal = isatty(STDOUT_FILENO);
     ProgressView view(stdout);
     IDownload update;
@@ -373,6 +406,7 @@ int run(int argc, char **argv)
         else
             printf("%s\n", recordLine(update).c_str());
     }
+    endsByItself = 0;
     service->removeClient(events);
     return 0;
 }
