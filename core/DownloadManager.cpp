@@ -36,6 +36,11 @@ DownloadManager::DownloadManager(const QString &settingsPath)
 {
     networkManager = new QNetworkAccessManager(this);
     loadSettings();
+    bool numeric = false;
+    const int retries = getSettingsValue(QStringLiteral("max_retries"),
+                                         QString::number(RetrySchedule::kDefaultMaxRetries))
+                            .toInt(&numeric, 10);
+    maxRetries = (numeric && retries >= 0) ? retries : RetrySchedule::kDefaultMaxRetries;
     createClients();
 
     const QString dbDirectory =
@@ -127,6 +132,7 @@ void DownloadManager::createDownload(const QString &clientID, const QString &url
     const QString displayName = name.isEmpty() ? getFileName(clientID, url) : name;
 
     Download *download = new Download(this, networkManager, id, clientID, url, displayName);
+    download->setMaxRetries(maxRetries);
     download->filePath = getFileName(clientID, url);
     download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
@@ -144,7 +150,9 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
     Download *download =
         new Download(this, networkManager, uniqueID, clientID, name, contentURL, filePath, state,
                      failureCode, totalSize, amountDownloaded, startTime);
-    if (download->state != Download::Paused)
+    download->setMaxRetries(maxRetries);
+    // A failed download waits for a resume; a stalled one tries again at once.
+    if (download->state != Download::Paused && download->state != Download::Failed)
         download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
              download->uniqueID.toLocal8Bit().constData(),
@@ -223,9 +231,13 @@ void DownloadManager::pauseDownload(const QString &uniqueID)
     for (Download *download : qAsConst(downloads)) {
         if (download->uniqueID == uniqueID || uniqueID == kAll) {
             download->pause();
-            DLM_LOGI("%s has been paused.", uniqueID.toLocal8Bit().constData());
+            if (uniqueID != kAll)
+                DLM_LOGI("%s has been paused.", uniqueID.toLocal8Bit().constData());
         }
     }
+    // One line for the command, not one identical line per download.
+    if (uniqueID == kAll && !downloads.isEmpty())
+        DLM_LOGI("all has been paused.");
 }
 
 void DownloadManager::resumeDownload(const QString &uniqueID)
@@ -233,9 +245,12 @@ void DownloadManager::resumeDownload(const QString &uniqueID)
     for (Download *download : qAsConst(downloads)) {
         if (download->uniqueID == uniqueID || uniqueID == kAll) {
             download->resume();
-            DLM_LOGI("%s has been resumed.", uniqueID.toLocal8Bit().constData());
+            if (uniqueID != kAll)
+                DLM_LOGI("%s has been resumed.", uniqueID.toLocal8Bit().constData());
         }
     }
+    if (uniqueID == kAll && !downloads.isEmpty())
+        DLM_LOGI("all has been resumed.");
 }
 
 void DownloadManager::restartDownload(const QString &uniqueID)

@@ -91,5 +91,7 @@ private:
     QHash<QString, QString> downloadPaths;
     QSettings *settings;
     QString settingsPath;
+    // Setting "max_retries": attempts a download makes after a passing fault without new bytes.
+    int maxRetries;
     bool quitting = false;
 };
