@@ -37,6 +37,11 @@ int usage(FILE *out, int status)
             "  set-path CLIENT PATH\n"
             "  watch\n"
             "Records print as: ID CLIENT STATE BYTES TOTAL FILE\n"
+            "watch and create --wait add after FILE, in parentheses, the meaning of a Failed\n"
+            "download's failure code or the time of a Stalled download's next attempt.\n"
+            "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
+            "  2 the server answered with an error status, 3 the local file could not be opened\n"
+            "  or written, 4 none (a new download).\n"
             "The service is found in $BINDER_SOCKET_DIR (default /run/binder).\n"
             "Exit status: 0 done, 1 failed or unknown download, 2 service not reachable, 64 usage.\n");
     return status;
@@ -168,19 +173,13 @@ int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const s
     ProgressView view(stdout);
     IDownload update;
     for (int waited = 0;;) {
-        bool polled = false;
         if (!events->next(&update, 1000)) {
             if (events->died() || interrupted)
                 break;
-            if (id.empty()) {
-                if (++waited >= 10)
-                    break;
-                continue;
-            }
-            // A failure is not announced as an update: ask for the state when things go quiet.
-            if (service->getDownload(id, &update) != 1)
+            // Nothing heard: give up on a download that never came (a refused create).
+            if (id.empty() ? ++waited >= 10 : !exists(service, id))
                 break;
-            polled = true;
+            continue;
         }
         if (id.empty()) {
             if (update.contentURL != url || update.clientID != client)
@@ -191,12 +190,12 @@ int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const s
                 return 0;
             }
         }
-        if (update.uniqueID != id || (polled && update.state != 1 && update.state != 8))
+        if (update.uniqueID != id)
             continue;
         if (terminal)
             view.update(update);
         else
-            printf("%s\n", recordLine(update).c_str());
+            printf("%s%s\n", recordLine(update).c_str(), stateNote(update).c_str());
         if (update.state == 1 || update.state == 8)
             return update.state == 1 ? 0 : 1;
     }
@@ -343,7 +342,7 @@ int run(int argc, char **argv)
         if (terminal)
             view.update(update);
         else
-            printf("%s\n", recordLine(update).c_str());
+            printf("%s%s\n", recordLine(update).c_str(), stateNote(update).c_str());
     }
     service->removeClient(events);
     return 0;
