@@ -146,21 +146,28 @@ void tst_IpcService::controlByIdentifierAndAll()
     ServiceProcess service;
     startService(service);
 
+    FakeHttpServer::Resource silent; // its download stays Pending
+    silent.neverAnswer = true;
+    server.setResource("/silent", silent);
+    QCOMPARE(dlctl(service, {"create", server.url("/silent").toString(), "--id", "quiet"}).code, 0);
     Result r = dlctl(service, {"create", server.url("/slow.bin").toString(), "--id", "job1"});
     QCOMPARE(r.code, 0);
     QCOMPARE(r.out, QByteArray("job1\n"));
     // The console's update lines tell the state as it changes; polling could miss a short one.
     QVERIFY(service.waitForErr("status:  \"Progressing\"", 20000));
+    QVERIFY(dlctl(service, {"status", "quiet"}).out.contains(" Pending "));
 
-    QCOMPARE(dlctl(service, {"pause", "job1"}).code, 0);
-    QVERIFY(service.waitForErr("status:  \"Paused\"", 20000));
+    QCOMPARE(dlctl(service, {"pause", "all"}).code, 0);
+    QVERIFY(service.waitForErrCount("status:  \"Paused\"", 2, 20000));
     QVERIFY(dlctl(service, {"status", "job1"}).out.contains(" Paused "));
+    QVERIFY(dlctl(service, {"status", "quiet"}).out.contains(" Paused "));
+    QCOMPARE(service.stdErr().count("has been paused."), 1); // one line for the command
     server.clearRequests();
     QCOMPARE(dlctl(service, {"resume", "all"}).code, 0);
     QVERIFY(service.waitForErr("status:  \"Completed\"", 60000));
     QVERIFY(dlctl(service, {"status", "job1"}).out.contains(" Completed "));
-    QCOMPARE(server.requests().size(), 1);
-    QVERIFY(server.requests().first().header("range").startsWith("bytes="));
+    QCOMPARE(server.requestsFor("/slow.bin").size(), 1);
+    QVERIFY(server.requestsFor("/slow.bin").first().header("range").startsWith("bytes="));
     const QString path = service.downloadsDir() + "slow.bin";
     QCOMPARE(fileBytes(path), body);
 
@@ -317,6 +324,7 @@ void tst_IpcService::waitEndsWithStatusOneOnFailure()
     const Result r = dlctl(service, {"create", server.url("/missing").toString(), "--id", "m", "--wait"});
     QCOMPARE(r.code, 1);
     QVERIFY2(r.out.contains("m dlctl Failed 0 0 "), r.out);
+    QVERIFY2(r.out.contains("(failure 2: the server answered with an error status)"), r.out);
 }
 
 void tst_IpcService::serviceNotRunning()

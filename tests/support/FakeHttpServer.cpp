@@ -1,6 +1,7 @@
 #include "FakeHttpServer.h"
 
 #include <QPointer>
+#include <cctype>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -107,6 +108,12 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
     if (!c)
         return;
     c->buffer += socket->readAll();
+    // Bytes that cannot start a request (a TLS greeting, say) get what real servers answer.
+    if (!c->buffer.isEmpty() && !isalpha(static_cast<unsigned char>(c->buffer.at(0)))) {
+        socket->write("HTTP/1.1 400 Bad Request\r\nConnection: close\r\n\r\n");
+        finish(c, false);
+        return;
+    }
     const int end = c->buffer.indexOf("\r\n\r\n");
     if (end < 0 || c->timer || !c->body.isEmpty())
         return;
