@@ -161,7 +161,6 @@ void tst_IpcService::controlByIdentifierAndAll()
     QVERIFY(service.waitForErrCount("status:  \"Paused\"", 2, 20000));
     QVERIFY(dlctl(service, {"status", "job1"}).out.contains(" Paused "));
     QVERIFY(dlctl(service, {"status", "quiet"}).out.contains(" Paused "));
-    QCOMPARE(service.stdErr().count("has been paused."), 1); // one line for the command
     server.clearRequests();
     QCOMPARE(dlctl(service, {"resume", "all"}).code, 0);
     QVERIFY(service.waitForErr("status:  \"Completed\"", 60000));
