@@ -1,7 +1,7 @@
 #include "Download.h"
 
-#include "DownloadManager.h"
 #include "DlmLog.h"
+#include "DownloadManager.h"
 #include "IDownload.h"
 
 #include <QDateTime>
@@ -311,8 +311,8 @@ void Download::endAttempt(unsigned code, const QString &reason, bool passing, qi
             delay, reason.toUtf8().constData());
     } else {
         state = Failed;
-        DLM_LOGW("Download %s failed: %s", uniqueID.toUtf8().constData(),
-            reason.toUtf8().constData());
+        DLM_LOGW(
+            "Download %s failed: %s", uniqueID.toUtf8().constData(), reason.toUtf8().constData());
     }
     report();
 }
@@ -542,8 +542,7 @@ void Download::rejectReply(int status)
 {
     // Neither an error page nor an unusable body may reach the file.
     verdict = ReplyVerdict::Rejected;
-    const QString phrase =
-        reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
+    const QString phrase = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
     QString reason = QStringLiteral("HTTP %1 %2").arg(status).arg(phrase);
     if (status < 400)
         reason += QStringLiteral(" is not a usable answer");

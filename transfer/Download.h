@@ -18,8 +18,7 @@ class QNetworkReply;
 // storing or announcing is reported through DownloadManager::updateDownload(this). Every
 // transfer ends by itself: Completed, Failed (reported, with its reason in the log), or Stalled
 // while it waits to try a passing fault again.
-class Download : public QObject
-{
+class Download : public QObject {
     Q_OBJECT
 
 public:
@@ -33,13 +32,14 @@ public:
         Stalled = 32,
     };
 
-    // A new download, not launched yet (state 0, failure code 4). Note: the URL comes before the name.
+    // A new download, not launched yet (state 0, failure code 4). Note: the URL comes before the
+    // name.
     Download(DownloadManager *manager, QNetworkAccessManager *networkManager, QString uniqueID,
-             QString clientID, QString contentURL, QString name);
+        QString clientID, QString contentURL, QString name);
     // A download restored from its stored record, values taken as they are.
     Download(DownloadManager *manager, QNetworkAccessManager *networkManager, QString uniqueID,
-             QString clientID, QString name, QString contentURL, QString filePath, unsigned state,
-             unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
+        QString clientID, QString name, QString contentURL, QString filePath, unsigned state,
+        unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
     ~Download() override;
 
     QString stateAsString() const;

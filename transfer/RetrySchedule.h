@@ -8,8 +8,7 @@
 // the server's Retry-After (itself bounded to an hour). An attempt that got further into the
 // content than any before it starts the count afresh; maxRetries failures in a row without that
 // use the attempts up. Owns the timer that fires due(); lives on the download's thread.
-class RetrySchedule : public QObject
-{
+class RetrySchedule : public QObject {
     Q_OBJECT
 
 public:

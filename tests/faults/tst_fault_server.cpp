@@ -82,10 +82,10 @@ void tst_FaultServer::misbehavingServer_data()
         << "stall" << QByteArray("Completed") << "whole" << 1ll << QByteArray() << true;
     QTest::newRow("answers 500 to every attempt")
         << "500" << QByteArray("Failed") << "empty" << 2ll << QByteArray("HTTP 500") << true;
-    QTest::newRow("answers 404")
-        << "404" << QByteArray("Failed") << "empty" << 2ll << QByteArray("HTTP 404") << false;
-    QTest::newRow("answers 200 to every Range request") << "ignore-range" << QByteArray("Failed")
-                                                        << "prefix" << 1ll << QByteArray() << true;
+    QTest::newRow("answers 404") << "404" << QByteArray("Failed") << "empty" << 2ll
+                                 << QByteArray("HTTP 404") << false;
+    QTest::newRow("answers 200 to every Range request")
+        << "ignore-range" << QByteArray("Failed") << "prefix" << 1ll << QByteArray() << true;
     QTest::newRow("body longer than Content-Length")
         << "long" << QByteArray("Completed") << "advertised" << 4ll << QByteArray() << false;
     QTest::newRow("body shorter than Content-Length")
@@ -96,8 +96,9 @@ void tst_FaultServer::misbehavingServer_data()
         << "by-close" << QByteArray("Completed") << "whole" << 4ll << QByteArray() << false;
     QTest::newRow("TLS spoken to a plain server")
         << "tls" << QByteArray("Failed") << "empty" << 1ll << QByteArray("SSL") << false;
-    QTest::newRow("file in place of the directory") << "unwritable" << QByteArray("Failed")
-                                                     << "empty" << 3ll << QByteArray("Not a directory") << false;
+    QTest::newRow("file in place of the directory")
+        << "unwritable" << QByteArray("Failed") << "empty" << 3ll << QByteArray("Not a directory")
+        << false;
 }
 
 void tst_FaultServer::misbehavingServer()
@@ -142,7 +143,8 @@ void tst_FaultServer::misbehavingServer()
     service.setEnv("MAX_PACKET_COUNT", large ? "1000000" : "1");
     QVERIFY(service.start());
     QVERIFY(service.waitForErr("Enter your command:"));
-    const QString dir = fault == "unwritable" ? service.root() + "/blocked/" : service.downloadsDir();
+    const QString dir
+        = fault == "unwritable" ? service.root() + "/blocked/" : service.downloadsDir();
     if (fault == "unwritable")
         QVERIFY(writeFile(service.root() + "/blocked", "a file, not a directory"));
     QCOMPARE(dlctl(service, { "set-path", "dlctl", dir }).code, 0);

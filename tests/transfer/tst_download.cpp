@@ -230,7 +230,8 @@ void tst_Download::errorStatusWritesNothing_data()
 {
     QTest::addColumn<int>("status");
     QTest::addColumn<bool>("resumed");
-    QTest::addColumn<int>("attempts"); // a passing fault is tried again up to "max_retries" (5) times
+    QTest::addColumn<int>(
+        "attempts"); // a passing fault is tried again up to "max_retries" (5) times
     QTest::newRow("404 fresh") << 404 << false << 1;
     QTest::newRow("500 fresh") << 500 << false << 6;
     QTest::newRow("403 fresh") << 403 << false << 1;
@@ -272,8 +273,11 @@ void tst_Download::errorStatusWritesNothing()
         states.append(QString::number(report.state));
     QStringList expected;
     for (int i = 1; i < attempts; ++i)
-        expected << "16" << "32";
-    QCOMPARE(states, expected << "16" << "8");
+        expected << "16"
+                 << "32";
+    QCOMPARE(states,
+        expected << "16"
+                 << "8");
 }
 
 void tst_Download::rangeBeyondEndCompletes()
@@ -446,8 +450,8 @@ void tst_Download::fullReadBufferIsCommitted()
     const bool lengthKnown = !chunked && !endedByClose;
     for (const Report &report : fx->reports.mid(1)) {
         QVERIFY(report.state == Download::Progressing || report.state == Download::Completed);
-        QCOMPARE(report.totalSize,
-            lengthKnown || report.state == Download::Completed ? body.size() : 0);
+        QCOMPARE(
+            report.totalSize, lengthKnown || report.state == Download::Completed ? body.size() : 0);
     }
     qint64 last = 0;
     int commits = 0;
