@@ -98,6 +98,7 @@ private:
     enum class ReplyVerdict { Unchecked, Accepted, Rejected, Settled };
 
     void report();
+    // Moves what the reply holds into the file and counts it, without reporting.
     bool writeBuffered();
     // Stops the reply (if any) without touching the state; its notifications change nothing.
     void stopTransfer();
