@@ -45,10 +45,11 @@ int DLBaseClient::checkDownloadPossible(const QString &clientID, qint64 size)
     return manager ? manager->checkDownloadPossible(clientID, size) : 0;
 }
 
-void DLBaseClient::setDownloadPath(const QString &clientID, const QString &path)
+DownloadManager::PathStatus DLBaseClient::setDownloadPath(const QString &clientID,
+                                                          const QString &path)
 {
-    if (manager)
-        manager->setDownloadPath(clientID, path);
+    return manager ? manager->setDownloadPath(clientID, path)
+                   : DownloadManager::PathStatus::NotAbsolute;
 }
 
 bool DLBaseClient::init()

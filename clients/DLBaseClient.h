@@ -1,10 +1,11 @@
 #pragma once
 
+#include "DownloadManager.h"
+
 #include <QObject>
 #include <QString>
 
 class Download;
-class DownloadManager;
 
 // Base of every front end. Forwards requests to the manager (doing nothing when it has none) and
 // gives the manager three hooks. The manager owns its clients and destroys them in quit().
@@ -22,7 +23,8 @@ public:
     // 0 pause, 1 resume, 2 restart; any other code and "" are ignored.
     void downloadAction(const QString &uniqueID, int action);
     int checkDownloadPossible(const QString &clientID, qint64 size);
-    void setDownloadPath(const QString &clientID, const QString &path);
+    // Refused (NotAbsolute) when there is no manager.
+    DownloadManager::PathStatus setDownloadPath(const QString &clientID, const QString &path);
 
     virtual bool init();
     virtual void help();

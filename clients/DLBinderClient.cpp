@@ -5,12 +5,14 @@
 #include "DownloadManager.h"
 #include "MainThreadQueue.h"
 
+#include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 
 #include <QThread>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -18,19 +20,36 @@
 using namespace android;
 
 #define BINDER_LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, DLM_BINDER_TAG, __VA_ARGS__)
+#define BINDER_LOGW(...) __android_log_print(ANDROID_LOG_WARN, DLM_BINDER_TAG, __VA_ARGS__)
 #define BINDER_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, DLM_BINDER_TAG, __VA_ARGS__)
 
 namespace {
 
+// The interface carries UTF-8 both ways.
 QString textIn(const std::string &text)
 {
-    return QString::fromLatin1(text.data(), int(text.size()));
+    return QString::fromUtf8(text.data(), qsizetype(text.size()));
 }
 
 std::string textOut(const QString &text)
 {
-    const QByteArray bytes = text.toLatin1();
+    const QByteArray bytes = text.toUtf8();
     return std::string(bytes.constData(), size_t(bytes.size()));
+}
+
+// Replies must stay below the IPC runtime's frame bound of 1 MiB. A page holds a few hundred
+// records whatever the list's length, so no caller makes the service build a large reply.
+constexpr size_t kListReplyBytes = 960 * 1024;
+constexpr size_t kPageBytes = 256 * 1024;
+constexpr int kPageRecords = 4096;
+
+// Bytes a record takes in a reply: five texts (count and bytes, padded to 4) and five numbers.
+size_t recordBytes(const IDownload &r)
+{
+    size_t bytes = 4 + 4 + 8 + 8 + 8;
+    for (const std::string *text : {&r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath})
+        bytes += 4 + (text->size() + 3) / 4 * 4;
+    return bytes;
 }
 
 } // namespace
@@ -200,17 +219,26 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
     BINDER_LOGD("getDownloadList client id:%s", clientID.c_str());
     list.clear();
     const QString client = textIn(clientID);
-    const std::vector<IDownload> records =
-        askManager<std::vector<IDownload>>({}, [client](DownloadManager *m) {
-            std::vector<IDownload> result;
-            const QList<Download *> downloads = m->getDownloadList(client);
-            result.reserve(size_t(downloads.size()));
-            for (const Download *d : downloads) {
-                result.emplace_back();
-                fillRecord(&result.back(), d);
-            }
-            return result;
-        });
+    // (records, false) or, when they would not fit in one reply, (nothing, true).
+    using Answer = std::pair<std::vector<IDownload>, bool>;
+    const Answer answer = askManager<Answer>({}, [client](DownloadManager *m) {
+        Answer result;
+        size_t bytes = 0;
+        for (const Download *d : m->getDownloadList(client)) {
+            result.first.emplace_back();
+            fillRecord(&result.first.back(), d);
+            bytes += recordBytes(result.first.back());
+            if (bytes > kListReplyBytes)
+                return Answer({}, true);
+        }
+        return result;
+    });
+    if (answer.second) {
+        BINDER_LOGE("getDownloadList client id %s: the records exceed one reply (%zu bytes); "
+                    "refused, read them page by page", clientID.c_str(), kListReplyBytes);
+        return android::FAILED_TRANSACTION;
+    }
+    const std::vector<IDownload> &records = answer.first;
     if (records.empty()) {
         BINDER_LOGE("getDownloadList No downloads!!! client id %s", clientID.c_str());
         return 0;
@@ -220,6 +248,36 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
         list.push_back(new IDownload(record));
     BINDER_LOGD("returned list size:%d", int(list.size()));
     return 1;
+}
+
+int DLBinderClient::listDownloadsPage(const std::string &clientID, const std::string &after,
+                                      std::vector<IDownload> *page)
+{
+    BINDER_LOGD("listDownloadsPage client id:%s after:%s", clientID.c_str(), after.c_str());
+    const QString client = textIn(clientID), cursor = textIn(after);
+    *page = askManager<std::vector<IDownload>>({}, [client, cursor](DownloadManager *m) {
+        // Identifier order keeps the pages consistent while downloads come and go.
+        QList<Download *> downloads = m->getDownloadList(client);
+        const auto end = std::remove_if(downloads.begin(), downloads.end(), [&](const Download *d) {
+            return !cursor.isEmpty() && d->uniqueID <= cursor;
+        });
+        const auto last = downloads.begin() + std::min<qsizetype>(kPageRecords, end - downloads.begin());
+        std::partial_sort(downloads.begin(), last, end, [](const Download *a, const Download *b) {
+            return a->uniqueID < b->uniqueID;
+        });
+        std::vector<IDownload> result;
+        size_t bytes = 0;
+        for (auto it = downloads.begin(); it != last; ++it) {
+            IDownload record;
+            fillRecord(&record, *it);
+            bytes += recordBytes(record);
+            if (!result.empty() && bytes > kPageBytes)
+                break;
+            result.push_back(std::move(record));
+        }
+        return result;
+    });
+    return int(page->size());
 }
 
 int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const long long &size)
@@ -232,27 +290,74 @@ int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const lo
     });
 }
 
-void DLBinderClient::setDownloadPath(const std::string &clientID, const std::string &downloadPath)
+int32_t DLBinderClient::setDownloadPath(const std::string &clientID,
+                                        const std::string &downloadPath)
 {
     BINDER_LOGD("setDownloadPath clientID:%s downloadPath %s", clientID.c_str(),
                 downloadPath.c_str());
+    static_assert(int(DownloadManager::PathStatus::NotADirectory) == PATH_NOT_A_DIRECTORY &&
+                  int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE);
     const QString client = textIn(clientID), path = textIn(downloadPath);
-    askManager<bool>(false, [client, path](DownloadManager *m) {
-        m->setDownloadPath(client, path);
-        return true;
+    return askManager<int32_t>(DEAD_OBJECT, [client, path](DownloadManager *m) {
+        return int32_t(m->setDownloadPath(client, path));
     });
+}
+
+int32_t DLBinderClient::requestDownload(const std::string &clientID, const std::string &url,
+                                        const std::string &uniqueID, const std::string &name,
+                                        std::string *uniqueIDOut)
+{
+    BINDER_LOGD("Request download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
+                url.c_str(), uniqueID.c_str(), name.c_str());
+    static_assert(int(DownloadManager::CreateStatus::IdInUse) == REQUEST_ID_IN_USE &&
+                  int(DownloadManager::CreateStatus::Refused) == REQUEST_REFUSED);
+    const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
+                  displayName = textIn(name);
+    using Answer = std::pair<int32_t, QString>;
+    const Answer answer = askManager<Answer>(
+        Answer(DEAD_OBJECT, QString()), [client, address, id, displayName](DownloadManager *m) {
+            QString created;
+            const auto status = m->createDownload(client, address, id, displayName, &created);
+            return Answer(int32_t(status), created);
+        });
+    if (uniqueIDOut)
+        *uniqueIDOut = textOut(answer.second);
+    return answer.first;
 }
 
 void DLBinderClient::addClient(const sp<IDLClient> &client)
 {
-    BINDER_LOGD("Event client registered %p", client.get());
     if (client == nullptr)
         return;
-    {
+    const sp<IBinder> binder = IInterface::asBinder(client);
+    // A local object would be the service calling itself and keeping itself alive.
+    const BpBinder *remote = binder->remoteBinder();
+    const char *refusal = remote == nullptr ? "not another process's object" : nullptr;
+    if (!refusal) {
         std::lock_guard<std::mutex> lock(eventClientsMutex);
-        eventClients.add(client);
+        size_t sameConnection = 0;
+        for (size_t i = 0; i < eventClients.size() && !refusal; ++i) {
+            const sp<IBinder> entry = IInterface::asBinder(eventClients[i]);
+            if (entry == binder)
+                refusal = "already registered";
+            else if (entry->remoteBinder()->connection() == remote->connection())
+                ++sameConnection;
+        }
+        if (!refusal && sameConnection >= kMaxEventClientsPerConnection)
+            refusal = "its connection's limit of event clients is reached";
+        else if (!refusal && eventClients.size() >= kMaxEventClients)
+            refusal = "the limit of event clients is reached";
+        if (!refusal)
+            eventClients.add(client);
     }
-    IInterface::asBinder(client)->linkToDeath(sp<IBinder::DeathRecipient>(this), nullptr, 0);
+    if (refusal) {
+        BINDER_LOGW("Event client %p refused: %s", client.get(), refusal);
+        return;
+    }
+    BINDER_LOGD("Event client registered %p", client.get());
+    // A client whose process is already gone would never be told dead: do not keep it.
+    if (binder->linkToDeath(sp<IBinder::DeathRecipient>(this), nullptr, 0) != android::NO_ERROR)
+        binderDied(binder);
 }
 
 void DLBinderClient::removeClient(const sp<IDLClient> &client)

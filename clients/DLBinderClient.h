@@ -35,7 +35,12 @@ public:
     int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) override;
     int getDownload(const std::string &uniqueID, IDownload *download) override;
     int checkSpaceAvailability(const std::string &clientID, const long long &size) override;
-    void setDownloadPath(const std::string &clientID, const std::string &downloadPath) override;
+    int32_t setDownloadPath(const std::string &clientID, const std::string &downloadPath) override;
+    int32_t requestDownload(const std::string &clientID, const std::string &url,
+                            const std::string &uniqueID, const std::string &name,
+                            std::string *uniqueIDOut) override;
+    int listDownloadsPage(const std::string &clientID, const std::string &after,
+                          std::vector<IDownload> *page) override;
 
     // Starts the pool and publishes the service; false when the name could not be registered.
     bool init() override;
@@ -46,6 +51,11 @@ public:
     void destroy() override;
 
     static void fillRecord(IDownload *record, const Download *download);
+
+    // Event clients are other processes' objects, each registered once; these bound how many
+    // one connection, and all together, may register.
+    static constexpr size_t kMaxEventClientsPerConnection = 16;
+    static constexpr size_t kMaxEventClients = 256;
 
 private:
     // Runs question on the manager's thread and waits; fallback once the manager is gone.

@@ -27,10 +27,20 @@ public:
         line += QLatin1Char(' ');
         return *this;
     }
+    // Control characters are escaped (\n, \t, \xHH): a value cannot forge or hide a line.
     ConsoleLine &value(const QString &piece)
     {
         line += QLatin1Char('"');
-        line += piece;
+        for (const QChar c : piece) {
+            if (c.category() != QChar::Other_Control)
+                line += c;
+            else if (c == QLatin1Char('\n'))
+                line += QLatin1String("\\n");
+            else if (c == QLatin1Char('\t'))
+                line += QLatin1String("\\t");
+            else
+                line += QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
+        }
         line += QLatin1String("\" ");
         return *this;
     }
@@ -51,6 +61,13 @@ QString commandWord(const QString &line)
 {
     const int lastBlank = line.lastIndexOf(QLatin1Char(' '));
     return (lastBlank < 0 ? line : line.left(lastBlank)).trimmed();
+}
+
+// A byte count: a decimal number from 0 to the largest signed 64-bit value.
+bool isSize(const QString &argument)
+{
+    bool ok = false;
+    return argument.toLongLong(&ok, 10) >= 0 && ok;
 }
 
 void printDownload(const char *label, const Download *download)
@@ -75,7 +92,8 @@ void printDownload(const char *label, const Download *download)
 DLConsoleReaderClient::DLConsoleReaderClient(DownloadManager *manager)
     : DLBaseClient(manager), inputNotifier(nullptr)
 {
-    manager->setDownloadPath(kShellClientID, kShellDirectory);
+    // A directory the operator set in an earlier run stays.
+    manager->ensureDownloadPath(kShellClientID, kShellDirectory);
     // A service started with standard input closed has nothing to listen to.
     if (::fcntl(0, F_GETFD) < 0)
         return;
@@ -159,12 +177,22 @@ void DLConsoleReaderClient::HandleText(const QString &line)
         getDownload(argument);
     } else if (command == QLatin1String("list")) {
         getDownloadList(kAllClients);
-    } else if (command == QLatin1String("download_possible")) {
-        const qint64 size = qint64(argument.toULongLong());
-        qDebug("download_possible result: %d.", checkDownloadPossible(kShellClientID, size));
+    } else if (command == QLatin1String("download_possible") && isSize(argument)) {
+        qDebug("download_possible result: %d.",
+               checkDownloadPossible(kShellClientID, argument.toLongLong()));
     } else if (command == QLatin1String("download_path")) {
-        setDownloadPath(kShellClientID, argument);
-        qDebug("Path %s set.", argument.toLocal8Bit().constData());
+        const QByteArray path = argument.toUtf8();
+        switch (setDownloadPath(kShellClientID, argument)) {
+        case DownloadManager::PathStatus::Set:
+            qDebug("Path %s set.", path.constData());
+            break;
+        case DownloadManager::PathStatus::NotAbsolute:
+            qDebug("Path %s refused: not an absolute path.", path.constData());
+            break;
+        case DownloadManager::PathStatus::NotADirectory:
+            qDebug("Path %s refused: no such directory.", path.constData());
+            break;
+        }
     } else if (command == QLatin1String("quit")) {
         manager->quit(); // destroys this client: nothing of it may be touched after this call
     } else if (command == QLatin1String("help")) {

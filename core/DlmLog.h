@@ -2,6 +2,10 @@
 
 #include <android/log.h>
 
+#include <cstdio>
+#include <cstring>
+#include <string>
+
 // Platform log tags of the service.
 #define DLM_MANAGER_TAG "dlm_manager"
 #define DLM_BINDER_TAG "dlm_binder_client"
@@ -10,3 +14,38 @@
 #define DLM_LOGI(...) __android_log_print(ANDROID_LOG_INFO, DLM_MANAGER_TAG, __VA_ARGS__)
 #define DLM_LOGW(...) __android_log_print(ANDROID_LOG_WARN, DLM_MANAGER_TAG, __VA_ARGS__)
 #define DLM_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, DLM_MANAGER_TAG, __VA_ARGS__)
+
+// One message, one line: a caller's text in a message (an identifier, a URL) cannot start a
+// forged line or send terminal controls. The format's trailing newline is dropped; newline and
+// tab become \n and \t, every other control byte \xHH.
+inline std::string escapeLogMessage(const char *message)
+{
+    size_t length = std::strlen(message);
+    if (length > 0 && message[length - 1] == '\n')
+        --length;
+    std::string line;
+    line.reserve(length);
+    for (size_t i = 0; i < length; ++i) {
+        const unsigned char c = static_cast<unsigned char>(message[i]);
+        if (c == '\n') {
+            line += "\\n";
+        } else if (c == '\t') {
+            line += "\\t";
+        } else if (c < 0x20 || c == 0x7f) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+            line += escaped;
+        } else {
+            line += char(c);
+        }
+    }
+    return line;
+}
+
+// Installs the escaping in front of liblog's standard-error writer, for every tag.
+inline void installEscapingLogger()
+{
+    __android_log_set_logger([](const __android_logger_data *data, const char *message) {
+        __android_log_stderr_logger(data, escapeLogMessage(message).c_str());
+    });
+}

@@ -8,15 +8,18 @@
 #include "DlmLog.h"
 #include "Download.h"
 #include "DownloadDataBase.h"
+#include "FileNames.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QSettings>
+
+#include <atomic>
+#include <chrono>
 
 namespace {
 const QString kDefaultClientID = QStringLiteral("DEFAULT_CLIENT_ID");
@@ -41,15 +44,37 @@ DownloadManager::DownloadManager(const QString &settingsPath)
                                          QString::number(RetrySchedule::kDefaultMaxRetries))
                             .toInt(&numeric, 10);
     maxRetries = (numeric && retries >= 0) ? retries : RetrySchedule::kDefaultMaxRetries;
-    createClients();
-
     const QString dbDirectory =
         getSettingsValue(QStringLiteral("download_database_path"), kDefaultPath);
+    // Checked before anything is published, read or launched.
+    switch (databaseLock.lock(dbDirectory)) {
+    case DirectoryLock::Locked:
+        break;
+    case DirectoryLock::Busy:
+        DLM_LOGE("Another download service uses the database directory %s: not starting",
+                 dbDirectory.toLocal8Bit().constData());
+        refused = true;
+        return;
+    case DirectoryLock::Unavailable:
+        DLM_LOGW("Cannot lock the database directory %s: %s",
+                 dbDirectory.toLocal8Bit().constData(),
+                 databaseLock.errorText().toLocal8Bit().constData());
+        break;
+    }
+
+    // Directories come first: the console keeps a stored directory of its own.
     database = new DownloadDataBase(this, dbDirectory + QLatin1Char('/') +
                                               QStringLiteral("dlm_download.db"));
+    loadDownloadPaths();
+    createClients();
     database->getDownloadList();
+}
 
-    downloadPaths.insert(kDefaultClientID, kDefaultPath);
+void DownloadManager::loadDownloadPaths()
+{
+    for (const DownloadDataBase::StoredPath &stored : database->downloadPaths())
+        downloadPaths.insert(PathKey(stored.ownerUid, stored.clientID), stored.path);
+    ensureDownloadPath(kDefaultClientID, kDefaultPath);
 }
 
 DownloadManager::~DownloadManager()
@@ -120,25 +145,44 @@ void DownloadManager::quit()
 
 // ---- Creation, paths and space ----
 
-void DownloadManager::createDownload(const QString &clientID, const QString &url,
-                                     const QString &uniqueID, const QString &name)
+DownloadManager::CreateStatus DownloadManager::createDownload(const QString &clientID,
+                                                             const QString &url,
+                                                             const QString &uniqueID,
+                                                             const QString &name,
+                                                             QString *createdID)
 {
     if (!url.startsWith(QLatin1String("http"))) {
         DLM_LOGE("Error: The download url must contains http://. URL=%s",
                  url.toLocal8Bit().constData());
-        return;
+        return CreateStatus::BadUrl;
     }
-    const QString id = uniqueID.isEmpty() ? getUniqueID(url) : uniqueID;
-    const QString displayName = name.isEmpty() ? getFileName(clientID, url) : name;
+    if (!uniqueID.isEmpty() && identifierInUse(uniqueID)) {
+        DLM_LOGE("Error: The download identifier %s is in use. URL=%s",
+                 uniqueID.toLocal8Bit().constData(), url.toLocal8Bit().constData());
+        return CreateStatus::IdInUse;
+    }
+    QString id = uniqueID;
+    if (id.isEmpty()) {
+        do
+            id = getUniqueID(url);
+        while (identifierInUse(id));
+    }
+    // Reserved now, before the download has written anything.
+    const QString filePath = getFileName(clientID, url);
+    reservedPaths.insert(filePath);
 
-    Download *download = new Download(this, networkManager, id, clientID, url, displayName);
+    Download *download = new Download(this, networkManager, id, clientID, url,
+                                      name.isEmpty() ? filePath : name);
     download->setMaxRetries(maxRetries);
-    download->filePath = getFileName(clientID, url);
+    download->filePath = filePath;
     download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
              download->uniqueID.toLocal8Bit().constData(),
              download->contentURL.toLocal8Bit().constData());
     downloads.append(download);
+    if (createdID)
+        *createdID = id;
+    return CreateStatus::Created;
 }
 
 void DownloadManager::createDownload(const QString &uniqueID, const QString &clientID,
@@ -151,6 +195,7 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
         new Download(this, networkManager, uniqueID, clientID, name, contentURL, filePath, state,
                      failureCode, totalSize, amountDownloaded, startTime);
     download->setMaxRetries(maxRetries);
+    reservedPaths.insert(filePath);
     // A failed download waits for a resume; a stalled one tries again at once.
     if (download->state != Download::Paused && download->state != Download::Failed)
         download->launch();
@@ -162,46 +207,71 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
 
 QString DownloadManager::getUniqueID(const QString &url)
 {
+    // The counter tells apart calls within one clock tick, the time tells apart runs.
+    static std::atomic<quint64> counter{0};
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
     QCryptographicHash hash(QCryptographicHash::Md5);
-    hash.addData(url.toLatin1());
-    hash.addData(QDateTime::currentDateTime().toString(Qt::TextDate).toLatin1());
+    hash.addData(url.toUtf8());
+    hash.addData(QByteArray::number(++counter) + ' ' +
+                 QByteArray::number(qint64(
+                     std::chrono::duration_cast<std::chrono::microseconds>(now).count())));
     return QString::fromLatin1(hash.result().toHex());
 }
 
 QString DownloadManager::getFileName(const QString &clientID, const QString &url)
 {
-    QString baseName = QFileInfo(url).fileName();
-    if (baseName.isEmpty())
-        baseName = QStringLiteral("download");
     const QString directory = getDownloadPath(clientID);
-    if (QFile::exists(directory + baseName)) {
-        for (qint64 n = 0;; ++n) {
-            const QString candidate = baseName + QLatin1Char('.') + QString::number(n);
-            if (!QFile::exists(directory + candidate)) {
-                baseName = candidate;
-                break;
-            }
-        }
+    const QString name = filenames::fromUrl(url);
+    for (qint64 n = -1;; ++n) {
+        const QString candidate = filenames::join(
+            directory, filenames::fit(name, n < 0 ? QString()
+                                                   : QLatin1Char('.') + QString::number(n)));
+        // A dangling symbolic link is a name in use too.
+        const QFileInfo onDisk(candidate);
+        if (!reservedPaths.contains(candidate) && !onDisk.exists() && !onDisk.isSymLink())
+            return candidate;
     }
-    return directory + baseName;
 }
 
-void DownloadManager::setDownloadPath(const QString &clientID, const QString &path)
+DownloadManager::PathStatus DownloadManager::setDownloadPath(const QString &clientID,
+                                                             const QString &path, uint ownerUid)
 {
     QString stored = path;
     if (stored.startsWith(QLatin1String("~/")))
         stored.replace(QLatin1Char('~'), QDir::homePath());
+    // Relative paths would land in whatever the service's working directory is.
+    if (!QDir::isAbsolutePath(stored)) {
+        DLM_LOGE("Download path \"%s\" of %s refused: not an absolute path",
+                 stored.toLocal8Bit().constData(), clientID.toLocal8Bit().constData());
+        return PathStatus::NotAbsolute;
+    }
+    if (!QFileInfo(stored).isDir()) {
+        DLM_LOGE("Download path \"%s\" of %s refused: no such directory",
+                 stored.toLocal8Bit().constData(), clientID.toLocal8Bit().constData());
+        return PathStatus::NotADirectory;
+    }
     DLM_LOGD("clientID = %s Download path=%s", clientID.toLocal8Bit().constData(),
              stored.toLocal8Bit().constData());
-    downloadPaths.insert(clientID, stored);
+    downloadPaths.insert(PathKey(ownerUid, clientID), stored);
+    if (database)
+        database->storeDownloadPath(ownerUid, clientID, stored);
+    return PathStatus::Set;
 }
 
-QString DownloadManager::getDownloadPath(const QString &clientID)
+void DownloadManager::ensureDownloadPath(const QString &clientID, const QString &path,
+                                         uint ownerUid)
 {
-    const auto it = downloadPaths.constFind(clientID);
+    const PathKey key(ownerUid, clientID);
+    if (!downloadPaths.contains(key))
+        downloadPaths.insert(key, path);
+}
+
+QString DownloadManager::getDownloadPath(const QString &clientID, uint ownerUid)
+{
+    const auto it = downloadPaths.constFind(PathKey(ownerUid, clientID));
     if (it != downloadPaths.constEnd())
         return it.value();
-    return downloadPaths.value(kDefaultClientID);
+    return downloadPaths.value(PathKey(0, kDefaultClientID));
 }
 
 int DownloadManager::checkDownloadPossible(const QString &clientID, long long size)
@@ -215,9 +285,13 @@ int DownloadManager::checkDownloadPossible(const QString &clientID, long long si
              directory.toLocal8Bit().constData());
     if (available == -1)
         return 2;
+    // What downloads on other file systems still need takes nothing from this one.
+    DLTools tools;
+    const long long device = tools.getDeviceID(directory);
     long long reserved = 0;
     for (const Download *download : qAsConst(downloads)) {
-        if (download->state == Download::Progressing)
+        if (download->state == Download::Progressing &&
+            tools.getDeviceID(QFileInfo(download->filePath).absolutePath()) == device)
             reserved += download->totalSize - download->amountDownloaded;
     }
     const long long remaining = available - reserved;
@@ -288,11 +362,21 @@ void DownloadManager::updateDownload(Download *download)
 Download *DownloadManager::getDownload(const QString &uniqueID)
 {
     DLM_LOGD("unique id: %s", uniqueID.toLocal8Bit().constData());
-    for (Download *download : qAsConst(downloads)) {
+    return find(uniqueID);
+}
+
+Download *DownloadManager::find(const QString &uniqueID) const
+{
+    for (Download *download : downloads) {
         if (download->uniqueID == uniqueID)
             return download;
     }
     return nullptr;
+}
+
+bool DownloadManager::identifierInUse(const QString &uniqueID) const
+{
+    return find(uniqueID) || (database && database->isDBEntryAvailable(uniqueID));
 }
 
 QList<Download *> DownloadManager::getDownloadList(const QString &clientID)
@@ -310,21 +394,15 @@ QList<Download *> DownloadManager::getDownloadList(const QString &clientID)
 
 bool DownloadManager::removeDownload(const QString &uniqueID)
 {
-    for (int i = 0; i < downloads.size(); ++i) {
-        Download *download = downloads.at(i);
-        if (download->uniqueID != uniqueID)
-            continue;
-        if (database && database->deleteEntry(download)) {
-            download->abort();
-            downloads.removeAt(i);
-            delete download;
-            DLM_LOGD("Download successfully deleted.");
-            return true;
-        }
-        DLM_LOGE("Unable to delete %s", uniqueID.toLocal8Bit().constData());
+    Download *download = find(uniqueID);
+    if (!download) {
+        DLM_LOGE("%s not found. Unable to delete.", uniqueID.toLocal8Bit().constData());
+        return false;
     }
-    DLM_LOGE("%s not found. Unable to delete.", uniqueID.toLocal8Bit().constData());
-    return false;
+    downloads.removeOne(download);
+    discard(download);
+    DLM_LOGD("Download successfully deleted.");
+    return true;
 }
 
 void DownloadManager::removeAllDownloads()
@@ -332,12 +410,30 @@ void DownloadManager::removeAllDownloads()
     DLM_LOGD("Remove all downloads");
     const QList<Download *> oldDownloads = downloads;
     downloads.clear();
-    for (Download *download : oldDownloads) {
-        download->abort();
-        if (database)
-            database->deleteEntry(download);
-        delete download;
+    for (Download *download : oldDownloads)
+        discard(download);
+}
+
+void DownloadManager::discard(Download *download)
+{
+    download->abort();
+    // A database that keeps the row must not keep the download alive: it would stay
+    // unremovable. The row brings it back at the next start.
+    if (database && !database->deleteEntry(download) &&
+        database->isDBEntryAvailable(download->uniqueID))
+        DLM_LOGE("Unable to delete %s from the database; removed from memory only",
+                 download->uniqueID.toLocal8Bit().constData());
+    const QString path = download->filePath;
+    // A completed file is the user's content; anything else is litter.
+    const bool keepFile = download->state == Download::Completed;
+    delete download;
+    for (const Download *other : qAsConst(downloads)) {
+        if (other->filePath == path)
+            return; // a restored twin still writes there
     }
+    reservedPaths.remove(path);
+    if (!keepFile)
+        QFile::remove(path);
 }
 
 // ---- Requests from other threads ----
@@ -360,6 +456,7 @@ void DownloadManager::customEvent(QEvent *event)
         return;
     if (event->type() == DLMCreateDLEvent::EventType) {
         const auto *create = static_cast<DLMCreateDLEvent *>(event);
+        // A refusal is logged; the one-way caller has nobody to tell.
         createDownload(create->clientID, create->url, create->uniqueID, create->name);
     } else if (event->type() == DLMActionDLEvent::EventType) {
         const auto *action = static_cast<DLMActionDLEvent *>(event);

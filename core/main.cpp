@@ -1,3 +1,4 @@
+#include "DlmLog.h"
 #include "DownloadManager.h"
 #include "apm.h"
 
@@ -67,6 +68,7 @@ int main(int argc, char *argv[])
 {
     // Lines on standard output must reach a pipe or a log collector as they are printed.
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    installEscapingLogger();
 
     if (APM_Join(&appCtrlHandler) != 0) {
         puts("APM client test program aborted.");
@@ -75,14 +77,19 @@ int main(int argc, char *argv[])
     puts("DOWNLOAD APM JOIN SUCCESS!!.");
     applyLogLevel();
 
+    int status = 0;
     {
         QCoreApplication app(argc, argv);
         DownloadManager manager;
-        QTimer::singleShot(0, &manager, &DownloadManager::execute);
-        app.exec();
+        if (manager.startRefused()) {
+            status = 1; // the manager logged which directory is taken
+        } else {
+            QTimer::singleShot(0, &manager, &DownloadManager::execute);
+            app.exec();
+        }
     }
     // IPC pool threads may still be answering late calls: end without running static
     // destructors that they could still reach.
     fflush(nullptr);
-    _exit(0);
+    _exit(status);
 }

@@ -96,12 +96,64 @@ public:
         return result;
     }
 
-    void setDownloadPath(const std::string &clientID, const std::string &downloadPath) override
+    int32_t setDownloadPath(const std::string &clientID, const std::string &downloadPath) override
     {
         Parcel data = request();
         writeText(&data, clientID);
         writeText(&data, downloadPath);
-        call(SET_DOWNLOAD_PATH, data);
+        Parcel reply;
+        status_t err = remote()->transact(SET_DOWNLOAD_PATH, data, &reply);
+        int32_t result = 0;
+        if (err == NO_ERROR)
+            err = reply.readInt32(&result);
+        return err != NO_ERROR ? err : result;
+    }
+
+    int32_t requestDownload(const std::string &clientID, const std::string &url,
+                            const std::string &uniqueID, const std::string &name,
+                            std::string *uniqueIDOut) override
+    {
+        Parcel data = request();
+        writeText(&data, clientID);
+        writeText(&data, url);
+        writeText(&data, uniqueID);
+        writeText(&data, name);
+        Parcel reply;
+        status_t err = remote()->transact(REQUEST_DOWNLOAD, data, &reply);
+        int32_t result = 0;
+        std::string id;
+        if (err == NO_ERROR && (err = reply.readInt32(&result)) == NO_ERROR)
+            err = readText(reply, &id);
+        if (err != NO_ERROR)
+            return err;
+        if (uniqueIDOut)
+            *uniqueIDOut = id;
+        return result;
+    }
+
+    int listDownloadsPage(const std::string &clientID, const std::string &after,
+                          std::vector<IDownload> *page) override
+    {
+        page->clear();
+        Parcel data = request();
+        writeText(&data, clientID);
+        writeText(&data, after);
+        Parcel reply;
+        status_t err = remote()->transact(LIST_DOWNLOADS_PAGE, data, &reply);
+        int32_t count = 0;
+        if (err != NO_ERROR || (err = reply.readInt32(&count)) != NO_ERROR)
+            return err;
+        // Each record takes at least 4 bytes: a count beyond that is a lie, not an allocation.
+        if (count < 0 || size_t(count) > reply.dataAvail() / 4)
+            return BAD_VALUE;
+        page->resize(size_t(count));
+        for (IDownload &download : *page) {
+            if ((err = download.readFromParcel(reply)) != NO_ERROR) {
+                page->clear();
+                return err;
+            }
+        }
+        return count;
     }
 
 private:
@@ -128,7 +180,7 @@ IMPLEMENT_META_INTERFACE(DLService, "com.velta.IDLService");
 
 status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *reply, uint32_t flags)
 {
-    if (code < CREATE_DOWNLOAD || code > SET_DOWNLOAD_PATH)
+    if (code < CREATE_DOWNLOAD || code > LIST_DOWNLOADS_PAGE)
         return BBinder::onTransact(code, data, reply, flags);
     if (!data.enforceInterface(IDLService::descriptor))
         return PERMISSION_DENIED;
@@ -169,6 +221,8 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
             return BAD_VALUE;
         std::vector<IDownload *> list;
         const int result = getDownloadList(a, list);
+        if (result < 0)
+            return result;
         reply->writeInt32(result);
         reply->writeInt32(int32_t(list.size()));
         for (IDownload *download : list) {
@@ -197,8 +251,29 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
     case SET_DOWNLOAD_PATH:
         if (readText(data, &a) || readText(data, &b))
             return BAD_VALUE;
-        setDownloadPath(a, b);
+        // Clients that expect an empty reply never read this status.
+        reply->writeInt32(setDownloadPath(a, b));
         return NO_ERROR;
+    case REQUEST_DOWNLOAD: {
+        if (readText(data, &a) || readText(data, &b) || readText(data, &c) || readText(data, &d))
+            return BAD_VALUE;
+        std::string id;
+        reply->writeInt32(requestDownload(a, b, c, d, &id));
+        writeText(reply, id);
+        return NO_ERROR;
+    }
+    case LIST_DOWNLOADS_PAGE: {
+        if (readText(data, &a) || readText(data, &b))
+            return BAD_VALUE;
+        std::vector<IDownload> page;
+        const int result = listDownloadsPage(a, b, &page);
+        if (result < 0)
+            return result;
+        reply->writeInt32(int32_t(page.size()));
+        for (const IDownload &download : page)
+            download.writeToParcel(reply);
+        return NO_ERROR;
+    }
     }
     return UNKNOWN_TRANSACTION;
 }

@@ -9,7 +9,8 @@
 #include <vector>
 
 // The download service's interface for other processes. Every call is synchronous; results of
-// the proxy are negative status codes when the call did not reach the service.
+// the proxy are negative status codes when the call did not reach the service. All text (client
+// ids, URLs, identifiers, names, paths, and the text members of IDownload) is UTF-8, both ways.
 class IDLService : public android::IInterface
 {
 public:
@@ -26,6 +27,23 @@ public:
         GET_DOWNLOAD,
         CHECK_SPACE_AVAILABILITY,
         SET_DOWNLOAD_PATH,
+        REQUEST_DOWNLOAD,
+        LIST_DOWNLOADS_PAGE,
+    };
+
+    // Status of requestDownload; negative values mean the call did not reach the service.
+    enum DownloadRequestStatus : int32_t {
+        REQUEST_CREATED = 0,      // created; *uniqueIDOut holds its identifier
+        REQUEST_BAD_URL = 1,      // not an http or https URL
+        REQUEST_ID_IN_USE = 2,    // the given identifier belongs to another download
+        REQUEST_BAD_ARGUMENT = 3, // an argument is unusable (empty client id, text too long, ...)
+        REQUEST_REFUSED = 4,      // not permitted or over a limit (the service's log says which)
+    };
+    // Status of setDownloadPath; negative values mean the call did not reach the service.
+    enum DownloadPathStatus : int32_t {
+        PATH_SET = 0,
+        PATH_NOT_ABSOLUTE = 1,    // empty or relative: refused, nothing changed
+        PATH_NOT_A_DIRECTORY = 2, // missing, or not a directory: refused, nothing changed
     };
 
     virtual void createDownload(const std::string &clientID, const std::string &url,
@@ -35,13 +53,25 @@ public:
     virtual void removeDownload(const std::string &uniqueID) = 0;
     virtual void pauseDownload(const std::string &uniqueID) = 0;
     virtual void resumeDownload(const std::string &uniqueID) = 0;
-    // Fills list (emptied first) with records the caller owns; 1 when any, 0 when none.
+    // Fills list (emptied first) with records the caller owns; 1 when any, 0 when none. Fails
+    // (negative) when the records do not fit in one reply: read long lists page by page.
     virtual int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) = 0;
     // 1 and record filled when found, 0 when not.
     virtual int getDownload(const std::string &uniqueID, IDownload *download) = 0;
     // 0 fits, 1 does not fit, 2 directory missing or free space unknown.
     virtual int checkSpaceAvailability(const std::string &clientID, const long long &size) = 0;
-    virtual void setDownloadPath(const std::string &clientID, const std::string &downloadPath) = 0;
+    // The directory of the client's next downloads; a DownloadPathStatus.
+    virtual int32_t setDownloadPath(const std::string &clientID,
+                                    const std::string &downloadPath) = 0;
+    // Creates a download at once and answers; the one-way createDownload stays for old clients.
+    virtual int32_t requestDownload(const std::string &clientID, const std::string &url,
+                                    const std::string &uniqueID, const std::string &name,
+                                    std::string *uniqueIDOut) = 0;
+    // One page of getDownloadList's records in identifier order: those whose identifier sorts
+    // after `after` (all from the first when empty), as many as one reply holds. Returns how many
+    // records `page` holds, 0 past the last one, negative when the call did not reach the service.
+    virtual int listDownloadsPage(const std::string &clientID, const std::string &after,
+                                  std::vector<IDownload> *page) = 0;
 };
 
 // Server stub: unpacks each transaction and calls the matching operation.

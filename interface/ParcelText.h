@@ -4,7 +4,8 @@
 
 #include <string>
 
-// 8-bit text on the wire: an int32 byte count, then the bytes (zero bytes included).
+// Text on the wire: an int32 byte count, then the bytes (zero bytes included). The interface
+// carries UTF-8; these helpers pass the bytes through unchanged.
 namespace dlparcel {
 
 inline android::status_t writeText(android::Parcel *parcel, const std::string &text)

@@ -10,6 +10,7 @@
 
 namespace {
 const QString kTable = QStringLiteral("downloads");
+const QString kPathsTable = QStringLiteral("download_paths");
 
 QByteArray local(const QString &text)
 {
@@ -50,6 +51,15 @@ bool DownloadDataBase::open(const QString &path)
             close();
             return false;
         }
+    }
+    QSqlQuery paths;
+    if (!run(paths,
+            QStringLiteral("CREATE TABLE IF NOT EXISTS ") + kPathsTable
+                + QStringLiteral(" (ownerUid INTEGER NOT NULL, clientID TEXT NOT NULL, "
+                                 "path TEXT NOT NULL, PRIMARY KEY (ownerUid, clientID))"),
+            {})) {
+        close();
+        return false;
     }
     useWriteAheadLog();
     return true;
@@ -175,4 +185,27 @@ void DownloadDataBase::clear()
 {
     QSqlQuery query;
     run(query, QStringLiteral("DELETE FROM ") + kTable, {});
+}
+
+bool DownloadDataBase::storeDownloadPath(uint ownerUid, const QString &clientID, const QString &path)
+{
+    QSqlQuery query;
+    return run(query,
+        QStringLiteral("INSERT OR REPLACE INTO ") + kPathsTable
+            + QStringLiteral(" (ownerUid, clientID, path) VALUES (?, ?, ?)"),
+        { ownerUid, clientID, path });
+}
+
+QList<DownloadDataBase::StoredPath> DownloadDataBase::downloadPaths()
+{
+    QList<StoredPath> result;
+    QSqlQuery query;
+    query.setForwardOnly(true);
+    if (!run(query,
+            QStringLiteral("SELECT ownerUid, clientID, path FROM ") + kPathsTable, {}))
+        return result;
+    while (query.next())
+        result.append({ query.value(0).toUInt(), query.value(1).toString(),
+            query.value(2).toString() });
+    return result;
 }

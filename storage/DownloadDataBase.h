@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QList>
 #include <QSqlDatabase>
 #include <QString>
 #include <QVariant>
@@ -8,10 +9,17 @@ class Download;
 class DownloadManager;
 class QSqlQuery;
 
-// The "downloads" table in SQLite, one row per download, on Qt's default connection.
-// Main thread only. Every failure is a false result (and one ERROR line in the platform log).
+// The "downloads" table in SQLite, one row per download, and the "download_paths" table, one
+// directory per (owner uid, client id), on Qt's default connection. Main thread only. Every
+// failure is a false result (and one ERROR line in the platform log).
 class DownloadDataBase {
 public:
+    struct StoredPath {
+        uint ownerUid;
+        QString clientID;
+        QString path;
+    };
+
     DownloadDataBase(DownloadManager *manager, const QString &path);
     ~DownloadDataBase();
 
@@ -25,6 +33,10 @@ public:
     // Hands every stored row to the manager's restore form of createDownload, in stored order.
     void getDownloadList();
     void clear();
+
+    // Adds or replaces the directory of one client.
+    bool storeDownloadPath(uint ownerUid, const QString &clientID, const QString &path);
+    QList<StoredPath> downloadPaths();
 
 private:
     // Switches the open file to write-ahead logging with normal syncing; false when refused.

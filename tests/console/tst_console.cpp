@@ -141,11 +141,12 @@ private slots:
     void downloadPossibleAndPath();
     void createReportsEveryChangeAndWritesExactBytes();
     void createRefusesOtherSchemes();
+    void downloadsNeverShareIdentifierOrFile();
     void pauseAndResumeContinueWithRange();
     void pauseAllPausesEveryDownload();
     void restartCompletedDownload();
     void removeKeepsFilesOnDisk();
-    void removeRefusedByTheDatabaseKeepsTheDownload();
+    void removeDeletesPartialFilesEvenWhenTheDatabaseRefuses();
     void downloadOfAnotherClientIsReported();
     void closedInputKeepsServiceRunningAndIdle_data();
     void closedInputKeepsServiceRunningAndIdle();
@@ -157,9 +158,13 @@ private:
     bool startService(ServiceProcess &service);
     // Console lines written after the first `from` bytes of standard error.
     QList<QByteArray> consoleSince(ServiceProcess &service, qsizetype from);
-    // Sends a command that answers with a known line, and waits for that answer. It sets the
-    // directory of client "shell" to the marker, so creating tests set theirs again.
+    // Sends a command that answers with a known line, and waits for that answer.
     bool sync(ServiceProcess &service);
+    // The answer of the n-th sync: a relative directory is refused and changes nothing.
+    static QByteArray synced(int n)
+    {
+        return "Path sync" + QByteArray::number(n) + " refused: not an absolute path.";
+    }
     QByteArray createAndWait(ServiceProcess &service, const QUrl &url, QString *path);
     int syncCount = 0;
 };
@@ -176,9 +181,8 @@ QList<QByteArray> tst_Console::consoleSince(ServiceProcess &service, qsizetype f
 
 bool tst_Console::sync(ServiceProcess &service)
 {
-    const QByteArray marker = "sync" + QByteArray::number(++syncCount);
-    service.writeLine("download_path " + marker);
-    return service.waitForErr("Path " + marker + " set.\n");
+    service.writeLine("download_path sync" + QByteArray::number(++syncCount));
+    return service.waitForErr(synced(syncCount) + '\n');
 }
 
 // Creates a download of url in the downloads directory, waits until it has completed and
@@ -208,7 +212,7 @@ void tst_Console::helpAtStartAndOnRequest()
     service.writeLine("help x");
     service.writeLine("help ");
     QVERIFY(sync(service));
-    QCOMPARE(consoleSince(service, mark), kHelp + kHelp + QList<QByteArray> { "Path sync1 set." });
+    QCOMPARE(consoleSince(service, mark), kHelp + kHelp + QList<QByteArray> { synced(1) });
 }
 
 void tst_Console::invalidLines_data()
@@ -225,9 +229,9 @@ void tst_Console::invalidLines_data()
     QTest::newRow("url with a blank") << QByteArray("create http://127.0.0.1/a b.bin")
                                       << QByteArray("create http://127.0.0.1/a b.bin");
     QTest::newRow("quotes and backslashes")
-        << QByteArray("say \"hi\" \\n\ttab") << QByteArray("say \"hi\" \\n\ttab");
-    QTest::newRow("control bytes")
-        << QByteArray("\x01\x02\x1b[0m") << QByteArray("\x01\x02\x1b[0m");
+        << QByteArray("say \"hi\" \\n\ttab") << QByteArray("say \"hi\" \\n\\ttab");
+    QTest::newRow("control bytes escaped")
+        << QByteArray("\x01\x02\x1b[0m") << QByteArray("\\x01\\x02\\x1b[0m");
     QTest::newRow("carriage return line end") << QByteArray("Quit\r") << QByteArray("Quit");
     const QByteArray longLine(300000, 'x');
     QTest::newRow("very long line") << longLine << longLine;
@@ -243,7 +247,7 @@ void tst_Console::invalidLines()
     const qsizetype mark = service.stdErr().size();
     service.writeLine(input);
     QVERIFY(sync(service));
-    const QList<QByteArray> expected = { "invalid format:  \"" + shown + "\" ", "Path sync1 set." };
+    const QList<QByteArray> expected = { "invalid format:  \"" + shown + "\" ", synced(1) };
     QCOMPARE(consoleSince(service, mark), expected);
     QVERIFY(service.isRunning());
 }
@@ -268,7 +272,7 @@ void tst_Console::linesArrivingTogether()
     QVERIFY2(lines.value(0).startsWith("invalid format:  \""), lines.value(0).left(80));
     lines.removeFirst();
     const QList<QByteArray> expected = { "No download found.", "No download found.",
-        "List of downloads:", "No downloads ", "No download found.", "Path sync1 set." };
+        "List of downloads:", "No downloads ", "No download found.", synced(1) };
     QCOMPARE(lines, expected);
     QVERIFY(service.isRunning());
 }
@@ -287,7 +291,7 @@ void tst_Console::statusAndListWithoutDownloads()
     QVERIFY(sync(service));
     const QList<QByteArray> expected
         = { "No download found.", "No download found.", "List of downloads:", "No downloads ",
-              "List of downloads:", "No downloads ", "Path sync1 set." };
+              "List of downloads:", "No downloads ", synced(1) };
     QCOMPARE(consoleSince(service, mark), expected);
     const QList<QByteArray> log = splitErr(service.stdErr().mid(mark)).log;
     QVERIFY(log.contains("unique id: 0123"));
@@ -300,31 +304,40 @@ void tst_Console::downloadPossibleAndPath()
     ServiceProcess service;
     QVERIFY(startService(service));
     const QByteArray dir = service.downloadsDir().toLocal8Bit();
+    QVERIFY(QDir().mkpath(dir + "gone"));
     const qsizetype mark = service.stdErr().size();
     service.writeLine("download_path " + dir);
     service.writeLine("download_possible 100");
     service.writeLine("download_possible abc");
     service.writeLine("download_possible 9223372036854775807");
-    service.writeLine("download_possible 99999999999999999999"); // not a 64-bit number: 0
+    service.writeLine("download_possible 99999999999999999999"); // not a 64-bit number
+    service.writeLine("download_possible -1");
     service.writeLine("download_path " + dir + "missing/");
-    service.writeLine("download_possible 1");
+    service.writeLine("download_possible 1"); // the refusal kept the directory
     service.writeLine("download_path");
+    service.writeLine("download_path " + dir + "gone");
+    QVERIFY(service.waitForErr("Path " + dir + "gone set.\n"));
+    QVERIFY(QDir().rmdir(dir + "gone"));
+    service.writeLine("download_possible 1");
     QVERIFY(sync(service));
     const QList<QByteArray> expected = {
         "Path " + dir + " set.",
         "download_possible result: 0.",
-        "download_possible result: 0.",
+        "invalid format:  \"download_possible abc\" ",
         "download_possible result: 1.",
+        "invalid format:  \"download_possible 99999999999999999999\" ",
+        "invalid format:  \"download_possible -1\" ",
+        "Path " + dir + "missing/ refused: no such directory.",
         "download_possible result: 0.",
-        "Path " + dir + "missing/ set.",
+        "Path  refused: not an absolute path.",
+        "Path " + dir + "gone set.",
         "download_possible result: 2.",
-        "Path  set.",
-        "Path sync1 set.",
+        synced(1),
     };
     QCOMPARE(consoleSince(service, mark), expected);
     const QList<QByteArray> log = splitErr(service.stdErr().mid(mark)).log;
     QVERIFY(log.contains("clientID = shell Download path=" + dir));
-    QVERIFY(log.contains("clientID = shell Download path="));
+    QVERIFY(log.contains("Download path \"\" of shell refused: not an absolute path"));
 }
 
 void tst_Console::createReportsEveryChangeAndWritesExactBytes()
@@ -374,7 +387,7 @@ void tst_Console::createReportsEveryChangeAndWritesExactBytes()
         entry,
         "List of downloads:",
         entry,
-        "Path sync1 set.",
+        synced(1),
     };
     QCOMPARE(consoleSince(service, queries), expected);
 }
@@ -387,11 +400,56 @@ void tst_Console::createRefusesOtherSchemes()
     service.writeLine("create ftp://127.0.0.1/file.bin");
     service.writeLine("create");
     QVERIFY(sync(service));
-    QCOMPARE(consoleSince(service, mark), QList<QByteArray> { "Path sync1 set." });
+    QCOMPARE(consoleSince(service, mark), QList<QByteArray> { synced(1) });
     const QList<QByteArray> log = splitErr(service.stdErr().mid(mark)).log;
     QVERIFY(log.contains(
         "Error: The download url must contains http://. URL=ftp://127.0.0.1/file.bin"));
     QVERIFY(log.contains("Error: The download url must contains http://. URL="));
+}
+
+void tst_Console::downloadsNeverShareIdentifierOrFile()
+{
+    FakeHttpServer server;
+    const QByteArray bodyA = FakeHttpServer::makeBody(200000, 1);
+    const QByteArray bodyB = FakeHttpServer::makeBody(150000, 2);
+    server.setBody("/a/r%C3%A9sum%C3%A9.pdf?token=SECRET/x", bodyA);
+    server.setBody("/b/r%C3%A9sum%C3%A9.pdf", bodyB);
+    const QByteArray urlA = server.url("/a/r%C3%A9sum%C3%A9.pdf?token=SECRET/x").toEncoded();
+    const QByteArray urlB = server.url("/b/r%C3%A9sum%C3%A9.pdf").toEncoded();
+
+    ServiceProcess service;
+    QVERIFY(startService(service));
+    QString dir = service.downloadsDir();
+    dir.chop(1); // joined with one separator all the same
+    service.writeLine("download_path " + dir.toUtf8());
+    // In one read: all three exist before any of them has written its file.
+    service.process.write("create " + urlA + "\ncreate " + urlA + "\ncreate " + urlB + "\n");
+    QVERIFY(service.waitForErrCount("status:  \"Completed\"", 3));
+    const QString file = dir + QString::fromUtf8("/r\u00e9sum\u00e9.pdf");
+    QCOMPARE(readFile(file), bodyA);
+    QCOMPARE(readFile(file + ".0"), bodyA);
+    QCOMPARE(readFile(file + ".1"), bodyB);
+
+    QList<QByteArray> ids;
+    for (const QByteArray &line : splitErr(service.stdErr()).log) {
+        if (line.startsWith("Download launched with uniqueID:"))
+            ids << line.mid(32, 32);
+    }
+    QCOMPARE(ids.size(), 3);
+    QVERIFY(ids[0] != ids[1] && ids[1] != ids[2] && ids[0] != ids[2]);
+    // Three rows: all three come back after a restart.
+    service.writeLine("quit");
+    QVERIFY(service.waitForExit());
+    QVERIFY(service.start() && service.waitForErrCount("Enter your command:\n", 2));
+    const qsizetype mark = service.stdErr().size();
+    service.writeLine("list");
+    QVERIFY(sync(service));
+    const QList<QByteArray> expected = { "List of downloads:",
+        entryLine("Download:", ids[0], file, "Completed", bodyA.size(), bodyA.size()),
+        entryLine("Download:", ids[1], file + ".0", "Completed", bodyA.size(), bodyA.size()),
+        entryLine("Download:", ids[2], file + ".1", "Completed", bodyB.size(), bodyB.size()),
+        synced(1) };
+    QCOMPARE(consoleSince(service, mark), expected);
 }
 
 void tst_Console::pauseAndResumeContinueWithRange()
@@ -517,7 +575,7 @@ void tst_Console::removeKeepsFilesOnDisk()
         "List of downloads:",
         entryLine("Download:", idA, pathA, "Completed", 5000, 5000),
         entryLine("Download:", idC, pathC, "Completed", 7000, 7000),
-        "Path sync1 set.",
+        synced(1),
     };
     QCOMPARE(consoleSince(service, mark), expected);
     QVERIFY(splitErr(service.stdErr().mid(mark)).log.contains("Download successfully deleted."));
@@ -529,7 +587,7 @@ void tst_Console::removeKeepsFilesOnDisk()
     service.writeLine("remove all");
     service.writeLine("list");
     QVERIFY(sync(service));
-    expected = { "List of downloads:", "No downloads ", "Path sync2 set." };
+    expected = { "List of downloads:", "No downloads ", synced(2) };
     QCOMPARE(consoleSince(service, mark), expected);
     const QList<QByteArray> log = splitErr(service.stdErr().mid(mark)).log;
     QVERIFY(log.contains(idB + " not found. Unable to delete."));
@@ -540,7 +598,7 @@ void tst_Console::removeKeepsFilesOnDisk()
     QCOMPARE(readFile(pathC), FakeHttpServer::makeBody(7000, 3));
 }
 
-void tst_Console::removeRefusedByTheDatabaseKeepsTheDownload()
+void tst_Console::removeDeletesPartialFilesEvenWhenTheDatabaseRefuses()
 {
     ServiceProcess service;
     const QString pathA = service.downloadsDir() + "a.part";
@@ -562,36 +620,30 @@ void tst_Console::removeRefusedByTheDatabaseKeepsTheDownload()
             insert.arg("p1", pathA), insert.arg("p2", pathB) }));
     QVERIFY(startService(service));
 
-    const QList<QByteArray> listing
-        = { "List of downloads:", entryLine("Download:", "p1", pathA, "Paused", 100, 1000),
-              entryLine("Download:", "p2", pathB, "Paused", 100, 1000) };
-    qsizetype mark = service.stdErr().size();
-    service.writeLine("list");
-    QVERIFY(sync(service));
-    QCOMPARE(consoleSince(service, mark), listing + QList<QByteArray> { "Path sync1 set." });
+    // From now on the database refuses every deletion.
+    QVERIFY(execOnDatabase(service.databaseFile(),
+        { "CREATE TRIGGER keep BEFORE DELETE ON downloads BEGIN SELECT RAISE(ABORT, 'kept'); END" }));
 
-    // Without its row the database refuses the deletion: the download stays.
-    QVERIFY(
-        execOnDatabase(service.databaseFile(), { "DELETE FROM downloads WHERE uniqueID = 'p1'" }));
-    mark = service.stdErr().size();
+    qsizetype mark = service.stdErr().size();
     service.writeLine("remove p1");
     service.writeLine("list");
     QVERIFY(sync(service));
-    QCOMPARE(consoleSince(service, mark), listing + QList<QByteArray> { "Path sync2 set." });
-    QList<QByteArray> log = splitErr(service.stdErr().mid(mark)).log;
-    const qsizetype refused = log.indexOf("Unable to delete p1");
-    QVERIFY(refused >= 0);
-    QCOMPARE(log.value(refused + 1), QByteArray("p1 not found. Unable to delete."));
+    QList<QByteArray> expected = { "List of downloads:",
+        entryLine("Download:", "p2", pathB, "Paused", 100, 1000), synced(1) };
+    QCOMPARE(consoleSince(service, mark), expected);
+    QCOMPARE(splitErr(service.stdErr()).log.count(
+                 "Unable to delete p1 from the database; removed from memory only"),
+        1);
+    QVERIFY(!QFile::exists(pathA));
+    QCOMPARE(readFile(pathB), QByteArray(100, 'p'));
 
-    // Removing all of them does not depend on the database.
     mark = service.stdErr().size();
     service.writeLine("remove all");
     service.writeLine("list");
     QVERIFY(sync(service));
-    const QList<QByteArray> expected = { "List of downloads:", "No downloads ", "Path sync3 set." };
+    expected = { "List of downloads:", "No downloads ", synced(2) };
     QCOMPARE(consoleSince(service, mark), expected);
-    QCOMPARE(readFile(pathA), QByteArray(100, 'p'));
-    QCOMPARE(readFile(pathB), QByteArray(100, 'p'));
+    QVERIFY(!QFile::exists(pathB));
 }
 
 void tst_Console::downloadOfAnotherClientIsReported()
@@ -628,7 +680,7 @@ void tst_Console::downloadOfAnotherClientIsReported()
     QVERIFY(sync(service));
     const QList<QByteArray> expected = { "List of downloads:",
         entryLine("Download:", "fromipc01", path, "Completed", body.size(), body.size(), "appB"),
-        "Path sync1 set." };
+        synced(1) };
     QCOMPARE(consoleSince(service, mark), expected);
 }
 

@@ -23,7 +23,7 @@ using namespace faults;
 namespace {
 
 // How a hostile frame must be answered.
-enum Answer { HangUp = 1000, NoAnswerYet = 1001 }; // otherwise: a reply with this status
+enum Answer { HangUp = 1000, NoAnswerYet = 1001, Garbled = 1002 }; // else a reply's status
 
 QByteArray frameBytes(const wire::Frame &frame)
 {
@@ -52,6 +52,28 @@ QByteArray header(uint32_t command, uint32_t size)
     return h;
 }
 
+// The status of the reply that comes back on fd, HangUp when the service closes it instead.
+int replyStatus(int fd)
+{
+    std::vector<uint8_t> in(1 << 16);
+    size_t got = 0;
+    uint32_t command = 0, size = 0;
+    for (ssize_t n; (n = recv(fd, in.data() + got, in.size() - got, 0)) > 0;) {
+        got += size_t(n);
+        if (got >= wire::kHeaderSize && wire::decodeHeader(in.data(), &command, &size)
+            && got >= wire::kHeaderSize + size)
+            break;
+    }
+    wire::Frame reply;
+    if (got == 0)
+        return HangUp;
+    if (got < wire::kHeaderSize || !wire::decodeHeader(in.data(), &command, &size)
+        || !wire::decodeBody(command, in.data() + wire::kHeaderSize, size, &reply)
+        || reply.command != wire::Reply)
+        return Garbled;
+    return reply.status;
+}
+
 Parcel request()
 {
     Parcel p;
@@ -77,6 +99,7 @@ private slots:
     void malformedIpcFrame();
     void serviceStillDownloadsOverIpc();
     void malformedConsoleLines();
+    void hundredThousandDownloadsAreListed();
     void cleanupTestCase();
 };
 
@@ -117,7 +140,7 @@ void tst_FaultInput::malformedIpcFrame_data()
     withBinder.writeInt32(0);
     Parcel garbageUrl = request();
     dlparcel::writeText(&garbageUrl, "dlctl");
-    dlparcel::writeText(&garbageUrl, std::string("\x01\0\xff:://\n", 8));
+    dlparcel::writeText(&garbageUrl, std::string("\x01\nforged\0\xff:://\n", 14));
     dlparcel::writeText(&garbageUrl, "garbage-url");
     dlparcel::writeText(&garbageUrl, "");
 
@@ -167,27 +190,8 @@ void tst_FaultInput::malformedIpcFrame()
     QVERIFY(fd >= 0);
     QCOMPARE(
         send(fd, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL), ssize_t(bytes.size()));
-    if (answer != NoAnswerYet) {
-        std::vector<uint8_t> in(1 << 16);
-        size_t got = 0;
-        uint32_t command = 0, size = 0;
-        for (ssize_t n; (n = recv(fd, in.data() + got, in.size() - got, 0)) > 0;) {
-            got += size_t(n);
-            if (got >= wire::kHeaderSize && wire::decodeHeader(in.data(), &command, &size)
-                && got >= wire::kHeaderSize + size)
-                break;
-        }
-        if (answer == HangUp) {
-            QCOMPARE(got, size_t(0));
-        } else {
-            QVERIFY(got >= wire::kHeaderSize);
-            QVERIFY(wire::decodeHeader(in.data(), &command, &size));
-            wire::Frame reply;
-            QVERIFY(wire::decodeBody(command, in.data() + wire::kHeaderSize, size, &reply));
-            QCOMPARE(reply.command, uint32_t(wire::Reply));
-            QCOMPARE(reply.status, int32_t(answer));
-        }
-    }
+    if (answer != NoAnswerYet)
+        QCOMPARE(replyStatus(fd), answer);
     // Served while the hostile connection is still open.
     const Result list = dlctl(service, { "list" });
     close(fd);
@@ -202,6 +206,9 @@ void tst_FaultInput::serviceStillDownloadsOverIpc()
     QVERIFY2(r.code == 0, r.err.constData());
     QVERIFY(readFile(service.downloadsDir() + "ok.bin") == body);
     QVERIFY(!dlctl(service, { "list" }).out.contains("hostile"));
+    // A caller's newline is logged escaped, never as a line of its own.
+    QVERIFY(service.waitForErr("url:\\x01\\nforged"));
+    QVERIFY(!service.stdErr().contains("\nforged"));
 }
 
 void tst_FaultInput::malformedConsoleLines()
@@ -229,6 +236,50 @@ void tst_FaultInput::malformedConsoleLines()
     QVERIFY(status.contains(QByteArray::number(body.size())));
     QVERIFY(service.isRunning());
     QCOMPARE(dlctl(service, { "status", "ok" }).code, 0);
+}
+
+void tst_FaultInput::hundredThousandDownloadsAreListed()
+{
+    ServiceProcess crowded;
+    QVERIFY(crowded.start()); // creates the table
+    QVERIFY(crowded.waitForErr("Enter your command:"));
+    crowded.writeLine("quit");
+    QVERIFY(crowded.waitForExit());
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "crowd");
+        db.setDatabaseName(crowded.databaseFile());
+        QVERIFY(db.open() && db.transaction());
+        QSqlQuery insert(db);
+        QVERIFY(insert.prepare("INSERT INTO downloads (uniqueID, clientID, name, contentURL, "
+                               "filePath, state) VALUES (?, 'crowd', ?, 'http://127.0.0.1:1/', ?, 4)"));
+        for (int i = 0; i < 100000; ++i) {
+            const QString id = QStringLiteral("id%1").arg(i, 6, 10, QLatin1Char('0'));
+            insert.addBindValue(id);
+            insert.addBindValue(id);
+            insert.addBindValue(crowded.downloadsDir() + id);
+            QVERIFY(insert.exec());
+        }
+        QVERIFY(db.commit());
+    }
+    QSqlDatabase::removeDatabase("crowd");
+    QVERIFY(crowded.start());
+    QVERIFY(crowded.waitForErrCount("Enter your command:", 2, 120000));
+
+    const Result r = dlctl(crowded, { "list" }, 120000);
+    QVERIFY2(r.code == 0, r.err.constData());
+    QCOMPARE(r.out.count('\n'), 100000);
+    QVERIFY(r.out.startsWith("id000000 crowd Paused "));
+    // The one-reply list fails cleanly instead of building a reply that cannot be sent.
+    Parcel list = request();
+    dlparcel::writeText(&list, "*");
+    const QByteArray call = callBytes(0, IDLService::GET_DOWNLOAD_LIST, list);
+    const int fd = connectRawUnixSocket(crowded.socketDir() + "/com.velta.DLService");
+    QCOMPARE(send(fd, call.constData(), size_t(call.size()), MSG_NOSIGNAL), ssize_t(call.size()));
+    QCOMPARE(replyStatus(fd), int(FAILED_TRANSACTION));
+    close(fd);
+    QVERIFY(crowded.waitForErr("the records exceed one reply"));
+    crowded.writeLine("quit");
+    QVERIFY(crowded.waitForExit(60000));
 }
 
 void tst_FaultInput::cleanupTestCase()

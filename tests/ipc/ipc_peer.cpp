@@ -1,5 +1,6 @@
 // Peer process for the IPC tests. Modes:
 //   service NAME              publish the demo service, print "ready"
+//   starved-service NAME      the same, then limit the address space so that few more threads fit
 //   register NAME             register a callback with NAME, print "registered", wait forever
 //   register-unregister NAME  the same, but unregister again before waiting
 //   stress NAME CALLS         check CALLS additions, a rendezvous of 8 callers and a callback
@@ -17,6 +18,7 @@
 #include <cstring>
 #include <mutex>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
 
@@ -118,7 +120,23 @@ public:
     int32_t compute(int32_t a, int32_t b) override { return 2 * (a + b); }
 };
 
-int runService(const char *name)
+// Lets the process grow by `headroomKiB` of address space: a thread's stack takes 8 MiB.
+void limitAddressSpace(long headroomKiB)
+{
+    long sizeKiB = 0;
+    if (FILE *status = std::fopen("/proc/self/status", "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, status))
+            if (std::sscanf(line, "VmSize: %ld kB", &sizeKiB) == 1)
+                break;
+        std::fclose(status);
+    }
+    const rlim_t limit = rlim_t(sizeKiB + headroomKiB) * 1024;
+    const rlimit r { limit, limit };
+    setrlimit(RLIMIT_AS, &r);
+}
+
+int runService(const char *name, bool starved)
 {
     ProcessState::self()->startThreadPool();
     sp<DemoService> service = new DemoService;
@@ -127,6 +145,8 @@ int runService(const char *name)
         std::printf("addService failed %d\n", err);
         return 1;
     }
+    if (starved)
+        limitAddressSpace(40 * 1024);
     std::printf("ready\n");
     std::fflush(stdout);
     IPCThreadState::self()->joinThreadPool();
@@ -176,7 +196,9 @@ int main(int argc, char **argv)
     if (getppid() == 1)
         return 1;
     if (argc >= 3 && std::strcmp(argv[1], "service") == 0)
-        return runService(argv[2]);
+        return runService(argv[2], false);
+    if (argc >= 3 && std::strcmp(argv[1], "starved-service") == 0)
+        return runService(argv[2], true);
     if (argc >= 3)
         return runClient(argv[1], argv[2], argc >= 4 ? std::atoi(argv[3]) : 0);
     std::fprintf(stderr, "usage: ipc_peer service|register|register-unregister|stress NAME [N]\n");

@@ -1,4 +1,5 @@
 #include "RawSocket.h"
+#include "ConnectionSlots.h"
 #include "DemoInterface.h"
 #include "PeerProcess.h"
 #include "Wire.h"
@@ -21,11 +22,17 @@ using namespace android;
 namespace {
 
 const char *const kServiceName = "demo";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
 
 class RecordingCallback : public BnDemoCallback {
 public:
     sp<IDemoService> service;
     std::thread::id computeThread;
+    pid_t computeCaller = 0;
 
     void onEvent(int32_t seq, const std::string &payload) override
     {
@@ -36,6 +43,7 @@ public:
     int32_t compute(int32_t a, int32_t b) override
     {
         computeThread = std::this_thread::get_id();
+        computeCaller = IPCThreadState::self()->getCallingPid();
         return service->add(a, b) * 10; // calls back into the service that is calling us
     }
     std::vector<int32_t> events()
@@ -98,6 +106,17 @@ QByteArray header(uint32_t command, uint32_t size)
     return h;
 }
 
+qint64 residentKiB(pid_t pid)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n'))
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
+    return -1;
+}
+
 } // namespace
 
 class tst_Ipc : public QObject {
@@ -116,6 +135,8 @@ private slots:
     void concurrentClientsAllServed();
     void stalledPeerIsDroppedNotWaitedFor();
     void oversizedCallIsRefused();
+    void connectionFloodIsBounded_data();
+    void connectionFloodIsBounded();
     void hostileInputLeavesServiceServing_data();
     void hostileInputLeavesServiceServing();
 
@@ -240,6 +261,9 @@ void tst_Ipc::nestedCallbackRunsOnWaitingThread()
     cb->service = mService;
     QCOMPARE(mService->callBack(cb, 20, 22), 420);
     QVERIFY(cb->computeThread == std::this_thread::get_id());
+    // The nested call answers for the service that made it; outside it, we are our own caller.
+    QCOMPARE(cb->computeCaller, mPeers.front()->processId());
+    QCOMPARE(IPCThreadState::self()->getCallingPid(), getpid());
     // A second nested round trip on the same connection still routes correctly.
     QCOMPARE(mService->callBack(cb, 1, 2), 30);
     cb->service.clear();
@@ -332,6 +356,52 @@ void tst_Ipc::oversizedCallIsRefused()
     QCOMPARE(IInterface::asBinder(mService)->transact(IDemoService::ADD, data, &reply),
         FAILED_TRANSACTION);
     QCOMPARE(mService->add(3, 4), 7);
+}
+
+void tst_Ipc::connectionFloodIsBounded_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::newRow("idle connections announcing 1 MiB") << "service";
+    QTest::newRow("threads cannot be started") << "starved-service";
+}
+
+void tst_Ipc::connectionFloodIsBounded()
+{
+    QFETCH(QString, mode);
+    if (mode == "starved-service" && kSanitized)
+        QSKIP("an address-space limit also starves the sanitizer's own mappings");
+    PeerProcess *peer = startPeer({ mode, "flood" }, "ready");
+    QVERIFY(peer);
+    const qint64 before = residentKiB(peer->processId());
+    const QByteArray announce = header(wire::Transact, 1u << 20) + QByteArray(1, '\0');
+    std::vector<int> fds;
+    for (int i = 0; i < 300; ++i) {
+        fds.push_back(connectRawUnixSocket(mDir->filePath("flood")));
+        QVERIFY(fds.back() >= 0);
+        send(fds.back(), announce.constData(), size_t(announce.size()), MSG_NOSIGNAL);
+    }
+    auto closed = [&] {
+        int n = 0;
+        char c;
+        for (int fd : fds) {
+            const ssize_t r = recv(fd, &c, 1, MSG_DONTWAIT);
+            n += r == 0 || (r < 0 && errno != EAGAIN);
+        }
+        return n;
+    };
+    // Past its user's limit a connection is closed at once; the others cost little memory
+    // (a sanitizer's own bookkeeping takes about 1 MiB per thread).
+    QTRY_VERIFY(closed() >= 300 - int(ConnectionSlots::kMaxPerUid));
+    QVERIFY2(kSanitized || residentKiB(peer->processId()) - before < 32 * 1024,
+        QByteArray::number(residentKiB(peer->processId()) - before));
+    for (int fd : fds)
+        close(fd);
+    auto add = [] {
+        sp<IBinder> b = defaultServiceManager()->checkService(String16("flood"));
+        return b ? interface_cast<IDemoService>(b)->add(2, 3) : -1;
+    };
+    QTRY_COMPARE(add(), 5);
+    QVERIFY(!peer->waitForFinished(0));
 }
 
 void tst_Ipc::hostileInputLeavesServiceServing_data()

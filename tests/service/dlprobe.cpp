@@ -1,5 +1,6 @@
 // Test event client. Modes:
-//   twice      register the same callback object twice, print every update
+//   flood      register one callback object 1001 times, the service's own object, and 40 more
+//              callback objects; print every update
 //   reentrant  call getDownload from inside every callback, print what it returned
 //   storm N    N rounds of list/status/space queries, print "ok" when all answered
 // Updates print as "update ID STATE BYTES"; output is flushed line by line.
@@ -72,8 +73,13 @@ int main(int argc, char **argv)
     }
     sp<Printer> printer = new Printer(mode == "reentrant");
     service->addClient(printer);
-    if (mode == "twice")
-        service->addClient(printer);
+    if (mode == "flood") {
+        for (int i = 0; i < 1000; ++i)
+            service->addClient(printer);
+        service->addClient(interface_cast<IDLClient>(IInterface::asBinder(service)));
+        for (int i = 0; i < 40; ++i)
+            service->addClient(sp<IDLClient>(new Printer(false)));
+    }
     printf("registered\n");
     for (;;)
         pause();

@@ -5,6 +5,11 @@
 #include <QtTest>
 
 #include <csignal>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
@@ -109,13 +114,14 @@ private slots:
     void controlByIdentifierAndAll();
     void listStatusAndUnknownIdentifiers();
     void spaceCheckCodes();
-    void setPathAppliesToTheNextDownload();
+    void setPathAppliesToTheNextDownloadAndSurvivesRestart();
     void twoWatchersSeeEveryUpdateInOrder();
     void killedWatcherIsDroppedOthersKeepReceiving();
-    void clientRegisteredTwiceGetsUpdatesTwice();
+    void eventClientsAreBoundedPerConnection();
     void queryFromInsideCallbackDoesNotHang();
-    void waitEndsWithStatusOneOnFailure();
-    void serviceNotRunning();
+    void failuresAndRefusalsEndWithStatusOne();
+    void reachability_data();
+    void reachability();
     void manyClientsQueryWhileDownloadsChange();
 };
 
@@ -130,12 +136,16 @@ void tst_IpcService::createOverIpcWritesExactBytesAndTellsTheConsole()
     const Result r = dlctl(service, {"create", server.url("/a.bin").toString(), "--wait"});
     QCOMPARE(r.code, 0);
     const QString path = service.downloadsDir() + "a.bin";
-    QVERIFY2(r.out.contains(" dlctl Completed 300000 300000 " + path.toLocal8Bit()), r.out);
+    // The identifier comes first, then the download's own updates.
+    const QByteArray id = r.out.left(r.out.indexOf('\n'));
+    QVERIFY2(QRegularExpression("^[0-9a-f]{32}$").match(QString(id)).hasMatch(), r.out);
+    QVERIFY2(r.out.endsWith(id + " dlctl Completed 300000 300000 " + path.toLocal8Bit() + "\n"),
+             r.out);
     QCOMPARE(fileBytes(path), body);
     const QByteArray consoleLine = "Download update with file: \"" + path.toLocal8Bit() +
                                    "\"  status:  \"Completed\"  DL:  300000 / 300000 \n";
     QVERIFY(service.waitForErr(consoleLine));
-    QVERIFY(service.stdErr().contains("Create download client id:dlctl url:" +
+    QVERIFY(service.stdErr().contains("Request download client id:dlctl url:" +
                                       server.url("/a.bin").toEncoded() + " unique id: name "));
 }
 
@@ -156,6 +166,13 @@ void tst_IpcService::controlByIdentifierAndAll()
     // The console's update lines tell the state as it changes; polling could miss a short one.
     QVERIFY(service.waitForErr("status:  \"Progressing\"", 20000));
     QVERIFY(dlctl(service, {"status", "quiet"}).out.contains(" Pending "));
+    // An identifier in use is refused: nothing is made, job1 is untouched.
+    r = dlctl(service, {"create", server.url("/other.bin").toString(), "--id", "job1"});
+    QCOMPARE(r.code, 1);
+    QVERIFY2(r.err.contains("the identifier belongs to another download"), r.err);
+    QVERIFY(service.waitForErr("Error: The download identifier job1 is in use."));
+    QVERIFY(dlctl(service, {"status", "job1"}).out.endsWith("/slow.bin\n"));
+    QCOMPARE(server.requestsFor("/other.bin").size(), 0);
 
     QCOMPARE(dlctl(service, {"pause", "all"}).code, 0);
     QVERIFY(service.waitForErrCount("status:  \"Paused\"", 2, 20000));
@@ -183,26 +200,28 @@ void tst_IpcService::listStatusAndUnknownIdentifiers()
 {
     FakeHttpServer server;
     server.setBody("/one", "first");
-    server.setBody("/two", "second!");
+    server.setBody("/tw%C3%B6", "second!");
     ServiceProcess service;
     startService(service);
-    QCOMPARE(dlctl(service, {"set-path", "other", service.downloadsDir()}).code, 0);
+    // Text other than ASCII travels as UTF-8 both ways.
+    const QString other = QString::fromUtf8("\u00e9t\u00e9");
+    QCOMPARE(dlctl(service, {"set-path", other, service.downloadsDir()}).code, 0);
     QCOMPARE(dlctl(service, {"create", server.url("/one").toString(), "--id", "one", "--wait"}).code, 0);
-    QCOMPARE(dlctl(service, {"create", server.url("/two").toString(), "--id", "two", "--client",
-                             "other", "--wait"})
-                 .code,
-             0);
+    const QString url = QString::fromUtf8("http://127.0.0.1:%1/tw\u00f6").arg(server.port());
+    QCOMPARE(dlctl(service, {"create", url, "--id", "two", "--client", other, "--wait"}).code, 0);
 
     Result r = dlctl(service, {"list"});
     QCOMPARE(r.code, 0);
     const QList<QByteArray> lines = r.out.trimmed().split('\n');
     QCOMPARE(lines.size(), 2);
     QVERIFY(lines[0].startsWith("one dlctl Completed 5 5 "));
-    QVERIFY(lines[1].startsWith("two other Completed 7 7 "));
+    const QString twoFile = service.downloadsDir() + QString::fromUtf8("tw\u00f6");
+    QCOMPARE(QString::fromUtf8(lines[1]), "two " + other + " Completed 7 7 " + twoFile);
+    QCOMPARE(fileBytes(twoFile), QByteArray("second!"));
 
-    r = dlctl(service, {"list", "other"});
+    r = dlctl(service, {"list", other});
     QCOMPARE(r.out.count('\n'), 1);
-    QVERIFY(r.out.startsWith("two other "));
+    QVERIFY(r.out.startsWith("two " + other.toUtf8() + " "));
     QCOMPARE(dlctl(service, {"list", "nobody"}).out, QByteArray());
 
     r = dlctl(service, {"status", "one"});
@@ -216,6 +235,17 @@ void tst_IpcService::listStatusAndUnknownIdentifiers()
 
 void tst_IpcService::spaceCheckCodes()
 {
+    FakeHttpServer server;
+    FakeHttpServer::Resource huge; // announces far more than any disk holds, then stays silent
+    huge.body = QByteArray(65536, 0);
+    huge.contentLength = 1LL << 50;
+    huge.chunkSize = 4096;
+    huge.chunkDelayMs = 20;
+    huge.stallAfter = huge.body.size();
+    server.setResource("/huge", huge);
+    QTemporaryDir elsewhere("/dev/shm/dlm-space-XXXXXX"); // another file system
+    if (!elsewhere.isValid())
+        QSKIP("no /dev/shm");
     ServiceProcess service;
     startService(service);
     Result r = dlctl(service, {"space", "1"});
@@ -223,24 +253,46 @@ void tst_IpcService::spaceCheckCodes()
     QVERIFY(r.out.startsWith("0 "));
     r = dlctl(service, {"space", "9000000000000000000"});
     QVERIFY(r.out.startsWith("1 "));
-    QCOMPARE(dlctl(service, {"set-path", "ghost", service.root() + "/missing/"}).code, 0);
+
+    // What a running download still needs counts only on its own file system.
+    QCOMPARE(dlctl(service, {"create", server.url("/huge").toString()}).code, 0);
+    QVERIFY(service.waitForErr("status:  \"Progressing\""));
+    QCOMPARE(dlctl(service, {"set-path", "shm", elsewhere.path()}).code, 0);
+    QVERIFY(dlctl(service, {"space", "1"}).out.startsWith("1 "));
+    QVERIFY(dlctl(service, {"space", "1", "--client", "shm"}).out.startsWith("0 "));
+
+    QVERIFY(QDir().mkpath(service.root() + "/gone"));
+    QCOMPARE(dlctl(service, {"set-path", "ghost", service.root() + "/gone"}).code, 0);
+    QVERIFY(QDir().rmdir(service.root() + "/gone"));
     r = dlctl(service, {"space", "1", "--client", "ghost"});
     QVERIFY(r.out.startsWith("2 "));
     QCOMPARE(dlctl(service, {"space", "abc"}).code, 64);
+    QCOMPARE(dlctl(service, {"space", "-1"}).code, 64);
 }
 
-void tst_IpcService::setPathAppliesToTheNextDownload()
+void tst_IpcService::setPathAppliesToTheNextDownloadAndSurvivesRestart()
 {
     FakeHttpServer server;
     server.setBody("/f.txt", "hello");
     ServiceProcess service;
     startService(service);
-    QDir().mkpath(service.root() + "/second");
+    const QString second = service.root() + "/second"; // joined with one separator
+    QDir().mkpath(second);
     QCOMPARE(dlctl(service, {"create", server.url("/f.txt").toString(), "--wait"}).code, 0);
-    QCOMPARE(dlctl(service, {"set-path", "dlctl", service.root() + "/second/"}).code, 0);
+    QCOMPARE(dlctl(service, {"set-path", "dlctl", second}).code, 0);
+    // Refusals change nothing.
+    for (const QString &bad : {QString(), QString("relative"), service.root() + "/missing"}) {
+        const Result r = dlctl(service, {"set-path", "dlctl", bad});
+        QCOMPARE(r.code, 1);
+        QVERIFY2(r.err.startsWith("dlctl: " + bad.toUtf8() + " is not "), r.err);
+    }
+
+    service.writeLine("quit");
+    QVERIFY(service.waitForExit());
+    QVERIFY(service.start() && service.waitForErrCount("Enter your command:", 2));
     QCOMPARE(dlctl(service, {"create", server.url("/f.txt").toString(), "--wait"}).code, 0);
     QCOMPARE(fileBytes(service.downloadsDir() + "f.txt"), QByteArray("hello"));
-    QCOMPARE(fileBytes(service.root() + "/second/f.txt"), QByteArray("hello"));
+    QCOMPARE(fileBytes(second + "/f.txt"), QByteArray("hello"));
     QVERIFY(!QFile::exists(service.downloadsDir() + "f.txt.0"));
 }
 
@@ -287,17 +339,19 @@ void tst_IpcService::killedWatcherIsDroppedOthersKeepReceiving()
     QVERIFY(service.isRunning());
 }
 
-void tst_IpcService::clientRegisteredTwiceGetsUpdatesTwice()
+void tst_IpcService::eventClientsAreBoundedPerConnection()
 {
     FakeHttpServer server;
     server.setBody("/d", "data");
     ServiceProcess service;
     startService(service);
-    Client probe(DLPROBE_BINARY, {"twice"}, service);
+    Client probe(DLPROBE_BINARY, {"flood"}, service);
     QVERIFY(probe.waitForOut("registered"));
     QCOMPARE(dlctl(service, {"create", server.url("/d").toString(), "--id", "d", "--wait"}).code, 0);
-    QVERIFY(probe.waitForOut("update d 1 4", 2));
-    QCOMPARE(probe.out().count("update d 16 0"), 2);
+    // The repeated object once, the service's own object never, then others up to the limit.
+    QVERIFY(probe.waitForOut("update d 1 4", 16));
+    QCOMPARE(probe.out().count("update d 16 0"), 16);
+    QVERIFY(service.stdErr().contains("refused: not another process's object"));
 }
 
 void tst_IpcService::queryFromInsideCallbackDoesNotHang()
@@ -315,24 +369,80 @@ void tst_IpcService::queryFromInsideCallbackDoesNotHang()
     QCOMPARE(dlctl(service, {"status", "r"}).code, 0);
 }
 
-void tst_IpcService::waitEndsWithStatusOneOnFailure()
+void tst_IpcService::failuresAndRefusalsEndWithStatusOne()
 {
     FakeHttpServer server; // "/missing" answers 404
     ServiceProcess service;
     startService(service);
-    const Result r = dlctl(service, {"create", server.url("/missing").toString(), "--id", "m", "--wait"});
+    Result r = dlctl(service, {"create", server.url("/missing").toString(), "--id", "m", "--wait"});
     QCOMPARE(r.code, 1);
     QVERIFY2(r.out.contains("m dlctl Failed 0 0 "), r.out);
     QVERIFY2(r.out.contains("(failure 2: the server answered with an error status)"), r.out);
+    r = dlctl(service, {"create", "ftp://127.0.0.1/f"});
+    QCOMPARE(r.code, 1);
+    QVERIFY2(r.err.contains("not an http or https URL"), r.err);
 }
 
-void tst_IpcService::serviceNotRunning()
+void tst_IpcService::reachability_data()
 {
-    ServiceProcess nothing; // never started: its socket directory is empty
-    QDir().mkpath(nothing.socketDir());
-    const Result r = dlctl(nothing, {"list"});
-    QCOMPARE(r.code, 2);
-    QVERIFY(r.err.contains("not running"));
+    QTest::addColumn<QString>("situation");
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QByteArray>("message");
+    QTest::newRow("another user, service started under umask 077") << "open" << 0 << QByteArray();
+    QTest::newRow("not running") << "absent" << 2 << QByteArray("not running");
+    QTest::newRow("socket directory closed to the user")
+        << "closed" << 2 << QByteArray("permission denied");
+    QTest::newRow("backlog full") << "backlog" << 2 << QByteArray("not answering");
+    QTest::newRow("SIGTERM while connecting") << "sigterm" << 128 + SIGTERM << QByteArray();
+}
+
+void tst_IpcService::reachability()
+{
+    QFETCH(QString, situation);
+    QFETCH(int, code);
+    QFETCH(QByteArray, message);
+    const bool otherUser = situation == "open" || situation == "closed";
+    if (otherUser && geteuid() != 0)
+        QSKIP("running dlctl as another user needs root");
+    ServiceProcess service;
+    QDir().mkpath(service.socketDir());
+    if (situation == "open") {
+        QVERIFY(chmod(QFile::encodeName(service.root()).constData(), 0755) == 0);
+        QVERIFY(QDir().rmdir(service.socketDir())); // the service makes it
+        const mode_t mask = umask(077);
+        startService(service);
+        umask(mask);
+    }
+    // A listener that never accepts, its backlog filled: connecting blocks.
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::vector<int> queued;
+    if (situation == "backlog" || situation == "sigterm") {
+        sockaddr_un addr {};
+        addr.sun_family = AF_UNIX;
+        const QByteArray path = QFile::encodeName(service.socketDir() + "/com.velta.DLService");
+        memcpy(addr.sun_path, path.constData(), size_t(path.size()));
+        QVERIFY(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0);
+        QVERIFY(listen(listener, 0) == 0);
+        for (int fd; (fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) >= 0;) {
+            queued.push_back(fd);
+            if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
+                break;
+        }
+    }
+    const QStringList list {"list"};
+    Client c(otherUser ? "runuser" : DLCTL_BINARY,
+             otherUser ? QStringList {"-u", "nobody", "--", DLCTL_BINARY} + list : list, service);
+    if (situation == "sigterm") {
+        const QString syscall = QStringLiteral("/proc/%1/syscall").arg(c.process.processId());
+        QTRY_VERIFY(fileBytes(syscall).startsWith(QByteArray::number(SYS_connect) + ' '));
+        c.process.terminate();
+    }
+    const Result r = c.finish();
+    QCOMPARE(r.code, code);
+    QVERIFY2(r.err.contains(message), r.err);
+    for (int fd : queued)
+        close(fd);
+    close(listener);
 }
 
 void tst_IpcService::manyClientsQueryWhileDownloadsChange()

@@ -186,10 +186,14 @@ void tst_DownloadDataBase::firstStartCreatesFileAndTable()
         raw.setDatabaseName(dbFile());
         QVERIFY(raw.open());
         QSqlQuery query(raw);
-        QVERIFY(query.exec("SELECT sql FROM sqlite_master WHERE type = 'table'"));
-        QVERIFY(query.next());
-        QCOMPARE(query.value(0).toString(), kCreate);
-        QVERIFY(!query.next());
+        QVERIFY(query.exec("SELECT sql FROM sqlite_master WHERE type = 'table' ORDER BY rowid"));
+        QStringList tables;
+        while (query.next())
+            tables << query.value(0).toString();
+        QCOMPARE(tables,
+            QStringList({ kCreate,
+                "CREATE TABLE download_paths (ownerUid INTEGER NOT NULL, clientID TEXT NOT NULL, "
+                "path TEXT NOT NULL, PRIMARY KEY (ownerUid, clientID))" }));
         QVERIFY(query.exec("PRAGMA journal_mode"));
         QVERIFY(query.next());
         QCOMPARE(query.value(0).toString(), QString("wal"));

@@ -107,6 +107,7 @@ private slots:
     void storedAmountAgainstFileOnDisk();
     void pausedDownloadWaitsForResume();
     void restartRelaunchesStalledOnly();
+    void secondServiceOnTheSameDatabaseExits();
     void brokenDatabaseLeavesServiceRunning_data();
     void brokenDatabaseLeavesServiceRunning();
 };
@@ -254,6 +255,40 @@ void tst_PersistenceE2E::restartRelaunchesStalledOnly()
     QCOMPARE(rows.state("done"), qint64(Completed));
     QVERIFY(readFile(dir + "done") == body);
     service.kill();
+}
+
+void tst_PersistenceE2E::secondServiceOnTheSameDatabaseExits()
+{
+    FakeHttpServer server;
+    FakeHttpServer::Resource slow;
+    slow.body = FakeHttpServer::makeBody(64 * 1024, 4);
+    slow.chunkSize = 2048;
+    slow.chunkDelayMs = 20;
+    server.setResource("/s.bin", slow);
+
+    ServiceProcess first;
+    QVERIFY(QDir().mkpath(first.databaseDir()));
+    const QString target = first.downloadsDir() + "s.bin";
+    StoredRows rows(first.databaseFile());
+    QVERIFY(rows.store({ { "s", server.url("/s.bin").toString(), target, Pending, 0, 0 } }));
+    QVERIFY(first.start());
+    QTRY_COMPARE_WITH_TIMEOUT(server.requestsFor("/s.bin").size(), 1, 20000);
+
+    ServiceProcess second;
+    second.setSetting("download_database_path", first.databaseDir());
+    QVERIFY(second.start());
+    QVERIFY(second.waitForExit());
+    QCOMPARE(second.exitCode(), 1);
+    QVERIFY(second.stdErr().contains("Another download service uses the database directory "
+        + first.databaseDir().toLocal8Bit() + ": not starting"));
+    QVERIFY(!second.stdErr().contains("Download launched"));
+    QVERIFY(!QFile::exists(second.socketDir() + "/com.velta.DLService"));
+
+    // The first one goes on alone.
+    QTRY_COMPARE_WITH_TIMEOUT(rows.state("s"), qint64(Completed), 20000);
+    QCOMPARE(server.requestsFor("/s.bin").size(), 1);
+    QVERIFY(readFile(target) == slow.body);
+    first.kill();
 }
 
 void tst_PersistenceE2E::brokenDatabaseLeavesServiceRunning_data()

@@ -646,7 +646,9 @@ void tst_Download::missingDirectoryFailsThenResumes()
     r.chunkSize = 1000;
     server->setResource("/f", r);
     const QString directory = fx->path(QStringLiteral("later/"));
+    QVERIFY(QDir().mkpath(directory));
     fx->manager->setDownloadPath(QLatin1String(ManagerFixture::client), directory);
+    QVERIFY(QDir().rmdir(directory)); // gone before the download opens its file
     Download *d = fx->create(server->url("/f"));
     QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Failed), kWait);
     QCOMPARE(d->failureCode, 3u);

@@ -25,6 +25,9 @@ namespace {
 
 const char kServiceName[] = "com.velta.DLService";
 volatile sig_atomic_t interrupted = 0;
+// Set while a loop polls `interrupted` and ends by itself; otherwise a signal ends dlctl at once,
+// wherever it waits (a connect, or a call to a service that does not answer).
+volatile sig_atomic_t endsByItself = 0;
 
 int usage(FILE *out, int status)
 {
@@ -36,14 +39,16 @@ int usage(FILE *out, int status)
             "  space SIZE [--client ID]\n"
             "  set-path CLIENT PATH\n"
             "  watch\n"
-            "Records print as: ID CLIENT STATE BYTES TOTAL FILE\n"
+            "create prints the new download's identifier; records print as:\n"
+            "  ID CLIENT STATE BYTES TOTAL FILE\n"
             "watch and create --wait add after FILE, in parentheses, the meaning of a Failed\n"
             "download's failure code or the time of a Stalled download's next attempt.\n"
             "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
             "  2 the server answered with an error status, 3 the local file could not be opened\n"
             "  or written, 4 none (a new download).\n"
             "The service is found in $BINDER_SOCKET_DIR (default /run/binder).\n"
-            "Exit status: 0 done, 1 failed or unknown download, 2 service not reachable, 64 usage.\n");
+            "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
+            "or not answering, 64 usage, 128+N ended by signal N.\n");
     return status;
 }
 
@@ -140,55 +145,80 @@ bool parseSize(const std::string &text, long long *size)
     char *end = nullptr;
     errno = 0;
     *size = strtoll(text.c_str(), &end, 10);
-    return errno == 0 && end && *end == '\0';
+    return errno == 0 && end && *end == '\0' && *size >= 0;
 }
 
-void onSignal(int)
+void onSignal(int signal)
 {
+    if (!endsByItself)
+        _exit(128 + signal);
     interrupted = 1;
+}
+
+// Without SA_RESTART, so that a blocked connect returns instead of starting over.
+void handleSignal(int signal)
+{
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(signal, &action, nullptr);
 }
 
 sp<IDLService> connectService(sp<UpdateQueue> *events)
 {
     ProcessState::self()->startThreadPool();
     sp<IBinder> binder = defaultServiceManager()->checkService(String16(kServiceName));
-    if (binder == nullptr)
+    if (binder == nullptr) {
+        const int why = errno;
+        const char *dir = getenv("BINDER_SOCKET_DIR");
+        const std::string path = std::string(dir && *dir ? dir : "/run/binder") + "/" + kServiceName;
+        if (why == EACCES || why == EPERM)
+            fprintf(stderr, "dlctl: permission denied: this user may not reach %s\n", path.c_str());
+        else if (why == EAGAIN || why == ETIMEDOUT)
+            fprintf(stderr, "dlctl: the download service is not answering (%s accepts no "
+                            "connection)\n", path.c_str());
+        else if (why == ENOENT || why == ECONNREFUSED || why == ENOTDIR)
+            fprintf(stderr, "dlctl: the download service is not running (no %s)\n", path.c_str());
+        else
+            fprintf(stderr, "dlctl: cannot reach the download service at %s: %s\n", path.c_str(),
+                    strerror(why));
         return nullptr;
+    }
     *events = new UpdateQueue;
     binder->linkToDeath(*events);
     return interface_cast<IDLService>(binder);
 }
 
-bool exists(const sp<IDLService> &service, const std::string &id)
+// Every call that did not reach the service ends dlctl with status 2 and says so.
+int notAnswered(const char *call, int status)
+{
+    fprintf(stderr, "dlctl: the download service did not answer %s (status %d)\n", call, status);
+    return 2;
+}
+
+// 1 found, 0 not found, negative: the call did not reach the service.
+int exists(const sp<IDLService> &service, const std::string &id)
 {
     IDownload record;
-    return service->getDownload(id, &record) == 1;
+    return service->getDownload(id, &record);
 }
 
 // Follows one download through the update stream: prints progress, returns its final state.
-int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const std::string &url,
-           const std::string &client, std::string id, bool toEnd)
+int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const std::string &id)
 {
     const bool terminal = isatty(STDOUT_FILENO);
     ProgressView view(stdout);
     IDownload update;
-    for (int waited = 0;;) {
+    for (;;) {
         if (!events->next(&update, 1000)) {
             if (events->died() || interrupted)
                 break;
-            // Nothing heard: give up on a download that never came (a refused create).
-            if (id.empty() ? ++waited >= 10 : !exists(service, id))
+            // Nothing heard for a while: make sure the download is still there.
+            if (exists(service, id) != 1) {
+                fprintf(stderr, "dlctl: download %s is gone\n", id.c_str());
                 break;
-            continue;
-        }
-        if (id.empty()) {
-            if (update.contentURL != url || update.clientID != client)
-                continue;
-            id = update.uniqueID;
-            if (!toEnd) {
-                printf("%s\n", id.c_str());
-                return 0;
             }
+            continue;
         }
         if (update.uniqueID != id)
             continue;
@@ -203,9 +233,21 @@ int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const s
         fprintf(stderr, "dlctl: the download service went away\n");
         return 2;
     }
-    if (id.empty())
-        fprintf(stderr, "dlctl: the service did not start the download (see its log)\n");
     return 1;
+}
+
+const char *refusal(int32_t status)
+{
+    switch (status) {
+    case IDLService::REQUEST_BAD_URL:
+        return "not an http or https URL";
+    case IDLService::REQUEST_ID_IN_USE:
+        return "the identifier belongs to another download";
+    case IDLService::REQUEST_BAD_ARGUMENT:
+        return "an argument is unusable (see the service's log)";
+    default:
+        return "refused by the service (see its log)";
+    }
 }
 
 } // namespace
@@ -242,55 +284,57 @@ int run(int argc, char **argv)
     if (!known)
         return usage(stderr, 64);
 
-    signal(SIGINT, onSignal);
-    signal(SIGTERM, onSignal);
+    handleSignal(SIGINT);
+    handleSignal(SIGTERM);
     signal(SIGPIPE, SIG_IGN);
 
     sp<UpdateQueue> events;
     const sp<IDLService> service = connectService(&events);
-    if (service == nullptr) {
-        const char *dir = getenv("BINDER_SOCKET_DIR");
-        fprintf(stderr, "dlctl: the download service is not running (no %s in %s)\n", kServiceName,
-                dir && *dir ? dir : "/run/binder");
+    if (service == nullptr)
         return 2;
-    }
     const std::string arg = n ? o.positional[0] : std::string();
 
     if (command == "create") {
         // Register first so that the download's first update cannot be missed.
-        service->addClient(events);
-        service->createDownload(o.client, arg, o.id, o.name);
+        if (o.wait)
+            service->addClient(events);
+        std::string id;
+        const int32_t created = service->requestDownload(o.client, arg, o.id, o.name, &id);
         int status = 0;
-        if (!o.wait && !o.id.empty())
-            printf("%s\n", o.id.c_str());
-        else
-            status = follow(service, events, arg, o.client, o.id, o.wait);
-        service->removeClient(events);
+        if (created < 0) {
+            fprintf(stderr, "dlctl: the download service went away\n");
+            status = 2;
+        } else if (created != IDLService::REQUEST_CREATED) {
+            fprintf(stderr, "dlctl: cannot create %s: %s\n", arg.c_str(), refusal(created));
+            status = 1;
+        } else {
+            printf("%s\n", id.c_str());
+            if (o.wait)
+                status = follow(service, events, id);
+        }
+        if (o.wait)
+            service->removeClient(events);
         return status;
     }
-    if (command == "pause" || command == "resume") {
-        if (arg != "all" && !exists(service, arg)) {
+    if (command == "pause" || command == "resume" || command == "remove") {
+        const int found = arg == "all" && command != "remove" ? 1 : exists(service, arg);
+        if (found < 0)
+            return notAnswered("getDownload", found);
+        if (found != 1) {
             fprintf(stderr, "dlctl: no download %s\n", arg.c_str());
             return 1;
         }
-        command == "pause" ? service->pauseDownload(arg) : service->resumeDownload(arg);
-        return 0;
-    }
-    if (command == "remove") {
-        if (!exists(service, arg)) {
-            fprintf(stderr, "dlctl: no download %s\n", arg.c_str());
-            return 1;
-        }
-        service->removeDownload(arg);
+        if (command == "remove")
+            service->removeDownload(arg);
+        else
+            command == "pause" ? service->pauseDownload(arg) : service->resumeDownload(arg);
         return 0;
     }
     if (command == "status") {
         IDownload record;
         const int found = service->getDownload(arg, &record);
-        if (found < 0) {
-            fprintf(stderr, "dlctl: the download service went away\n");
-            return 2;
-        }
+        if (found < 0)
+            return notAnswered("getDownload", found);
         if (found != 1) {
             fprintf(stderr, "dlctl: no download %s\n", arg.c_str());
             return 1;
@@ -299,18 +343,22 @@ int run(int argc, char **argv)
         return 0;
     }
     if (command == "list") {
-        std::vector<IDownload *> list;
-        const int result = service->getDownloadList(n ? arg : "*", list);
-        for (IDownload *record : list) {
-            printf("%s\n", recordLine(*record).c_str());
-            delete record;
+        // Page by page, so any number of downloads can be listed.
+        std::vector<IDownload> page;
+        for (std::string after;; after = page.back().uniqueID) {
+            const int result = service->listDownloadsPage(n ? arg : "*", after, &page);
+            if (result < 0)
+                return notAnswered("listDownloadsPage", result);
+            if (page.empty() || page.back().uniqueID == after)
+                return 0;
+            for (const IDownload &record : page)
+                printf("%s\n", recordLine(record).c_str());
         }
-        return result < 0 ? 2 : 0;
     }
     if (command == "space") {
         long long size = 0;
         if (!parseSize(arg, &size)) {
-            fprintf(stderr, "dlctl: SIZE must be a whole number of bytes\n");
+            fprintf(stderr, "dlctl: SIZE must be a whole, non-negative number of bytes\n");
             return 64;
         }
         const int result = service->checkSpaceAvailability(o.client, size);
@@ -323,11 +371,24 @@ int run(int argc, char **argv)
         return 0;
     }
     if (command == "set-path") {
-        service->setDownloadPath(o.positional[0], o.positional[1]);
-        return 0;
+        const std::string &path = o.positional[1];
+        switch (service->setDownloadPath(o.positional[0], path)) {
+        case IDLService::PATH_SET:
+            return 0;
+        case IDLService::PATH_NOT_ABSOLUTE:
+            fprintf(stderr, "dlctl: %s is not an absolute path\n", path.c_str());
+            return 1;
+        case IDLService::PATH_NOT_A_DIRECTORY:
+            fprintf(stderr, "dlctl: %s is not a directory\n", path.c_str());
+            return 1;
+        default:
+            fprintf(stderr, "dlctl: the download service went away\n");
+            return 2;
+        }
     }
-    // watch
+    // watch: ends with SIGINT or SIGTERM
     service->addClient(events);
+    endsByItself = 1;
     const bool terminal = isatty(STDOUT_FILENO);
     ProgressView view(stdout);
     IDownload update;
@@ -344,6 +405,7 @@ int run(int argc, char **argv)
         else
             printf("%s%s\n", recordLine(update).c_str(), stateNote(update).c_str());
     }
+    endsByItself = 0;
     service->removeClient(events);
     return 0;
 }

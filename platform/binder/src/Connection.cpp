@@ -6,8 +6,11 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <sys/socket.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -16,22 +19,42 @@ namespace android {
 #define LOG_TAG "binder"
 #define LOGW(...) __android_log_print(ANDROID_LOG_WARN, LOG_TAG, __VA_ARGS__)
 
-std::shared_ptr<Connection> Connection::start(int fd, const sp<IBinder> &root)
+namespace {
+constexpr size_t kKeptBodyBytes = 64 * 1024;
+}
+
+std::shared_ptr<Connection> Connection::start(
+    int fd, const sp<IBinder> &root, std::shared_ptr<void> slot)
 {
+    ucred cred {};
+    socklen_t len = sizeof cred;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
+        LOGW("dropping a connection whose peer is unknown: %s", std::strerror(errno));
+        ::close(fd);
+        return nullptr;
+    }
     std::shared_ptr<Connection> c(new Connection(fd, root));
-    std::thread([c] { c->readLoop(); }).detach();
-    std::thread([c] { c->writeLoop(); }).detach();
+    c->mPeerPid = cred.pid;
+    c->mPeerUid = cred.uid;
+    // Thread creation fails when the process runs out of threads or memory: the peer loses
+    // this connection, the process goes on.
+    try {
+        std::thread([c, slot] { c->readLoop(); }).detach();
+    } catch (const std::system_error &e) {
+        LOGW("dropping connection to pid %d: cannot start its reader: %s", int(cred.pid), e.what());
+        return nullptr;
+    }
+    try {
+        std::thread([c, slot] { c->writeLoop(); }).detach();
+    } catch (const std::system_error &) {
+        c->shutdown("cannot start its writer");
+        return nullptr;
+    }
     return c;
 }
 
 Connection::Connection(int fd, const sp<IBinder> &root) : mFd(fd)
 {
-    ucred cred {};
-    socklen_t len = sizeof cred;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
-        mPeerPid = cred.pid;
-        mPeerUid = cred.uid;
-    }
     if (root != nullptr) {
         mExports[0] = root;
         mExportIds[root.get()] = 0;
@@ -218,14 +241,10 @@ void Connection::sendReply(uint64_t txnId, status_t status, const Parcel &reply)
 void Connection::execute(const IncomingPtr &call)
 {
     IPCThreadState *state = IPCThreadState::self();
-    const pid_t oldPid = state->getCallingPid();
-    const uid_t oldUid = state->getCallingUid();
-    state->setCaller(mPeerPid, mPeerUid);
-    state->serving.push_back({ this, call->txnId });
+    state->serving.push_back({ this, call->txnId, mPeerPid, mPeerUid });
     Parcel reply;
     const status_t status = call->target->transact(call->code, call->data, &reply, call->flags);
     state->serving.pop_back();
-    state->setCaller(oldPid, oldUid);
     {
         std::lock_guard<std::mutex> lock(mLock);
         mInCalls--;
@@ -338,6 +357,21 @@ bool Connection::readFully(void *buf, size_t len)
     return true;
 }
 
+// Grows the body only by what has arrived: a header may announce up to kMaxBody bytes that
+// never come, and idle connections must not hold that much each.
+bool Connection::readBody(size_t size, std::vector<uint8_t> *body)
+{
+    uint8_t chunk[16 * 1024];
+    body->clear();
+    while (body->size() < size) {
+        const size_t want = std::min(sizeof chunk, size - body->size());
+        if (!readFully(chunk, want))
+            return false;
+        body->insert(body->end(), chunk, chunk + want);
+    }
+    return true;
+}
+
 void Connection::readLoop()
 {
     std::vector<uint8_t> body;
@@ -353,16 +387,18 @@ void Connection::readLoop()
             shutdown("bad frame header");
             return;
         }
-        body.resize(size);
-        wire::Frame frame;
-        if (!readFully(body.data(), size)) {
+        if (!readBody(size, &body)) {
             shutdown("peer closed");
             return;
         }
+        wire::Frame frame;
         if (!wire::decodeBody(command, body.data(), size, &frame)) {
             shutdown("malformed frame");
             return;
         }
+        // A large frame's buffer is not kept through the idle time that follows it.
+        if (body.capacity() > kKeptBodyBytes)
+            std::vector<uint8_t>().swap(body);
         handleFrame(std::move(frame));
     }
 }

@@ -20,8 +20,11 @@ namespace android {
 // failure, protocol violation or overflow shuts the connection down and reports its proxies dead.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
-    // Takes ownership of `fd`; `root` (may be null) is what the peer reaches as handle 0.
-    static std::shared_ptr<Connection> start(int fd, const sp<IBinder> &root);
+    // Takes ownership of `fd`; `root` (may be null) is what the peer reaches as handle 0. `slot`
+    // is held until both of the connection's threads have ended. Null (fd closed, one log line)
+    // when the peer's identity cannot be read or a thread cannot be started.
+    static std::shared_ptr<Connection> start(
+        int fd, const sp<IBinder> &root, std::shared_ptr<void> slot = nullptr);
     ~Connection();
 
     sp<IBinder> proxyFor(uint64_t handle);
@@ -59,6 +62,7 @@ private:
     void readLoop();
     void writeLoop();
     bool readFully(void *buf, size_t len);
+    bool readBody(size_t size, std::vector<uint8_t> *body);
     void handleFrame(wire::Frame &&frame);
     void execute(const IncomingPtr &call);
     void drainOneway(uint64_t target);

@@ -5,7 +5,15 @@
 
 namespace android {
 
-IPCThreadState::IPCThreadState() : mCallingPid(getpid()), mCallingUid(getuid()) { }
+pid_t IPCThreadState::getCallingPid() const
+{
+    return serving.empty() ? getpid() : serving.back().pid;
+}
+
+uid_t IPCThreadState::getCallingUid() const
+{
+    return serving.empty() ? getuid() : serving.back().uid;
+}
 
 IPCThreadState *IPCThreadState::self()
 {

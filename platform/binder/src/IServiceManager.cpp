@@ -1,4 +1,5 @@
 #include "Connection.h"
+#include "ConnectionSlots.h"
 
 #include <binder/IServiceManager.h>
 
@@ -8,10 +9,13 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <map>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <system_error>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -46,23 +50,57 @@ bool socketAddress(const String16 &name, sockaddr_un *addr, std::string *path)
     return true;
 }
 
+// Long enough for a busy service to accept, short enough that a caller never hangs on a full
+// backlog: a connect to a Unix socket otherwise waits until the server accepts.
+constexpr int kConnectTimeoutSeconds = 5;
+
+// The connected descriptor, or -1 with errno telling why: ENOENT or ECONNREFUSED nobody serves
+// the path, EACCES the caller may not reach it, EAGAIN the server did not accept in time.
 int connectTo(const sockaddr_un &addr)
 {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return -1;
+    timeval timeout { kConnectTimeoutSeconds, 0 };
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     if (::connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+        const int err = errno;
         ::close(fd);
+        errno = err;
         return -1;
     }
+    // Writes on the connection must not time out: a slow peer is the writer thread's business.
+    timeout = {};
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     return fd;
+}
+
+// Mode set explicitly, whatever the umask: every user must be able to reach a service.
+void setMode(const char *path, mode_t mode, bool directory)
+{
+    int err = 0;
+    if (directory) {
+        const int fd = ::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        err = fd < 0 || ::fchmod(fd, mode) != 0 ? errno : 0;
+        if (fd >= 0)
+            ::close(fd);
+    } else if (::fchmodat(AT_FDCWD, path, mode, AT_SYMLINK_NOFOLLOW) != 0) {
+        err = errno;
+    }
+    if (err != 0)
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "cannot set mode %o on %s: %s",
+            unsigned(mode), path, std::strerror(err));
 }
 
 void makeDirs(const std::string &dir)
 {
-    for (size_t at = 1; at != std::string::npos; at = dir.find('/', at + 1))
-        ::mkdir(dir.substr(0, at).c_str(), 0755);
-    ::mkdir(dir.c_str(), 0755);
+    for (size_t at = dir.find('/', 1);; at = dir.find('/', at + 1)) {
+        const std::string part = dir.substr(0, at);
+        if (::mkdir(part.c_str(), 0755) == 0)
+            setMode(part.c_str(), 0755, true);
+        if (at == std::string::npos)
+            return;
+    }
 }
 
 // Socket path -> the object that new connections reach as handle 0.
@@ -107,11 +145,14 @@ status_t SocketServiceManager::addService(
         }
     }
     makeDirs(socketDir());
-    if (const int probe = connectTo(addr); probe >= 0) {
-        ::close(probe);
+    const int probe = connectTo(addr);
+    if (probe >= 0 || errno == EAGAIN) { // a live service, perhaps too busy to accept
+        if (probe >= 0)
+            ::close(probe);
         return ALREADY_EXISTS;
     }
-    ::unlink(path.c_str()); // nobody answers: a stale socket of a dead process
+    if (errno == ECONNREFUSED)
+        ::unlink(path.c_str()); // nobody answers: a stale socket of a dead process
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return -errno;
@@ -123,27 +164,51 @@ status_t SocketServiceManager::addService(
         ::close(fd);
         return err;
     }
+    setMode(path.c_str(), 0666, false);
     {
         std::lock_guard<std::mutex> lock(gPublishedLock);
         if (gPublished.empty())
             std::atexit(unlinkPublished);
         gPublished[path] = service;
     }
-    std::thread([fd, path] {
+    static const std::shared_ptr<ConnectionSlots> slots
+        = ConnectionSlots::create(ConnectionSlots::kMaxTotal, ConnectionSlots::kMaxPerUid);
+    auto acceptLoop = [fd, path] {
         for (;;) {
             const int client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
             if (client >= 0) {
+                ucred cred {};
+                socklen_t len = sizeof cred;
+                std::shared_ptr<void> slot;
+                if (::getsockopt(client, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0)
+                    slot = slots->take(cred.uid, cred.pid);
+                if (slot == nullptr) {
+                    ::close(client); // the peer sees the connection end at once
+                    continue;
+                }
                 std::unique_lock<std::mutex> lock(gPublishedLock);
                 sp<IBinder> root = gPublished[path];
                 lock.unlock();
-                Connection::start(client, root);
-            } else if (errno == EMFILE || errno == ENFILE) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(100)); // out of descriptors
+                Connection::start(client, root, std::move(slot));
+            } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100)); // out of resources
             } else if (errno != EINTR && errno != ECONNABORTED) {
                 return;
             }
         }
-    }).detach();
+    };
+    try {
+        std::thread(acceptLoop).detach();
+    } catch (const std::system_error &e) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "cannot serve %s: %s", path.c_str(), e.what());
+        {
+            std::lock_guard<std::mutex> lock(gPublishedLock);
+            gPublished.erase(path);
+        }
+        ::unlink(path.c_str());
+        ::close(fd);
+        return NO_MEMORY;
+    }
     return NO_ERROR;
 }
 
@@ -151,16 +216,22 @@ sp<IBinder> SocketServiceManager::checkService(const String16 &name) const
 {
     sockaddr_un addr;
     std::string path;
-    if (!socketAddress(name, &addr, &path))
+    if (!socketAddress(name, &addr, &path)) {
+        errno = EINVAL;
         return nullptr;
+    }
     std::lock_guard<std::mutex> lock(mLock);
     auto it = mClients.find(path);
     if (it == mClients.end() || !it->second->isAlive()) {
         const int fd = connectTo(addr);
         if (fd < 0)
             return nullptr;
-        mClients[path] = Connection::start(fd, nullptr);
-        it = mClients.find(path);
+        std::shared_ptr<Connection> connection = Connection::start(fd, nullptr);
+        if (connection == nullptr) {
+            errno = EAGAIN;
+            return nullptr;
+        }
+        it = mClients.insert_or_assign(path, std::move(connection)).first;
     }
     return it->second->proxyFor(0);
 }
@@ -172,8 +243,11 @@ sp<IBinder> SocketServiceManager::getService(const String16 &name) const
     for (;;) {
         if (sp<IBinder> service = checkService(name))
             return service;
-        if (steady_clock::now() >= deadline)
+        const int why = errno;
+        if (steady_clock::now() >= deadline || why == EINTR) {
+            errno = why;
             return nullptr;
+        }
         std::this_thread::sleep_for(milliseconds(100));
     }
 }

@@ -1,8 +1,11 @@
 #include <binder/ProcessState.h>
 
+#include <android/log.h>
+
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 namespace android {
@@ -51,11 +54,18 @@ void ProcessState::post(std::function<void()> work)
     std::lock_guard<std::mutex> lock(mPool->lock);
     mPool->work.push_back(std::move(work));
     if (mPool->work.size() > mPool->idle && mPool->threads < mPool->max) {
-        mPool->threads++;
-        std::thread([this] { runWorker(); }).detach();
-    } else {
-        mPool->wake.notify_one();
+        // Out of threads or memory, the work waits for a thread that is already running (or
+        // for the next post to try again); the process goes on.
+        try {
+            std::thread([this] { runWorker(); }).detach();
+            mPool->threads++;
+            return;
+        } catch (const std::system_error &e) {
+            __android_log_print(ANDROID_LOG_WARN, "binder",
+                "cannot start a pool thread (%zu running): %s", mPool->threads, e.what());
+        }
     }
+    mPool->wake.notify_one();
 }
 
 void ProcessState::runWorker()

@@ -17,26 +17,23 @@ class IPCThreadState {
 public:
     static IPCThreadState *self();
 
-    pid_t getCallingPid() const { return mCallingPid; }
-    uid_t getCallingUid() const { return mCallingUid; }
+    // The peer process of the innermost incoming call this thread is running (as the kernel
+    // recorded it when that peer connected); outside any incoming call, this process itself.
+    pid_t getCallingPid() const;
+    uid_t getCallingUid() const;
     void joinThreadPool(bool isMain = true);
 
     // Runtime internal.
     struct Serving {
         const Connection *connection;
         uint64_t txnId;
+        pid_t pid;
+        uid_t uid;
     };
     std::vector<Serving> serving;
-    void setCaller(pid_t pid, uid_t uid)
-    {
-        mCallingPid = pid;
-        mCallingUid = uid;
-    }
 
 private:
-    IPCThreadState();
-    pid_t mCallingPid;
-    uid_t mCallingUid;
+    IPCThreadState() = default;
 };
 
 } // namespace android

@@ -1,0 +1,740 @@
+#!/usr/bin/env python3
+"""Runs every load of the benchmark against its reference, round after round, and writes the
+table of RESULTS.md. Started by bench/run.sh, which installs, builds and starts the servers and
+passes everything here through the environment (see run.sh for the knobs).
+
+CPU is whole-process from wait4() of every process involved (the service, its watchers, curl,
+the C client, sqlite3). The service's wall time runs from the first command of a load to the
+console line that ends it; a reference's is its whole run.
+"""
+import collections
+import datetime
+import os
+import re
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import textwrap
+import threading
+import time
+
+import steady_server
+
+E = os.environ
+WORK = E["BENCH_DIR"]
+TMPFS = E["BENCH_TMPFS"]
+RESULTS = E["BENCH_RESULTS"]
+SERVICE = E["BENCH_SERVICE"]
+DLCTL = E["BENCH_DLCTL"]
+FETCH = E["BENCH_FETCH"]
+RUSAGE = E["BENCH_RUSAGE"]
+NGINX = "http://127.0.0.1:%s" % E["BENCH_PORT"]
+SLOW_PORT = int(E["BENCH_SLOW_PORT"])
+ROUNDS = int(E.get("ROUNDS", "3"))
+ROWS = E.get("BENCH_ROWS", "small slow watch many stored big onehost").split()
+KIB, MIB = 1024, 1024 * 1024
+
+BIG_MIB = int(E.get("BIG_MIB", "1024"))
+SMALL_COUNT, SMALL_KIB = int(E.get("SMALL_COUNT", "1000")), int(E.get("SMALL_KIB", "64"))
+MANY_COUNT, MANY_MIB = int(E.get("MANY_COUNT", "200")), int(E.get("MANY_MIB", "4"))
+SLOW_COUNT, SLOW_KIB = int(E.get("SLOW_COUNT", "50")), int(E.get("SLOW_KIB", "2048"))
+SLOW_RATE_KIB = int(E.get("SLOW_RATE_KIB", "200"))
+WATCHERS = int(E.get("WATCHERS", "20"))
+STORED = int(E.get("STORED", "100000"))
+ONEHOST_COUNT, ONEHOST_KIB = int(E.get("ONEHOST_COUNT", "50")), int(E.get("ONEHOST_KIB", "1024"))
+ONEHOST_TIMEOUT_MS = int(E.get("ONEHOST_TIMEOUT_MS", "3000"))
+SETTLE_S = float(E.get("SETTLE_S", "2"))  # quiet time before an idle figure is read
+
+COMPLETED = re.compile(rb'Download update with file: "([^"\n]*)" +status: +"Completed"')
+LISTED = re.compile(rb'Download: +uniqueID: [^\n]* status: +"(\w+)"')
+LIVE = set()  # processes to end if the benchmark stops half-way
+
+
+class BenchError(Exception):
+    pass
+
+
+def cpu_seconds(usage):
+    return usage.ru_utime + usage.ru_stime
+
+
+def reap(proc, timeout=60):
+    """wait4() for a child started with Popen: (exit status, rusage). Kills it after timeout."""
+    killer = threading.Timer(timeout, proc.kill)
+    killer.start()
+    try:
+        _, status, usage = os.wait4(proc.pid, 0)
+    finally:
+        killer.cancel()
+    LIVE.discard(proc)
+    proc.returncode = os.waitstatus_to_exitcode(status)
+    return proc.returncode, usage
+
+
+def start_measured(cmd, **kw):
+    """Starts a reference under bench/rusage, which measures it; finish_measured() reads that."""
+    return spawn([RUSAGE, os.path.join(WORK, "rusage.out")] + cmd, **kw)
+
+
+def finish_measured(proc):
+    """(wall s, CPU s, peak MiB, exit status) of a reference started by start_measured()."""
+    status, _ = reap(proc, timeout=3600)
+    with open(os.path.join(WORK, "rusage.out")) as f:
+        wall, cpu, peak = f.read().split()
+    return float(wall), float(cpu), int(peak) / KIB, status
+
+
+def run(cmd, **kw):
+    return finish_measured(start_measured(cmd, **kw))
+
+
+def spawn(cmd, **kw):
+    proc = subprocess.Popen(cmd, **kw)
+    LIVE.add(proc)
+    return proc
+
+
+def proc_status(pid, field):
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith(field + ":"):
+                return int(line.split()[1])
+    raise BenchError("no %s for %d" % (field, pid))
+
+
+def per_thread(pids, name, parse):
+    """The sum of parse(text of /proc/PID/task/TID/name) over every live thread of pids."""
+    total = 0
+    for pid in pids:
+        for task in os.listdir("/proc/%d/task" % pid):
+            try:
+                with open("/proc/%d/task/%s/%s" % (pid, task, name)) as f:
+                    total += parse(f.read())
+            except FileNotFoundError:  # the thread has just ended
+                pass
+    return total
+
+
+def wakeups(pids):
+    """Wake-ups so far: each sleep of a thread ends in a voluntary switch."""
+    return per_thread(pids, "status", lambda text: int(text.split("\nvoluntary_ctxt_switches:")[1].split()[0]))
+
+
+def cpu_so_far(pids):
+    """CPU seconds so far, to the nanosecond (a thread's time on the CPU heads its schedstat)."""
+    return per_thread(pids, "schedstat", lambda text: int(text.split()[0])) / 1e9
+
+
+def fresh(path):
+    shutil.rmtree(path, ignore_errors=True)
+    os.makedirs(path)
+    return path
+
+
+def same_file(path, expected):
+    """True when the file at path holds exactly the bytes of expected (a path or bytes)."""
+    try:
+        with open(path, "rb") as got:
+            if isinstance(expected, bytes):
+                return got.read() == expected
+            with open(expected, "rb") as want:
+                while True:
+                    a, b = got.read(4 * MIB), want.read(4 * MIB)
+                    if a != b:
+                        return False
+                    if not a:
+                        return True
+    except FileNotFoundError:
+        return False
+
+
+def verify(pairs, what):
+    bad = [p for p, expected in pairs if not same_file(p, expected)]
+    if bad:
+        raise BenchError("%s: %d of %d files differ, first %s" % (what, len(bad), len(pairs), bad[0]))
+
+
+class Service:
+    """The service with its console on a pipe. A reader thread keeps the console's output in a
+    log file and counts the lines the loads wait for, with the time each arrived."""
+
+    def __init__(self, name, stored_db=None, env=None):
+        self.db = fresh(os.path.join(WORK, "svc", "db"))
+        if stored_db:
+            shutil.copy(stored_db, os.path.join(self.db, "dlm_download.db"))
+        self.log_path = os.path.join(WORK, "logs", name + ".log")
+        self.log = open(self.log_path, "wb")
+        self.cond = threading.Condition()
+        self.completed = set()
+        self.completion_times = []  # arrival of each file's first Completed update
+        self.updates = 0
+        self.prompts = 0
+        self.answers = []  # arrival time of each "No download found."
+        self.listed = collections.Counter()
+        self.ended = False
+        full_env = dict(os.environ, DL_CONSOLE_READER_ENABLE="1", **(env or {}))
+        self.started = time.monotonic()
+        self.proc = spawn([SERVICE], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                     stderr=subprocess.PIPE, env=full_env)
+        self.pid = self.proc.pid
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
+
+    def _read(self):
+        fd = self.proc.stderr.fileno()
+        pending = b""
+        while True:
+            chunk = os.read(fd, MIB)
+            now = time.monotonic()
+            if not chunk:
+                break
+            self.log.write(chunk)
+            data = pending + chunk
+            cut = data.rfind(b"\n") + 1
+            lines, pending = data[:cut], data[cut:]
+            if not lines:
+                continue
+            with self.cond:
+                self.updates += lines.count(b"Download update with file: ")
+                self.prompts += lines.count(b"Enter your command:")
+                for path in COMPLETED.findall(lines):
+                    if path not in self.completed:
+                        self.completed.add(path)
+                        self.completion_times.append(now)
+                self.listed.update(LISTED.findall(lines))
+                self.answers += [now] * lines.count(b"No download found.")
+                self.cond.notify_all()
+        with self.cond:
+            self.ended = True
+            self.log.close()
+            self.cond.notify_all()
+
+    def wait(self, predicate, timeout, what):
+        deadline = time.monotonic() + timeout
+        with self.cond:
+            while not predicate():
+                left = deadline - time.monotonic()
+                if left <= 0 or self.ended:
+                    raise BenchError("%s: %s (console output in %s)" % (
+                        what, "the service ended" if self.ended else "timed out", self.log_path))
+                self.cond.wait(left)
+
+    def send(self, text):
+        self.proc.stdin.write(text.encode())
+        self.proc.stdin.flush()
+
+    def ready(self):
+        self.wait(lambda: self.prompts > 0, 60, "console prompt")
+        return self
+
+    def wait_completed(self, count, timeout):
+        """Arrival time of the count-th distinct completed file. A failed download is neither
+        reported nor logged, so when completions stop, "list" tells whether any is still going."""
+        deadline = time.monotonic() + timeout
+        stale = 0
+        while True:
+            seen = len(self.completion_times)
+            try:
+                self.wait(lambda: len(self.completion_times) > seen, min(5, deadline - time.monotonic()),
+                          "completions")
+            except BenchError:
+                if self.ended:
+                    raise
+            if len(self.completion_times) >= count:
+                return self.completion_times[count - 1]
+            if len(self.completion_times) > seen:
+                stale = 0
+                continue
+            states = self.states()
+            going = states.get("Progressing", 0) + states.get("Pending", 0)
+            stale = stale + 1 if not going else 0
+            if stale >= 2 or time.monotonic() >= deadline:
+                raise BenchError("%d of %d downloads completed; \"list\" shows %s (console output in %s)"
+                                 % (len(self.completion_times), count, states, self.log_path))
+
+    def states(self, timeout=60):
+        """Counts of the states "list" shows now; "status -" marks the end of the answer."""
+        with self.cond:
+            self.listed.clear()
+            answered = len(self.answers)
+        self.send("list\nstatus -\n")
+        self.wait(lambda: len(self.answers) > answered, timeout, "list answer")
+        with self.cond:
+            return {k.decode(): v for k, v in self.listed.items()}
+
+    def rss(self):
+        return proc_status(self.pid, "VmRSS") / KIB
+
+    def quit(self):
+        """(CPU s, peak MiB) of the whole run. The peak is the service's own high-water mark: the
+        one wait4() gives includes this Python's, which the child started from."""
+        peak = proc_status(self.pid, "VmHWM") / KIB
+        try:
+            self.send("quit\n")
+            self.proc.stdin.close()
+        except BrokenPipeError:
+            pass
+        status, usage = reap(self.proc)
+        self.reader.join(10)
+        if status != 0:
+            raise BenchError("service ended with %d (console output in %s)" % (status, self.log_path))
+        return cpu_seconds(usage), peak
+
+
+# ---- content ----
+
+def make_file(path, size):
+    if os.path.exists(path) and os.path.getsize(path) == size:
+        return
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path + ".part", "wb") as f:
+        for offset in range(0, size, 16 * MIB):
+            f.write(os.urandom(min(16 * MIB, size - offset)))
+    os.rename(path + ".part", path)
+
+
+def www(name):
+    return os.path.join(WORK, "www", name)
+
+
+BIG = "big-%dm.bin" % BIG_MIB
+SMALL = ["small-%dk/%d.bin" % (SMALL_KIB, i) for i in range(SMALL_COUNT)]
+MANY = ["many-%dm/%d.bin" % (MANY_MIB, i) for i in range(MANY_COUNT)]
+
+
+def make_content():
+    if "big" in ROWS or "watch" in ROWS:
+        make_file(www(BIG), BIG_MIB * MIB)
+    for name in SMALL if "small" in ROWS else []:
+        make_file(www(name), SMALL_KIB * KIB)
+    for name in MANY if "many" in ROWS else []:
+        make_file(www(name), MANY_MIB * MIB)
+
+
+def make_stored_db():
+    """STORED downloads in the service's table: 70% completed, 30% paused, none to launch."""
+    path = os.path.join(WORK, "stored-%d.db" % STORED)
+    if os.path.exists(path):
+        return path
+    script = """
+CREATE TABLE downloads (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, name TEXT,
+    contentURL TEXT, filePath TEXT, state NUMERIC, failureCode NUMERIC, totalSize NUMERIC,
+    amountDownloaded NUMERIC, startTime NUMERIC);
+WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < %d)
+INSERT INTO downloads SELECT printf('%%032x', i), 'bench', 'f' || i || '.bin',
+    '%s/small/' || (i %% 1000) || '.bin', '%s/stored/f' || i || '.bin',
+    CASE WHEN i %% 10 < 7 THEN 1 ELSE 4 END, 0, 4194304,
+    CASE WHEN i %% 10 < 7 THEN 4194304 ELSE 1048576 END, 1700000000000 + i FROM n;
+""" % (STORED - 1, NGINX, TMPFS)
+    subprocess.run(["sqlite3", path + ".part"], input=script.encode(), check=True)
+    os.rename(path + ".part", path)
+    return path
+
+
+# ---- samples ----
+
+SAMPLES = collections.defaultdict(list)
+FAILURES = []
+
+
+def record(**figures):
+    for key, value in figures.items():
+        SAMPLES[key].append(value)
+        print("  %-22s %10.3f" % (key, value), flush=True)
+
+
+def both(service_first, service, reference):
+    """Service and reference in the order of this round: alternation cancels warm-up effects."""
+    for step in ((service, reference) if service_first else (reference, service)):
+        step()
+
+
+# ---- loads ----
+
+def curl(urls, outdir, parallel_max):
+    # Immediate: all connections at once, as the service starts every download it is given.
+    args = ["curl", "-s", "--parallel", "--parallel-immediate", "--parallel-max", str(parallel_max)]
+    for url in urls:
+        args += ["-o", os.path.join(outdir, url.rsplit("/", 1)[1]), url]
+    return run(args, stderr=subprocess.DEVNULL)
+
+
+def load_small(first):
+    """1,000 x 64 KiB created at once into tmpfs; idle memory before and after them."""
+    out = os.path.join(TMPFS, "out")
+    urls = ["%s/%s" % (NGINX, n) for n in SMALL]
+    pairs = [(os.path.join(out, "%d.bin" % i), www(n)) for i, n in enumerate(SMALL)]
+
+    def ours():
+        fresh(out)
+        svc = Service("small").ready()
+        time.sleep(SETTLE_S)
+        before = svc.rss()
+        t0 = time.monotonic()
+        svc.send("download_path %s/\n" % out + "".join("create %s\n" % u for u in urls))
+        t1 = svc.wait_completed(len(urls), 600)
+        updates = svc.updates
+        time.sleep(SETTLE_S)
+        after = svc.rss()
+        cpu, peak = svc.quit()
+        verify(pairs, "small files, service")
+        record(small_wall=t1 - t0, small_cpu=cpu, small_peak=peak, small_idle_before=before,
+               small_idle_after=after, small_upm=updates / (len(urls) * SMALL_KIB / KIB))
+
+    def reference():
+        fresh(out)
+        wall, cpu, peak, status = curl(urls, out, 50)
+        verify(pairs, "small files, curl")
+        record(curl_small_wall=wall, curl_small_cpu=cpu, curl_small_peak=peak)
+
+    both(first, ours, reference)
+
+
+def load_slow(first):
+    """50 downloads at once, each on its own steady 200 KiB/s link."""
+    out = os.path.join(TMPFS, "out")
+    size = SLOW_KIB * KIB
+    urls = ["http://127.0.0.1:%d/%d/slow%d.bin" % (SLOW_PORT + i, size, i) for i in range(SLOW_COUNT)]
+    pairs = [(os.path.join(out, "slow%d.bin" % i), steady_server.content(size)) for i in range(SLOW_COUNT)]
+    mib = SLOW_COUNT * size / MIB
+    deadline = 3 * size / (SLOW_RATE_KIB * KIB) + 60
+
+    def ours():
+        fresh(out)
+        svc = Service("slow").ready()
+        t0 = time.monotonic()
+        svc.send("download_path %s/\n" % out + "".join("create %s\n" % u for u in urls))
+        t1 = svc.wait_completed(len(urls), deadline)
+        updates = svc.updates
+        cpu, peak = svc.quit()
+        verify(pairs, "slow links, service")
+        record(slow_wall=t1 - t0, slow_cpu_per_mib=cpu * 1000 / mib, slow_upm=updates / mib)
+
+    def reference():
+        fresh(out)
+        wall, cpu, peak, status = curl(urls, out, SLOW_COUNT)
+        verify(pairs, "slow links, curl")
+        record(curl_slow_wall=wall, curl_slow_cpu_per_mib=cpu * 1000 / mib)
+
+    both(first, ours, reference)
+
+
+def load_big(first, with_watchers):
+    """One large file from nginx: the service alone, with watchers, the C client and curl."""
+    out = fresh(os.path.join(WORK, "out"))
+    target = os.path.join(out, "big.bin")
+
+    def ours(watchers):
+        fresh(out)
+        svc = Service("big-%d" % watchers).ready()
+        dlctl = []
+        if watchers:
+            sock = os.path.join(E["BINDER_SOCKET_DIR"], "com.velta.DLService")
+
+            def connected():  # accepted connections carry the listening socket's path
+                with open("/proc/net/unix") as table:
+                    return sum(1 for l in table if l.split()[-1] == sock and l.split()[5] == "03")
+
+            base = connected()
+            dlctl = [spawn([DLCTL, "watch"], stdout=subprocess.DEVNULL)
+                     for _ in range(watchers)]
+            # A watcher registers right after it connects; nothing tells when, so allow a moment.
+            limit = time.monotonic() + 30
+            while connected() < base + watchers and time.monotonic() < limit:
+                time.sleep(0.05)
+            time.sleep(0.5)
+            pids = [p.pid for p in dlctl]
+            w0, c0 = wakeups(pids), time.monotonic()
+            time.sleep(SETTLE_S)
+            idle_wakeups = (wakeups(pids) - w0) / (time.monotonic() - c0)
+            # Their start and idle time stay out: the load's own cost is compared.
+            watcher_cpu = -cpu_so_far(pids)
+        t0 = time.monotonic()
+        svc.send("download_path %s/\ncreate %s/%s\n" % (out, NGINX, BIG))
+        t1 = svc.wait_completed(1, 600)
+        if watchers:
+            watcher_cpu += cpu_so_far(pids)
+        for p in dlctl:
+            p.send_signal(signal.SIGINT)
+        for p in dlctl:
+            reap(p, 10)
+        cpu, peak = svc.quit()
+        verify([(os.path.join(out, os.path.basename(BIG)), www(BIG))], "large file, service")
+        if watchers:
+            record(watch_wall=t1 - t0, watch_cpu=cpu + watcher_cpu, watch_service_cpu=cpu,
+                   watch_idle_wakeups=idle_wakeups)
+        else:
+            record(big_wall=t1 - t0, big_cpu=cpu, big_peak=peak)
+
+    def c_client():
+        fresh(out)
+        wall, cpu, peak, status = run([FETCH, "127.0.0.1", E["BENCH_PORT"], "/" + BIG, target])
+        verify([(target, www(BIG))], "large file, C client")
+        record(c_big_wall=wall, c_big_cpu=cpu, c_big_peak=peak)
+
+    def curl_one():
+        fresh(out)
+        wall, cpu, peak, status = run(["curl", "-s", "-o", target, "%s/%s" % (NGINX, BIG)])
+        verify([(target, www(BIG))], "large file, curl")
+        record(curl_big_wall=wall, curl_big_cpu=cpu, curl_big_peak=peak)
+
+    steps = [lambda: ours(0), c_client, curl_one]
+    if with_watchers:
+        steps.insert(1, lambda: ours(WATCHERS))
+    for step in (steps if first else reversed(steps)):
+        step()
+
+
+def load_many(first):
+    """200 x 4 MiB created at once, written to the disk."""
+    out = os.path.join(WORK, "out")
+    urls = ["%s/%s" % (NGINX, n) for n in MANY]
+    pairs = [(os.path.join(out, "%d.bin" % i), www(n)) for i, n in enumerate(MANY)]
+
+    def ours():
+        fresh(out)
+        svc = Service("many").ready()
+        t0 = time.monotonic()
+        svc.send("download_path %s/\n" % out + "".join("create %s\n" % u for u in urls))
+        t1 = svc.wait_completed(len(urls), 600)
+        cpu, peak = svc.quit()
+        verify(pairs, "many files, service")
+        record(many_wall=t1 - t0, many_cpu=cpu, many_peak=peak)
+
+    def reference():
+        fresh(out)
+        wall, cpu, peak, status = curl(urls, out, min(len(urls), 300))
+        verify(pairs, "many files, curl")
+        record(curl_many_wall=wall, curl_many_cpu=cpu, curl_many_peak=peak)
+
+    both(first, ours, reference)
+
+
+def load_stored(first, db):
+    """Start on a database of 100,000 downloads and answer "list"."""
+
+    def ours():
+        svc = Service("stored", stored_db=db)
+        svc.send("list\nstatus -\n")  # waits in the pipe until the console reads
+        svc.wait(lambda: svc.answers, 600, "list answer")
+        answered = svc.answers[0] - svc.started
+        peak = proc_status(svc.pid, "VmHWM") / KIB
+        listed = sum(svc.listed.values())
+        svc.quit()
+        if listed != STORED:
+            raise BenchError("list showed %d of %d stored downloads" % (listed, STORED))
+        record(stored_answer=answered, stored_peak=peak)
+
+    def reference():
+        proc = start_measured(["sqlite3", db, "SELECT * FROM downloads;"], stdout=subprocess.PIPE)
+        rows = 0
+        while chunk := proc.stdout.read(MIB):
+            rows += chunk.count(b"\n")
+        wall, cpu, peak, status = finish_measured(proc)
+        if rows != STORED:
+            raise BenchError("sqlite3 printed %d of %d rows" % (rows, STORED))
+        record(sqlite_answer=wall, sqlite_peak=peak)
+
+    both(first, ours, reference)
+
+
+def load_onehost(first):
+    """50 downloads from one host on a steady link: how many complete. The transfer time-out is
+    shortened so that a download kept waiting behind the host's connections shows within a
+    short run."""
+    out = os.path.join(TMPFS, "out")
+    size = ONEHOST_KIB * KIB
+    urls = ["http://127.0.0.1:%d/%d/host%d.bin" % (SLOW_PORT, size, i) for i in range(ONEHOST_COUNT)]
+    expected = steady_server.content(size)
+    files = [os.path.join(out, "host%d.bin" % i) for i in range(ONEHOST_COUNT)]
+    one = size / (SLOW_RATE_KIB * KIB)
+    deadline = (ONEHOST_COUNT / 6 + 2) * one + 2 * ONEHOST_TIMEOUT_MS / 1000 + 30
+
+    def ours():
+        fresh(out)
+        svc = Service("onehost", env={"DLM_TRANSFER_TIMEOUT_MS": str(ONEHOST_TIMEOUT_MS)}).ready()
+        t0 = time.monotonic()
+        svc.send("download_path %s/\n" % out + "".join("create %s\n" % u for u in urls))
+        states = {}
+        while time.monotonic() - t0 < deadline:  # until no download is waiting or running
+            time.sleep(1)
+            states = svc.states()
+            if not states.get("Progressing") and not states.get("Pending"):
+                break
+        done = sum(same_file(f, expected) for f in files)
+        # All completed: the last completion ends the load; otherwise the poll that saw the end.
+        wall = (svc.completion_times[-1] if done == len(files) else time.monotonic()) - t0
+        svc.quit()
+        print("  states at the end: %s" % states)
+        record(onehost_done=done, onehost_wall=wall)
+
+    def reference():
+        fresh(out)
+        wall, cpu, peak, status = curl(urls, out, ONEHOST_COUNT)
+        record(curl_onehost_done=sum(same_file(f, expected) for f in files), curl_onehost_wall=wall)
+
+    both(first, ours, reference)
+
+
+# ---- report ----
+
+def describe():
+    return {
+        "small": "%s x %d KiB created at once, written to tmpfs" % (f"{SMALL_COUNT:,}", SMALL_KIB),
+        "idle": "idle after %s finished downloads" % f"{SMALL_COUNT:,}",
+        "slow": "%d downloads on steady %d KiB/s links (%d KiB each, %d-byte chunks)" % (
+            SLOW_COUNT, SLOW_RATE_KIB, SLOW_KIB, int(E.get("SLOW_CHUNK", "4096"))),
+        "watch": "%d MiB + %d `dlctl watch`" % (BIG_MIB, WATCHERS),
+        "many": "%d x %d MiB at once" % (MANY_COUNT, MANY_MIB),
+        "stored": "start with %s stored" % f"{STORED:,}",
+        "big": "%d MiB, one file" % BIG_MIB,
+        "onehost": "%d downloads from one host (%d KiB each at %d KiB/s, time-out %d ms)" % (
+            ONEHOST_COUNT, ONEHOST_KIB, SLOW_RATE_KIB, ONEHOST_TIMEOUT_MS),
+    }
+
+
+# (row, load, measure, service samples, reference label, reference samples, target)
+# A target is ("ratio", x): median of the per-round ratios <= x; ("max", x) or ("min", x): the
+# service's median against an absolute bound.
+TABLE = [
+    ("small", "small", "wall s", "small_wall", "curl --parallel", "curl_small_wall", ("ratio", 2.0)),
+    ("small", "small", "CPU s", "small_cpu", "curl --parallel", "curl_small_cpu", None),
+    ("small", "small", "peak MiB", "small_peak", "curl --parallel", "curl_small_peak", ("max", 40)),
+    ("small", "small", "updates per MiB", "small_upm", None, None, None),
+    ("small", "idle", "resident MiB", "small_idle_after", "service before them", "small_idle_before", ("max", 24)),
+    ("slow", "slow", "CPU ms per MiB", "slow_cpu_per_mib", "curl --parallel", "curl_slow_cpu_per_mib", ("ratio", 0.8)),
+    ("slow", "slow", "updates per MiB", "slow_upm", None, None, ("max", 4)),
+    ("slow", "slow", "wall s", "slow_wall", "curl --parallel", "curl_slow_wall", None),
+    ("watch", "watch", "wall s", "watch_wall", "service alone", "big_wall", ("ratio", 1.15)),
+    ("watch", "watch", "CPU s, service + watchers", "watch_cpu", "service alone", "big_cpu", ("ratio", 1.3)),
+    ("watch", "watch", "CPU s, service only", "watch_service_cpu", "service alone", "big_cpu", None),
+    ("watch", "watch", "wake-ups/s of idle watchers", "watch_idle_wakeups", None, None, ("max", 0)),
+    ("many", "many", "peak MiB", "many_peak", "curl --parallel", "curl_many_peak", ("max", 48)),
+    ("many", "many", "wall s", "many_wall", "curl --parallel", "curl_many_wall", ("ratio", 0.8)),
+    ("many", "many", "CPU s", "many_cpu", "curl --parallel", "curl_many_cpu", None),
+    ("stored", "stored", "s to answer `list`", "stored_answer", "sqlite3 select *", "sqlite_answer", ("max", 0.3)),
+    ("stored", "stored", "peak MiB", "stored_peak", "sqlite3 select *", "sqlite_peak", ("max", 80)),
+    ("big", "big", "wall s", "big_wall", "C client (2 MiB read/write)", "c_big_wall", ("ratio", 1.3)),
+    ("big", "big", "CPU s", "big_cpu", "C client (2 MiB read/write)", "c_big_cpu", None),
+    ("big", "big", "wall s", "big_wall", "curl", "curl_big_wall", None),
+    ("big", "big", "peak MiB", "big_peak", "curl", "curl_big_peak", None),
+    ("onehost", "onehost", "completed", "onehost_done", "curl --parallel", "curl_onehost_done", ("min", ONEHOST_COUNT)),
+    ("onehost", "onehost", "wall s", "onehost_wall", "curl --parallel", "curl_onehost_wall", None),
+]
+
+
+def fmt(v):
+    return "%.0f" % v if abs(v) >= 100 else "%.3g" % v
+
+
+def spread(values):
+    if not values:
+        return "-"
+    return "%s / %s / %s" % (fmt(min(values)), fmt(statistics.median(values)), fmt(max(values)))
+
+
+def report():
+    labels = describe()
+    lines = [
+        "| load | measure | service min / median / max | reference | reference min / median / max"
+        " | ratio median (min-max) | target | met |",
+        "|---|---|---|---|---|---|---|---|",
+    ]
+    for row, load, measure, ours, ref_label, ref, target in TABLE:
+        if row not in ROWS:
+            continue
+        s, r = SAMPLES.get(ours, []), SAMPLES.get(ref, []) if ref else []
+        ratios = [a / b for a, b in zip(s, r) if b]
+        ratio = "%.2f (%.2f-%.2f)" % (statistics.median(ratios), min(ratios), max(ratios)) if ratios else ""
+        goal, met = "", ""
+        if target:
+            kind, bound = target
+            value = statistics.median(ratios) if kind == "ratio" and ratios else (
+                statistics.median(s) if s and kind != "ratio" else None)
+            goal = {"ratio": "ratio <= %g", "max": "<= %g", "min": ">= %g"}[kind] % bound
+            if value is not None:
+                met = "yes" if (value >= bound if kind == "min" else value <= bound) else "**no**"
+        lines.append("| %s | %s | %s | %s | %s | %s | %s | %s |" % (
+            labels[load], measure, spread(s), ref_label or "", spread(r) if ref else "", ratio, goal, met))
+    return lines
+
+
+def write_results():
+    header = [
+        "# Benchmark results",
+        "",
+        "Written by `bench/run.sh` on %s, %d cores, %d round(s); in every round the service and its"
+        % (datetime.date.today().isoformat(), os.cpu_count(), ROUNDS),
+        "reference run one after the other, in alternating order. nginx on 127.0.0.1 serves the files,",
+        "`bench/steady_server.py` the steady links. Ratios are service / reference of the same round.",
+        "",
+    ]
+    notes = [""] + textwrap.wrap(
+        "CPU is whole-process from wait4(); the watchers' (all their threads, from the first command "
+        "to the end of the download) is added to the service's. Idle wake-ups are the watchers' "
+        "voluntary context switches while no download runs. Peak memory is a process's own "
+        "high-water mark (the service's VmHWM just before it quits, a reference's from wait4() under "
+        "`bench/rusage`); idle memory is the service's resident size %g s after a load ends. The "
+        "service's wall time runs from its first console command to the console line that ends the "
+        "load (the last \"Completed\" update; for the stored downloads, the end of the answer to "
+        "`list`, counted from the start of the process); a reference's wall time is its whole run. "
+        "Updates are the console's update lines. Every file is compared with its source after each "
+        "run. The downloads from one host run with a short transfer time-out, so that a download "
+        "left waiting behind the host's busy connections shows within a short run." % SETTLE_S, 96)
+    notes += (["", "Runs that failed (their figures are missing above):"] + ["- " + f for f in FAILURES]
+              if FAILURES else [])
+    findings = ""
+    if os.path.exists(RESULTS):
+        with open(RESULTS) as f:
+            text = f.read()
+        at = text.find("\n## Findings")
+        findings = text[at:] if at >= 0 else ""
+    with open(RESULTS, "w") as f:
+        f.write("\n".join(header + report() + notes) + "\n" + findings)
+
+
+def end_leftovers():
+    for proc in list(LIVE):
+        proc.kill()
+        reap(proc)
+
+
+def main():
+    make_content()
+    db = make_stored_db() if "stored" in ROWS else None
+    os.makedirs(os.path.join(WORK, "logs"), exist_ok=True)
+    for round_ in range(ROUNDS):
+        first = round_ % 2 == 0
+        print("== round %d of %d" % (round_ + 1, ROUNDS), flush=True)
+        for row in ROWS:
+            print("-- %s" % row, flush=True)
+            try:
+                run_load(row, first, db)
+            except BenchError as error:  # the other loads still say something
+                FAILURES.append("round %d, %s: %s" % (round_ + 1, row, error))
+                print("  FAILED: %s" % error, flush=True)
+                end_leftovers()
+    write_results()
+    print("\n".join(report()))
+
+
+def run_load(row, first, db):
+    if row in ("big", "watch"):
+        # One load measures both: the service alone is the reference of the watched one.
+        if row == "watch" or "watch" not in ROWS:
+            load_big(first, with_watchers="watch" in ROWS)
+    elif row == "stored":
+        load_stored(first, db)
+    else:
+        {"small": load_small, "slow": load_slow, "many": load_many, "onehost": load_onehost}[row](first)
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except BenchError as error:
+        sys.exit("bench: %s" % error)
+    finally:
+        end_leftovers()
