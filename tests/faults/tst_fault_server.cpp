@@ -145,9 +145,10 @@ void tst_FaultServer::misbehavingServer()
     QVERIFY(service.waitForErr("Enter your command:"));
     const QString dir
         = fault == "unwritable" ? service.root() + "/blocked/" : service.downloadsDir();
-    if (fault == "unwritable")
-        QVERIFY(writeFile(service.root() + "/blocked", "a file, not a directory"));
+    QVERIFY(QDir().mkpath(dir));
     QCOMPARE(dlctl(service, { "set-path", "dlctl", dir }).code, 0);
+    if (fault == "unwritable") // replaced once set: root writes everywhere else
+        QVERIFY(QDir().rmdir(dir) && writeFile(service.root() + "/blocked", "not a directory"));
     const QString target = dir + "f.bin";
     StoredRows rows(service.databaseFile());
     Watcher watcher(service);
