@@ -446,21 +446,18 @@ void tst_Download::fullReadBufferIsCommitted()
     QCOMPARE(server->requestsFor("/big").size(), 1);
     QCOMPARE(ManagerFixture::contents(d->filePath), body);
     // After the launch: Progressing with the header's length from the start, or without one,
-    // a total known only at the end, and then exact.
+    // a total known only at the end, and then exact. Memory stays bounded, except that the
+    // close ending a body hands over everything the socket still holds at once.
     const bool lengthKnown = !chunked && !endedByClose;
-    for (const Report &report : fx->reports.mid(1)) {
-        QVERIFY(report.state == Download::Progressing || report.state == Download::Completed);
-        QCOMPARE(
-            report.totalSize, lengthKnown || report.state == Download::Completed ? body.size() : 0);
-    }
     qint64 last = 0;
     int commits = 0;
-    for (const Report &report : qAsConst(fx->reports)) {
-        if (report.amountDownloaded > last) {
-            QVERIFY2(report.amountDownloaded - last <= 4 * 1024 * 1024,
-                qPrintable(QString::number(report.amountDownloaded - last)));
-            ++commits;
-        }
+    for (const Report &report : fx->reports.mid(1)) {
+        const bool done = report.state == Download::Completed;
+        QVERIFY(done || report.state == Download::Progressing);
+        QCOMPARE(report.totalSize, lengthKnown || done ? body.size() : 0);
+        QVERIFY2(endedByClose || report.amountDownloaded - last <= 4 * 1024 * 1024,
+            qPrintable(QString::number(report.amountDownloaded - last)));
+        commits += report.amountDownloaded > last ? 1 : 0;
         last = report.amountDownloaded;
     }
     QVERIFY(commits >= 4);
