@@ -70,6 +70,7 @@ void DLBinderClient::fillRecord(IDownload *record, const Download *download)
     record->amountDownloaded = download->amountDownloaded;
     record->startTime = download->startTime;
     record->filePath = textOut(download->filePath);
+    record->nextAttemptTime = download->nextAttemptTime();
 }
 
 template <typename R>

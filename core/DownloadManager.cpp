@@ -46,6 +46,11 @@ DownloadManager::DownloadManager(const QString &settingsPath)
 {
     networkManager = new QNetworkAccessManager(this);
     loadSettings();
+    bool numeric = false;
+    const int retries = getSettingsValue(QStringLiteral("max_retries"),
+                                         QString::number(RetrySchedule::kDefaultMaxRetries))
+                            .toInt(&numeric, 10);
+    maxRetries = (numeric && retries >= 0) ? retries : RetrySchedule::kDefaultMaxRetries;
     const QString dbDirectory =
         getSettingsValue(QStringLiteral("download_database_path"), kDefaultPath);
     // Checked before anything is published, read or launched.
@@ -175,6 +180,7 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
 
     Download *download = new Download(this, networkManager, id, clientID, url,
                                       name.isEmpty() ? filePath : name);
+    download->setMaxRetries(maxRetries);
     download->filePath = filePath;
     download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
@@ -195,8 +201,10 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
     Download *download =
         new Download(this, networkManager, uniqueID, clientID, name, contentURL, filePath, state,
                      failureCode, totalSize, amountDownloaded, startTime);
+    download->setMaxRetries(maxRetries);
     reservedPaths.insert(filePath);
-    if (download->state != Download::Paused)
+    // A failed download waits for a resume; a stalled one tries again at once.
+    if (download->state != Download::Paused && download->state != Download::Failed)
         download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
              download->uniqueID.toLocal8Bit().constData(),
@@ -304,9 +312,13 @@ void DownloadManager::pauseDownload(const QString &uniqueID)
     for (Download *download : qAsConst(downloads)) {
         if (download->uniqueID == uniqueID || uniqueID == kAll) {
             download->pause();
-            DLM_LOGI("%s has been paused.", uniqueID.toLocal8Bit().constData());
+            if (uniqueID != kAll)
+                DLM_LOGI("%s has been paused.", uniqueID.toLocal8Bit().constData());
         }
     }
+    // One line for the command, not one identical line per download.
+    if (uniqueID == kAll && !downloads.isEmpty())
+        DLM_LOGI("all has been paused.");
 }
 
 void DownloadManager::resumeDownload(const QString &uniqueID)
@@ -314,9 +326,12 @@ void DownloadManager::resumeDownload(const QString &uniqueID)
     for (Download *download : qAsConst(downloads)) {
         if (download->uniqueID == uniqueID || uniqueID == kAll) {
             download->resume();
-            DLM_LOGI("%s has been resumed.", uniqueID.toLocal8Bit().constData());
+            if (uniqueID != kAll)
+                DLM_LOGI("%s has been resumed.", uniqueID.toLocal8Bit().constData());
         }
     }
+    if (uniqueID == kAll && !downloads.isEmpty())
+        DLM_LOGI("all has been resumed.");
 }
 
 void DownloadManager::restartDownload(const QString &uniqueID)

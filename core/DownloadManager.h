@@ -124,6 +124,8 @@ private:
     QSet<QString> reservedPaths;
     QSettings *settings;
     QString settingsPath;
+    // Setting "max_retries": attempts a download makes after a passing fault without new bytes.
+    int maxRetries;
     DirectoryLock databaseLock;
     bool refused = false;
     bool quitting = false;

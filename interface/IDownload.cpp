@@ -9,10 +9,9 @@ using dlparcel::readText;
 using dlparcel::writeText;
 
 IDownload::IDownload()
-    : state(0), failureCode(0), totalSize(0), amountDownloaded(0), startTime(0)
+    : state(0), failureCode(0), totalSize(0), amountDownloaded(0), startTime(0), nextAttemptTime(0)
 {
 }
-
 
 status_t IDownload::writeToParcel(Parcel *parcel) const
 {
@@ -27,7 +26,9 @@ status_t IDownload::writeToParcel(Parcel *parcel) const
         (err = parcel->writeInt64(amountDownloaded)) != NO_ERROR ||
         (err = parcel->writeInt64(startTime)) != NO_ERROR)
         return err;
-    return writeText(parcel, filePath);
+    if ((err = writeText(parcel, filePath)) != NO_ERROR)
+        return err;
+    return parcel->writeInt64(nextAttemptTime);
 }
 
 status_t IDownload::readFromParcel(const Parcel &parcel)
@@ -43,5 +44,7 @@ status_t IDownload::readFromParcel(const Parcel &parcel)
         (err = parcel.readInt64(&amountDownloaded)) != NO_ERROR ||
         (err = parcel.readInt64(&startTime)) != NO_ERROR)
         return err;
-    return readText(parcel, &filePath);
+    if ((err = readText(parcel, &filePath)) != NO_ERROR)
+        return err;
+    return parcel.readInt64(&nextAttemptTime);
 }

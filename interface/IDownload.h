@@ -9,7 +9,18 @@ namespace android {
 class Parcel;
 }
 
+// Values of IDownload::failureCode: why the download last failed. A code stays after a later
+// success, so only a Failed (or Stalled) state says that it is current.
+enum DownloadFailureCode : int32_t {
+    FAILURE_NETWORK = 1,     // network or transfer fault: connection, DNS, TLS, timeout, cut body
+    FAILURE_HTTP_STATUS = 2, // the server answered with an error status (or an unusable answer)
+    FAILURE_LOCAL_FILE = 3,  // the local file could not be opened or written (full disk, no dir)
+    FAILURE_NONE = 4,        // a new download that never failed
+};
+
 // A download's record as other processes see it. Plain value: copied member-wise.
+// On the wire: the members in declaration order, text as an int32 byte count and the bytes,
+// integers little-endian; nextAttemptTime was appended after the first ten.
 class IDownload
 {
 public:
@@ -20,11 +31,13 @@ public:
     std::string name;
     std::string contentURL;
     int32_t state;
-    int32_t failureCode;
+    int32_t failureCode; // a DownloadFailureCode
     int64_t totalSize;
     int64_t amountDownloaded;
     int64_t startTime;
     std::string filePath;
+    // While Stalled: when the next attempt starts, ms since the Unix epoch; 0 when not known.
+    int64_t nextAttemptTime;
 
     android::status_t writeToParcel(android::Parcel *parcel) const;
     android::status_t readFromParcel(const android::Parcel &parcel);

@@ -1,6 +1,8 @@
 #include "Download.h"
 
+#include "DlmLog.h"
 #include "DownloadManager.h"
+#include "IDownload.h"
 
 #include <QDateTime>
 #include <QNetworkAccessManager>
@@ -9,8 +11,13 @@
 #include <QUrl>
 
 namespace {
-// Bounds the bytes a reply holds in memory; a full buffer is committed at once.
+// Bounds the bytes a reply holds in memory.
 constexpr qint64 kReadBufferSize = 2 * 1024 * 1024;
+// Qt stops filling the read buffer once the last block it handed over is at least as large as
+// the room left, so a buffer of small blocks (chunked or close-ended bodies) may stop anywhere
+// past its half, and no notification follows until we read. Committing from the half keeps the
+// data moving whatever the block sizes.
+constexpr qint64 kCommitWatermark = kReadBufferSize / 2;
 // Size of the buffer that carries a batch from the reply to the file.
 constexpr int kScratchSize = 256 * 1024;
 constexpr int kDefaultPacketLimit = 10;
@@ -65,9 +72,46 @@ bool parseContentRange(const QByteArray &header, ContentRange *range)
     return ok;
 }
 
-bool endsWithLibraryError(QNetworkReply *reply)
+// Answers worth asking again: the server is busy, overloaded or timed out.
+bool isPassingStatus(int status)
 {
-    return reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() >= 400;
+    return status == 408 || status == 429 || status == 500 || status == 502 || status == 503
+        || status == 504;
+}
+
+// Faults of the way, not of the address or the peer's identity: they may pass.
+bool isPassingNetworkError(QNetworkReply::NetworkError error)
+{
+    switch (error) {
+    case QNetworkReply::ConnectionRefusedError:
+    case QNetworkReply::RemoteHostClosedError:
+    case QNetworkReply::HostNotFoundError:
+    case QNetworkReply::TimeoutError:
+    case QNetworkReply::TemporaryNetworkFailureError:
+    case QNetworkReply::NetworkSessionFailedError:
+    case QNetworkReply::UnknownNetworkError:
+    case QNetworkReply::ProxyConnectionRefusedError:
+    case QNetworkReply::ProxyConnectionClosedError:
+    case QNetworkReply::ProxyNotFoundError:
+    case QNetworkReply::ProxyTimeoutError:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// "Retry-After" as delay seconds or an HTTP date; -1 when absent or unreadable.
+qint64 retryAfterMs(QNetworkReply *reply)
+{
+    const QByteArray value = reply->rawHeader("Retry-After").trimmed();
+    if (value.isEmpty())
+        return -1;
+    bool ok = false;
+    const qint64 seconds = value.toLongLong(&ok, 10);
+    if (ok)
+        return seconds >= 0 ? qMin<qint64>(seconds, 24 * 3600) * 1000 : -1;
+    const QDateTime when = QDateTime::fromString(QString::fromLatin1(value), Qt::RFC2822Date);
+    return when.isValid() ? qMax<qint64>(0, QDateTime::currentDateTimeUtc().msecsTo(when)) : -1;
 }
 
 bool isRedirectStatus(int status)
@@ -104,6 +148,9 @@ Download::Download(DownloadManager *manager, QNetworkAccessManager *networkManag
       startTime(startTime),
       packetCount(0)
 {
+    stallTimer.setSingleShot(true);
+    connect(&stallTimer, &QTimer::timeout, this, &Download::transferStalled);
+    connect(&retry, &RetrySchedule::due, this, &Download::launch);
 }
 
 Download::~Download()
@@ -134,18 +181,26 @@ QString Download::stateAsString() const
 
 void Download::pause()
 {
-    if (state != Progressing)
+    if (state != Progressing && state != Pending && state != Stalled)
         return;
+    const bool receiving = state == Progressing;
     state = Paused;
-    if (!commitData())
-        state = Failed;
-    abort();
+    retry.cancel();
+    if (receiving && !writeBuffered()) {
+        failLocalFile();
+        return;
+    }
+    stopTransfer();
+    file.close();
+    report();
 }
 
 void Download::resume()
 {
-    if (state == Paused || state == Failed)
-        launch();
+    if (state != Paused && state != Failed)
+        return;
+    retry.reset();
+    launch();
 }
 
 void Download::restart()
@@ -156,13 +211,20 @@ void Download::restart()
     totalSize = 0;
     state = Pending;
     amountDownloaded = 0;
+    retry.reset();
     launch();
+}
+
+qint64 Download::nextAttemptTime() const
+{
+    return state == Stalled ? retry.nextAttemptTime() : 0;
 }
 
 void Download::launch()
 {
     if (state == Completed)
         return;
+    retry.cancel();
     packetCount = 0;
     if (startTime == 0)
         startTime = QDateTime::currentMSecsSinceEpoch();
@@ -172,7 +234,10 @@ void Download::launch()
     request.setRawHeader("Accept-Encoding", "identity");
     request.setAttribute(
         QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
-    request.setTransferTimeout(transferTimeoutMs());
+    // Our own stall timer, not the request's transfer timeout: that one also counts the time a
+    // request waits for one of the few connections per host.
+    stallTimer.stop();
+    stallTimer.setInterval(transferTimeoutMs());
     requestOffset = 0;
     if (amountDownloaded != 0) {
         if (prepareFile(amountDownloaded)) {
@@ -198,10 +263,16 @@ void Download::launch()
     reply->setReadBufferSize(kReadBufferSize);
     verdict = ReplyVerdict::Unchecked;
     rangeTotal = -1;
+    attemptSettled = false;
     connect(reply, &QNetworkReply::sslErrors, this, &Download::sslErrors);
     connect(reply, &QNetworkReply::downloadProgress, this, &Download::downloadProgress);
     connect(reply, &QNetworkReply::readyRead, this, &Download::dataReadyRead);
     connect(reply, &QNetworkReply::metaDataChanged, this, &Download::replyMetaDataChanged);
+    // The request is on the wire from its connection attempt (a new socket) or its sending (a
+    // reused one); a redirect may queue again.
+    connect(reply, &QNetworkReply::socketStartedConnecting, this, &Download::restartStallTimer);
+    connect(reply, &QNetworkReply::requestSent, this, &Download::restartStallTimer);
+    connect(reply, &QNetworkReply::redirected, &stallTimer, &QTimer::stop);
 
     state = Pending;
     report();
@@ -209,15 +280,47 @@ void Download::launch()
 
 void Download::abort()
 {
+    retry.cancel();
+    stopTransfer();
+}
+
+void Download::stopTransfer()
+{
+    stallTimer.stop();
     if (!reply)
         return;
-    aborting = true;
+    // abort() delivers a last progress and the finish notification at once: neither is news.
+    attemptSettled = true;
     reply->abort();
-    aborting = false;
     disconnect(reply, &QNetworkReply::downloadProgress, this, &Download::downloadProgress);
     disconnect(reply, &QNetworkReply::readyRead, this, &Download::dataReadyRead);
     disconnect(reply, &QNetworkReply::metaDataChanged, this, &Download::replyMetaDataChanged);
     disconnect(networkManager, &QNetworkAccessManager::finished, this, &Download::downloadFinished);
+}
+
+void Download::endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs)
+{
+    stopTransfer();
+    file.close();
+    scratch = QByteArray();
+    failureCode = code;
+    const qint64 delay = passing ? retry.schedule(amountDownloaded, retryAfterMs) : -1;
+    if (delay >= 0) {
+        state = Stalled;
+        DLM_LOGI("Download %s stalled, next attempt in %lld ms: %s", uniqueID.toUtf8().constData(),
+            delay, reason.toUtf8().constData());
+    } else {
+        state = Failed;
+        DLM_LOGW(
+            "Download %s failed: %s", uniqueID.toUtf8().constData(), reason.toUtf8().constData());
+    }
+    report();
+}
+
+void Download::failLocalFile()
+{
+    endAttempt(FAILURE_LOCAL_FILE,
+        QStringLiteral("cannot write %1: %2").arg(filePath, file.errorString()), false);
 }
 
 bool Download::prepareFile(qint64 offset)
@@ -247,6 +350,14 @@ bool Download::saveToDisk(QByteArray data)
 
 bool Download::commitData()
 {
+    if (!writeBuffered())
+        return false;
+    report();
+    return true;
+}
+
+bool Download::writeBuffered()
+{
     // Copied through one reused buffer: a fresh array per batch would fault in every page again.
     qint64 committed = 0;
     if (reply) {
@@ -262,7 +373,6 @@ bool Download::commitData()
     if (committed == 0 && !saveToDisk(QByteArray()))
         return false;
     amountDownloaded += committed;
-    report();
     return true;
 }
 
@@ -275,88 +385,97 @@ void Download::downloadFinished(QNetworkReply *finished)
 {
     if (!finished || finished != reply)
         return;
-    if (state == Completed)
+    stallTimer.stop();
+    if (attemptSettled || state == Completed || state == Paused) {
+        file.close();
         return;
-    const ReplyVerdict judged = checkReply(false);
-    if (reply != finished)
-        return; // started over with a new request
-    if (state == Completed)
-        return; // settled by a range answer, file already closed
-
-    if (judged != ReplyVerdict::Rejected && finished->error() == QNetworkReply::NoError) {
-        state = Completed;
-        if (commitData()) {
-            // A resumed file may hold stale bytes past the end of the content.
-            if (file.size() > amountDownloaded)
-                file.resize(amountDownloaded);
-        } else {
-            state = Failed;
-            abort();
-        }
-    } else if (state != Paused) {
-        state = Failed;
-        failureCode = 1;
     }
-    file.close();
-    scratch = QByteArray();
+    const ReplyVerdict judged = checkReply(false);
+    if (reply != finished || attemptSettled)
+        return; // started over, rejected or settled by a range answer
+
+    attemptSettled = true;
+    if (judged != ReplyVerdict::Rejected && finished->error() == QNetworkReply::NoError) {
+        // Also a body without a length ends here: its total is what it held.
+        if (totalSize == 0)
+            totalSize = amountDownloaded + finished->bytesAvailable();
+        if (!writeBuffered()) {
+            failLocalFile();
+            return;
+        }
+        // A resumed file may hold stale bytes past the end of the content.
+        if (file.size() > amountDownloaded)
+            file.resize(amountDownloaded);
+        file.close();
+        scratch = QByteArray();
+        state = Completed;
+        report();
+        return;
+    }
+    // What arrived before the fault is content: keep it, so the next attempt goes on from there.
+    if (judged == ReplyVerdict::Accepted && !writeBuffered()) {
+        failLocalFile();
+        return;
+    }
+    endAttempt(FAILURE_NETWORK, finished->errorString(), isPassingNetworkError(finished->error()));
 }
 
 void Download::downloadProgress(qint64 bytesReceived, qint64 bytesTotal)
 {
     Q_UNUSED(bytesReceived);
-    // The last notification that abort() delivers is not progress: a pause stays a pause.
-    if (aborting)
+    Q_UNUSED(bytesTotal);
+    // The total comes from the accepted answer's header; the counts here may be a redirect's,
+    // an error page's, or made up by the library when a reply without a length ends.
+    if (attemptSettled || !reply || sender() != reply)
         return;
-    bool totalKnown = true;
-    if (reply && sender() == reply) {
-        QNetworkReply *handled = reply;
-        const ReplyVerdict judged = checkReply(true);
-        if (reply != handled || judged == ReplyVerdict::Rejected || judged == ReplyVerdict::Settled)
-            return;
-        // Before the status is judged the size may be a redirect's or an error page's.
-        totalKnown = judged == ReplyVerdict::Accepted;
-    }
-    state = Progressing;
-    if (rangeTotal > 0)
-        bytesTotal = rangeTotal;
-    if (!totalKnown || bytesTotal < 1 || totalSize != 0)
-        return;
-    totalSize = bytesTotal;
-    report();
+    restartStallTimer();
+    checkReply(true);
 }
 
 void Download::dataReadyRead()
 {
-    if (!reply || (sender() && sender() != reply))
+    if (attemptSettled || !reply || (sender() && sender() != reply))
         return;
+    restartStallTimer();
     QNetworkReply *handled = reply;
     const ReplyVerdict judged = checkReply(true);
-    if (reply != handled)
-        return;
-    if (judged == ReplyVerdict::Rejected || judged == ReplyVerdict::Settled) {
-        reply->skip(reply->bytesAvailable());
-        return;
-    }
-    if (judged != ReplyVerdict::Accepted)
+    if (reply != handled || attemptSettled || judged != ReplyVerdict::Accepted)
         return;
 
     const int limit = packetLimit();
-    // A full read buffer stops the socket reads: commit it or the transfer stalls.
-    if (limit > packetCount && reply->bytesAvailable() < kReadBufferSize) {
+    if (limit > packetCount && reply->bytesAvailable() < kCommitWatermark) {
         ++packetCount;
         return;
     }
     packetCount = 0;
-    if (!commitData()) {
-        state = Failed;
-        abort();
-    }
+    if (!commitData())
+        failLocalFile();
 }
 
 void Download::replyMetaDataChanged()
 {
-    if (reply && sender() == reply)
-        checkReply(true);
+    if (attemptSettled || !reply || sender() != reply)
+        return;
+    restartStallTimer();
+    checkReply(true);
+}
+
+void Download::restartStallTimer()
+{
+    if (!attemptSettled)
+        stallTimer.start();
+}
+
+void Download::transferStalled()
+{
+    if (attemptSettled || !reply)
+        return;
+    if (verdict == ReplyVerdict::Accepted && !writeBuffered()) {
+        failLocalFile();
+        return;
+    }
+    endAttempt(FAILURE_NETWORK,
+        QStringLiteral("nothing received for %1 ms").arg(stallTimer.interval()), true);
 }
 
 void Download::report()
@@ -381,11 +500,11 @@ Download::ReplyVerdict Download::checkReply(bool redirectMayFollow)
         const bool sameContent = range.total < 0 || totalSize == 0 || range.total == totalSize;
         if (hasRange && range.first == requestOffset && sameContent) {
             rangeTotal = range.total;
-            verdict = ReplyVerdict::Accepted;
+            acceptReply(status);
         } else if (requestOffset > 0) {
             startOverWithoutRange(!sameContent);
         } else {
-            rejectReply();
+            rejectReply(status);
         }
         return verdict;
     }
@@ -394,7 +513,7 @@ Download::ReplyVerdict Download::checkReply(bool redirectMayFollow)
             const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
             restartInPlace(length.isValid() ? length.toLongLong() : -1);
         }
-        verdict = ReplyVerdict::Accepted;
+        acceptReply(status);
         return verdict;
     }
     if (status == 416 && requestOffset > 0 && hasRange && range.first < 0
@@ -402,34 +521,45 @@ Download::ReplyVerdict Download::checkReply(bool redirectMayFollow)
         completeFromRangeAnswer(range.total);
         return verdict;
     }
-    rejectReply();
+    rejectReply(status);
     return verdict;
 }
 
-void Download::rejectReply()
+void Download::acceptReply(int status)
+{
+    // Bytes of an accepted answer are on their way: Progressing, with the total known now.
+    verdict = ReplyVerdict::Accepted;
+    state = Progressing;
+    const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+    const qint64 total = status == 206 ? rangeTotal : (length.isValid() ? length.toLongLong() : -1);
+    if (totalSize == 0 && total > 0) {
+        totalSize = total;
+        report();
+    }
+}
+
+void Download::rejectReply(int status)
 {
     // Neither an error page nor an unusable body may reach the file.
     verdict = ReplyVerdict::Rejected;
-    state = Failed;
-    failureCode = 1;
-    // An error status is ended by the network library itself once its page is in; aborting
-    // first would make it report a second error. Its body is dropped as it arrives.
-    if (!endsWithLibraryError(reply))
-        abort();
+    const QString phrase = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
+    QString reason = QStringLiteral("HTTP %1 %2").arg(status).arg(phrase);
+    if (status < 400)
+        reason += QStringLiteral(" is not a usable answer");
+    endAttempt(FAILURE_HTTP_STATUS, reason, isPassingStatus(status), retryAfterMs(reply));
 }
 
 void Download::completeFromRangeAnswer(qint64 completeLength)
 {
     // The server has nothing past the bytes already on disk: the file is whole.
     verdict = ReplyVerdict::Settled;
+    stopTransfer();
     if (file.isOpen() && file.size() > completeLength)
         file.resize(completeLength);
     file.close();
-    if (totalSize == 0)
-        totalSize = completeLength;
+    totalSize = completeLength;
     state = Completed;
     report();
-    // The library ends the answer with its own error; the rest of it is dropped.
 }
 
 void Download::startOverWithoutRange(bool contentChanged)

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "RetrySchedule.h"
+
 #include <QFile>
 #include <QList>
 #include <QObject>
 #include <QSslError>
 #include <QString>
+#include <QTimer>
 
 class DownloadManager;
 class QNetworkAccessManager;
@@ -12,9 +15,10 @@ class QNetworkReply;
 
 // One file fetched over HTTP for a client: the persisted record, the state machine and the
 // transfer that writes the content into filePath. Lives on the main thread; every change worth
-// storing or announcing is reported through DownloadManager::updateDownload(this).
-class Download : public QObject
-{
+// storing or announcing is reported through DownloadManager::updateDownload(this). Every
+// transfer ends by itself: Completed, Failed (reported, with its reason in the log), or Stalled
+// while it waits to try a passing fault again.
+class Download : public QObject {
     Q_OBJECT
 
 public:
@@ -28,25 +32,32 @@ public:
         Stalled = 32,
     };
 
-    // A new download, not launched yet (state 0, failure code 4). Note: the URL comes before the name.
+    // A new download, not launched yet (state 0, failure code 4). Note: the URL comes before the
+    // name.
     Download(DownloadManager *manager, QNetworkAccessManager *networkManager, QString uniqueID,
-             QString clientID, QString contentURL, QString name);
+        QString clientID, QString contentURL, QString name);
     // A download restored from its stored record, values taken as they are.
     Download(DownloadManager *manager, QNetworkAccessManager *networkManager, QString uniqueID,
-             QString clientID, QString name, QString contentURL, QString filePath, unsigned state,
-             unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
+        QString clientID, QString name, QString contentURL, QString filePath, unsigned state,
+        unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
     ~Download() override;
 
     QString stateAsString() const;
 
+    // Pending, Progressing and Stalled downloads pause; their request or retry is dropped.
     void pause();
     void resume();
     void restart();
 
     // Start or continue the transfer from amountDownloaded; ignored once Completed.
     void launch();
-    // Stop the current transfer; the download keeps its record and can be resumed.
+    // Stop the current transfer and any pending retry; the download keeps its record.
     void abort();
+
+    // Consecutive attempts without new bytes after which a passing fault fails the download.
+    void setMaxRetries(int count) { retry.setMaxRetries(count); }
+    // While Stalled: the next attempt's time in ms since the epoch; otherwise 0.
+    qint64 nextAttemptTime() const;
 
     bool prepareFile(qint64 offset);
     bool saveToDisk(QByteArray data);
@@ -79,14 +90,24 @@ public slots:
 
 private slots:
     void replyMetaDataChanged();
+    void restartStallTimer();
+    void transferStalled();
 
 private:
     // How the current reply's HTTP status was judged; decided once, before any byte is written.
     enum class ReplyVerdict { Unchecked, Accepted, Rejected, Settled };
 
     void report();
+    // Moves what the reply holds into the file and counts it, without reporting.
+    bool writeBuffered();
+    // Stops the reply (if any) without touching the state; its notifications change nothing.
+    void stopTransfer();
+    // The attempt failed: Stalled until the retry when the fault may pass, else Failed.
+    void endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs = -1);
+    void failLocalFile();
     ReplyVerdict checkReply(bool redirectMayFollow);
-    void rejectReply();
+    void acceptReply(int status);
+    void rejectReply(int status);
     void completeFromRangeAnswer(qint64 completeLength);
     void startOverWithoutRange(bool contentChanged);
     void restartInPlace(qint64 newTotal);
@@ -96,8 +117,12 @@ private:
     qint64 requestOffset = 0;
     // Complete length from a 206 answer's Content-Range; -1 when not known.
     qint64 rangeTotal = -1;
-    // Set while abort() runs: the notifications it triggers are not progress.
-    bool aborting = false;
+    // Set once this attempt's outcome is decided (or it was stopped): later notifications of
+    // its reply change nothing.
+    bool attemptSettled = false;
+    // Runs while the request is on the wire, restarted by every notification of the reply.
+    QTimer stallTimer;
+    RetrySchedule retry;
     // Carries committed bytes from the reply to the file; kept for the length of a transfer.
     QByteArray scratch;
 };

@@ -51,6 +51,35 @@ inline Result dlctl(const ServiceProcess &service, const QStringList &args, int 
     return r;
 }
 
+// "dlctl watch" running beside the test, and every line it printed so far.
+class Watcher {
+public:
+    explicit Watcher(const ServiceProcess &service)
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("BINDER_SOCKET_DIR", service.socketDir());
+        process.setProcessEnvironment(env);
+        process.start(QStringLiteral(DLCTL_BINARY), { "watch" });
+    }
+    ~Watcher()
+    {
+        process.kill();
+        process.waitForFinished(3000);
+    }
+    QByteArray out() { return seen += process.readAllStandardOutput(); }
+    bool waitFor(const QByteArray &needle, int timeoutMs = 10000)
+    {
+        QDeadlineTimer deadline(timeoutMs);
+        while (!out().contains(needle) && !deadline.hasExpired())
+            QTest::qWait(20);
+        return seen.contains(needle);
+    }
+
+private:
+    QProcess process;
+    QByteArray seen;
+};
+
 // The STATE word of "dlctl status", empty when the service does not answer.
 inline QByteArray stateOf(const ServiceProcess &service, const QString &uniqueID)
 {

@@ -1,5 +1,6 @@
-// Misbehaving servers and a full disk, end to end: the download ends in the right state, the file
-// never holds a byte that is not the content's, and once the fault is gone a resume makes it exact.
+// Misbehaving servers and a full disk, end to end: the download ends by itself in the right state
+// that every party hears of, the file never holds a byte that is not the content's, and once the
+// fault is gone a resume makes it exact.
 #include "FakeHttpServer.h"
 #include "FaultSupport.h"
 #include "ServiceProcess.h"
@@ -35,6 +36,23 @@ qint64 rangeStart(const FakeHttpServer::Request &request)
     return range.startsWith("bytes=") ? range.mid(6, range.size() - 7).toLongLong() : -1;
 }
 
+// The service's WARN lines that report the failure of uniqueID.
+QList<QByteArray> warningsAbout(ServiceProcess &service, const QByteArray &uniqueID)
+{
+    QList<QByteArray> found;
+    for (const QByteArray &line : service.stdErr().split('\n')) {
+        if (line.startsWith("dlm_manager W") && line.contains("Download " + uniqueID + " failed: "))
+            found.append(line);
+    }
+    return found;
+}
+
+bool writeFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
+}
+
 } // namespace
 
 class tst_FaultServer : public QObject {
@@ -52,19 +70,35 @@ void tst_FaultServer::misbehavingServer_data()
     QTest::addColumn<QString>("fault");
     QTest::addColumn<QByteArray>("endState");
     // "empty": no byte of the answer in the file; "prefix": the start of the content;
-    // "advertised": exactly the Content-Length bytes.
+    // "advertised": exactly the Content-Length bytes; "whole": the content.
     QTest::addColumn<QString>("file");
+    QTest::addColumn<qint64>("code"); // the failure code, stored and kept after a success
+    QTest::addColumn<QByteArray>("reason"); // in the one WARN line of a failure
+    QTest::addColumn<bool>("retried"); // the watcher saw the download Stalled
 
-    QTest::newRow("closes mid-body") << "close" << QByteArray("Failed") << "prefix";
+    QTest::newRow("cuts every connection after 100 KB")
+        << "close" << QByteArray("Completed") << "whole" << 1ll << QByteArray() << true;
     QTest::newRow("stalls past the transfer timeout")
-        << "stall" << QByteArray("Failed") << "prefix";
-    QTest::newRow("answers 500") << "500" << QByteArray("Failed") << "empty";
-    QTest::newRow("answers 200 to a Range request")
-        << "ignore-range" << QByteArray("Failed") << "prefix";
+        << "stall" << QByteArray("Completed") << "whole" << 1ll << QByteArray() << true;
+    QTest::newRow("answers 500 to every attempt")
+        << "500" << QByteArray("Failed") << "empty" << 2ll << QByteArray("HTTP 500") << true;
+    QTest::newRow("answers 404") << "404" << QByteArray("Failed") << "empty" << 2ll
+                                 << QByteArray("HTTP 404") << false;
+    QTest::newRow("answers 200 to every Range request")
+        << "ignore-range" << QByteArray("Failed") << "prefix" << 1ll << QByteArray() << true;
     QTest::newRow("body longer than Content-Length")
-        << "long" << QByteArray("Completed") << "advertised";
+        << "long" << QByteArray("Completed") << "advertised" << 4ll << QByteArray() << false;
     QTest::newRow("body shorter than Content-Length")
-        << "short" << QByteArray("Failed") << "prefix";
+        << "short" << QByteArray("Completed") << "whole" << 1ll << QByteArray() << true;
+    QTest::newRow("chunked body of 6 MiB")
+        << "chunked" << QByteArray("Completed") << "whole" << 4ll << QByteArray() << false;
+    QTest::newRow("6 MiB ended by closing")
+        << "by-close" << QByteArray("Completed") << "whole" << 4ll << QByteArray() << false;
+    QTest::newRow("TLS spoken to a plain server")
+        << "tls" << QByteArray("Failed") << "empty" << 1ll << QByteArray("SSL") << false;
+    QTest::newRow("file in place of the directory")
+        << "unwritable" << QByteArray("Failed") << "empty" << 3ll << QByteArray("Not a directory")
+        << false;
 }
 
 void tst_FaultServer::misbehavingServer()
@@ -72,20 +106,24 @@ void tst_FaultServer::misbehavingServer()
     QFETCH(QString, fault);
     QFETCH(QByteArray, endState);
     QFETCH(QString, file);
+    QFETCH(qint64, code);
+    QFETCH(QByteArray, reason);
+    QFETCH(bool, retried);
 
     FakeHttpServer server;
     FakeHttpServer::Resource bad;
-    bad.body = FakeHttpServer::makeBody(kBodySize, 11);
+    const bool large = fault == "chunked" || fault == "by-close";
+    bad.body = FakeHttpServer::makeBody(large ? 6 * 1024 * 1024 : kBodySize, 11);
     const QByteArray body = bad.body;
-    bad.chunkSize = 8192;
+    bad.chunkSize = large ? 0 : 8192;
     bad.chunkDelayMs = 2;
     if (fault == "close") {
         bad.closeAfter = 100000;
     } else if (fault == "stall") {
         bad.stallAfter = 90000;
-    } else if (fault == "500") {
-        bad.status = 500;
-        bad.body = "<html>internal error</html>";
+    } else if (fault == "500" || fault == "404") {
+        bad.status = fault.toInt();
+        bad.body = "<html>error page</html>";
     } else if (fault == "ignore-range") {
         bad.closeAfter = 120000;
         bad.honorRange = false;
@@ -94,32 +132,56 @@ void tst_FaultServer::misbehavingServer()
     } else if (fault == "short") {
         bad.contentLength = kBodySize + 40000;
     }
+    bad.chunkedCoding = fault == "chunked";
+    bad.lengthByClose = fault == "by-close";
     server.setResource("/f.bin", bad);
 
     ServiceProcess service;
     service.setEnv("DLM_TRANSFER_TIMEOUT_MS", "1000");
-    service.setEnv("MAX_PACKET_COUNT", "1"); // commit often, so a fault finds bytes stored
+    service.setEnv("DLM_RETRY_BASE_MS", "50");
+    // Commit often, so a fault finds bytes stored; the large bodies move only by the buffer bound.
+    service.setEnv("MAX_PACKET_COUNT", large ? "1000000" : "1");
     QVERIFY(service.start());
     QVERIFY(service.waitForErr("Enter your command:"));
-    QCOMPARE(dlctl(service, { "set-path", "dlctl", service.downloadsDir() }).code, 0);
-    const QString target = service.downloadsDir() + "f.bin";
+    const QString dir
+        = fault == "unwritable" ? service.root() + "/blocked/" : service.downloadsDir();
+    QVERIFY(QDir().mkpath(dir));
+    QCOMPARE(dlctl(service, { "set-path", "dlctl", dir }).code, 0);
+    if (fault == "unwritable") // replaced once set: root writes everywhere else
+        QVERIFY(QDir().rmdir(dir) && writeFile(service.root() + "/blocked", "not a directory"));
+    const QString target = dir + "f.bin";
     StoredRows rows(service.databaseFile());
+    Watcher watcher(service);
+    QVERIFY(service.waitForErr("Event client registered"));
 
-    // A failure is not reported to clients or stored; it shows in the download's status.
-    QCOMPARE(dlctl(service, { "create", server.url("/f.bin").toString(), "--id", "f" }).code, 0);
-    QTRY_COMPARE_WITH_TIMEOUT(stateOf(service, "f"), endState, 15000);
-    const QByteArray status = consoleStatus(service, "f");
-    QVERIFY2(status.contains('"' + endState + '"'), status.constData());
+    QString url = server.url("/f.bin").toString();
+    if (fault == "tls")
+        url.replace("http:", "https:");
+    QCOMPARE(dlctl(service, { "create", url, "--id", "f" }).code, 0);
+    // Every party hears how it ended: the database, the console and the watcher.
+    QTRY_COMPARE_WITH_TIMEOUT(rows.state("f"), endState == "Failed" ? Failed : Completed, 20000);
+    QVERIFY(service.waitForErr("status:  \"" + endState + '"'));
+    QVERIFY(watcher.waitFor("f dlctl " + endState));
+    QCOMPARE(watcher.out().contains(" Stalled "), retried);
+    QCOMPARE(watcher.out().contains(" (next attempt at "), retried);
+    QCOMPARE(rows.failureCode("f"), code);
+    const QList<QByteArray> warnings = warningsAbout(service, "f");
+    QCOMPARE(warnings.size(), endState == "Failed" ? 1 : 0);
+    if (!warnings.isEmpty())
+        QVERIFY2(warnings.first().contains(reason) && watcher.out().contains("(failure "),
+            warnings.first().constData());
 
     const QByteArray onDisk = readFile(target);
     if (file == "empty")
         QCOMPARE(onDisk.size(), 0);
     else if (file == "advertised")
         QVERIFY(onDisk == body.left(bad.contentLength));
+    else if (file == "whole")
+        QVERIFY(onDisk == body);
     else
         QVERIFY2(body.startsWith(onDisk), qPrintable(QString::number(onDisk.size())));
     QVERIFY(rows.amount("f") <= onDisk.size());
-    if (endState == "Completed")
+    if (endState == "Completed" || fault == "tls")
         return;
 
     // The server behaves again, except that the one ignoring ranges keeps ignoring them.
@@ -128,13 +190,14 @@ void tst_FaultServer::misbehavingServer()
     good.honorRange = fault != "ignore-range";
     server.setResource("/f.bin", good);
     server.clearRequests();
+    if (fault == "unwritable")
+        QVERIFY(QFile::remove(service.root() + "/blocked") && QDir().mkpath(dir));
     const qint64 stored = rows.amount("f");
     service.writeLine("resume f");
     QTRY_COMPARE_WITH_TIMEOUT(rows.state("f"), Completed, 10000);
-    QVERIFY2(consoleStatus(service, "f").contains("\"Completed\""), "");
     QVERIFY(readFile(target) == body);
     QCOMPARE(rows.amount("f"), qint64(kBodySize));
-    QCOMPARE(rows.failureCode("f"), qint64(1)); // a network error, kept after the success
+    QCOMPARE(rows.failureCode("f"), code);
     const auto requests = server.requestsFor("/f.bin");
     QVERIFY(!requests.isEmpty());
     for (const FakeHttpServer::Request &request : requests)

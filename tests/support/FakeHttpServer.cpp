@@ -1,6 +1,7 @@
 #include "FakeHttpServer.h"
 
 #include <QPointer>
+#include <cctype>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -107,6 +108,12 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
     if (!c)
         return;
     c->buffer += socket->readAll();
+    // Bytes that cannot start a request (a TLS greeting, say) get what real servers answer.
+    if (!c->buffer.isEmpty() && !isalpha(static_cast<unsigned char>(c->buffer.at(0)))) {
+        socket->write("HTTP/1.1 400 Bad Request\r\nConnection: close\r\n\r\n");
+        finish(c, false);
+        return;
+    }
     const int end = c->buffer.indexOf("\r\n\r\n");
     if (end < 0 || c->timer || !c->body.isEmpty())
         return;
@@ -139,6 +146,8 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
         finish(c, true);
         return;
     }
+    if (r.neverAnswer)
+        return;
     QByteArray head;
     QByteArray body = r.body;
     const qint64 total = r.body.size();
@@ -166,7 +175,10 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
         }
     }
     const qint64 length = r.contentLength >= 0 ? r.contentLength : body.size();
-    head += "Content-Length: " + QByteArray::number(length) + "\r\n";
+    if (r.chunkedCoding)
+        head += "Transfer-Encoding: chunked\r\n";
+    else if (!r.lengthByClose)
+        head += "Content-Length: " + QByteArray::number(length) + "\r\n";
     head += "Content-Type: application/octet-stream\r\nConnection: close\r\n";
     for (const auto &h : r.extraHeaders)
         head += h.first + ": " + h.second + "\r\n";
@@ -179,7 +191,7 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
 void FakeHttpServer::respond(Connection *c)
 {
     if (c->resource.chunkSize <= 0 && c->resource.stallAfter < 0 && c->resource.closeAfter < 0) {
-        c->socket->write(c->body);
+        writeBody(c, c->body);
         c->body.clear();
         finish(c, false);
         return;
@@ -203,7 +215,7 @@ bool FakeHttpServer::sendNextChunk(Connection *c)
     if (r.closeAfter >= 0)
         n = qMin(n, r.closeAfter - c->sent);
     if (n > 0) {
-        c->socket->write(c->body.left(n));
+        writeBody(c, c->body.left(n));
         c->body.remove(0, n);
         c->sent += n;
     }
@@ -220,6 +232,18 @@ bool FakeHttpServer::sendNextChunk(Connection *c)
         return false;
     }
     return true;
+}
+
+void FakeHttpServer::writeBody(Connection *c, const QByteArray &bytes)
+{
+    if (!c->resource.chunkedCoding) {
+        c->socket->write(bytes);
+        return;
+    }
+    if (!bytes.isEmpty())
+        c->socket->write(QByteArray::number(bytes.size(), 16) + "\r\n" + bytes + "\r\n");
+    if (c->body.size() == bytes.size())
+        c->socket->write("0\r\n\r\n");
 }
 
 void FakeHttpServer::finish(Connection *c, bool abortive)

@@ -30,8 +30,11 @@ public:
         qint64 stallAfter = -1;      // send headers and this many body bytes, then stay silent
         qint64 closeAfter = -1;      // send this many body bytes, then drop the connection
         bool closeWithoutAnswer = false;
+        bool neverAnswer = false;    // read the request, then say nothing at all
         QByteArray redirectTo;       // answer 302 with this Location
         qint64 contentLength = -1;   // advertise this length instead of the real one
+        bool chunkedCoding = false;  // "Transfer-Encoding: chunked", one chunk per write
+        bool lengthByClose = false;  // no length at all: the body ends when the connection closes
         QList<QPair<QByteArray, QByteArray>> extraHeaders;
     };
 
@@ -74,6 +77,7 @@ private:
     void respond(Connection *connection);
     bool sendNextChunk(Connection *connection); // false once the connection is done or stalled
     void finish(Connection *connection, bool close);
+    void writeBody(Connection *connection, const QByteArray &bytes); // framed when chunked
 
     QTcpServer server;
     QHash<QByteArray, Resource> resources;

@@ -49,13 +49,16 @@ private slots:
     void errorStatusWritesNothing();
     void rangeBeyondEndCompletes();
     void rangeAnswerOfOtherSizeFails();
-    void stallEndsFailedAndResumes();
+    void stallIsRetriedFromLastCommittedByte();
+    void retryScheduleDoublesResetsAndGivesUp();
     void redirectIsFollowed();
     void batching_data();
     void batching();
+    void fullReadBufferIsCommitted_data();
     void fullReadBufferIsCommitted();
     void simultaneousDownloadsStaySeparate();
-    void pauseWhilePendingDoesNothing();
+    void queuedDownloadsDoNotTimeOut();
+    void pauseWhilePendingPausesOnce();
     void pauseCommitsThenResumeContinues();
     void requestsOutsideTheirStatesAreIgnored();
     void restartFetchesCompletedFileAgain();
@@ -73,6 +76,7 @@ void tst_Download::init()
     qunsetenv("MAX_PACKET_COUNT");
     qunsetenv("DLM_TRANSFER_TIMEOUT_MS");
     qunsetenv("DL_CONSOLE_READER_ENABLE");
+    qputenv("DLM_RETRY_BASE_MS", "10");
     server = std::make_unique<FakeHttpServer>();
     fx = std::make_unique<ManagerFixture>();
 }
@@ -209,7 +213,7 @@ void tst_Download::resumeContinuesFile()
     server->setResource("/f", r);
 
     Download *d = fx->restore(
-        server->url("/f"), QStringLiteral("f"), onDisk, Download::Failed, storedTotal, amount);
+        server->url("/f"), QStringLiteral("f"), onDisk, Download::Pending, storedTotal, amount);
     QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), kWait);
     QCOMPARE(ManagerFixture::contents(d->filePath), body);
     QCOMPARE(d->amountDownloaded, body.size());
@@ -226,17 +230,21 @@ void tst_Download::errorStatusWritesNothing_data()
 {
     QTest::addColumn<int>("status");
     QTest::addColumn<bool>("resumed");
-    QTest::newRow("404 fresh") << 404 << false;
-    QTest::newRow("500 fresh") << 500 << false;
-    QTest::newRow("403 fresh") << 403 << false;
-    QTest::newRow("500 resumed") << 500 << true;
-    QTest::newRow("404 resumed") << 404 << true;
+    QTest::addColumn<int>(
+        "attempts"); // a passing fault is tried again up to "max_retries" (5) times
+    QTest::newRow("404 fresh") << 404 << false << 1;
+    QTest::newRow("500 fresh") << 500 << false << 6;
+    QTest::newRow("403 fresh") << 403 << false << 1;
+    QTest::newRow("503 fresh") << 503 << false << 6;
+    QTest::newRow("500 resumed") << 500 << true << 6;
+    QTest::newRow("404 resumed") << 404 << true << 1;
 }
 
 void tst_Download::errorStatusWritesNothing()
 {
     QFETCH(int, status);
     QFETCH(bool, resumed);
+    QFETCH(int, attempts);
     FakeHttpServer::Resource r;
     r.status = status;
     r.body = "<html>error page</html>";
@@ -244,10 +252,11 @@ void tst_Download::errorStatusWritesNothing()
 
     const QByteArray prefix = FakeHttpServer::makeBody(700);
     Download *d = resumed
-        ? fx->restore(server->url("/f"), QStringLiteral("f"), prefix, Download::Failed, 3000, 700)
+        ? fx->restore(server->url("/f"), QStringLiteral("f"), prefix, Download::Pending, 3000, 700)
         : fx->create(server->url("/f"));
     QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Failed), kWait);
-    QCOMPARE(d->failureCode, 1u);
+    QCOMPARE(d->failureCode, 2u);
+    QCOMPARE(server->requestsFor("/f").size(), attempts);
     QTRY_COMPARE_WITH_TIMEOUT(server->openConnections(), 0, kWait);
     if (resumed) {
         QCOMPARE(ManagerFixture::contents(d->filePath), prefix);
@@ -258,8 +267,17 @@ void tst_Download::errorStatusWritesNothing()
         QCOMPARE(d->amountDownloaded, 0);
         QCOMPARE(d->totalSize, 0);
     }
+    // Each attempt is announced, then each wait for the next one, then the failure.
+    QStringList states;
     for (const Report &report : qAsConst(fx->reports))
-        QCOMPARE(report.state, unsigned(Download::Pending));
+        states.append(QString::number(report.state));
+    QStringList expected;
+    for (int i = 1; i < attempts; ++i)
+        expected << "16"
+                 << "32";
+    QCOMPARE(states,
+        expected << "16"
+                 << "8");
 }
 
 void tst_Download::rangeBeyondEndCompletes()
@@ -267,7 +285,7 @@ void tst_Download::rangeBeyondEndCompletes()
     const QByteArray body = FakeHttpServer::makeBody(3000);
     server->setBody("/f", body);
     Download *d
-        = fx->restore(server->url("/f"), QStringLiteral("f"), body, Download::Failed, 0, 3000);
+        = fx->restore(server->url("/f"), QStringLiteral("f"), body, Download::Pending, 0, 3000);
     QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), kWait);
     QCOMPARE(server->requestsFor("/f").first().header("range"), QByteArray("bytes=3000-"));
     QCOMPARE(ManagerFixture::contents(d->filePath), body);
@@ -283,18 +301,19 @@ void tst_Download::rangeAnswerOfOtherSizeFails()
     server->setBody("/f", body);
     const QByteArray onDisk = body + QByteArray(100, 'x');
     Download *d
-        = fx->restore(server->url("/f"), QStringLiteral("f"), onDisk, Download::Failed, 0, 3100);
+        = fx->restore(server->url("/f"), QStringLiteral("f"), onDisk, Download::Pending, 0, 3100);
     QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Failed), kWait);
-    QCOMPARE(d->failureCode, 1u);
+    QCOMPARE(d->failureCode, 2u);
     QCOMPARE(d->amountDownloaded, 3100);
     QCOMPARE(ManagerFixture::contents(d->filePath), onDisk);
 }
 
-void tst_Download::stallEndsFailedAndResumes()
+void tst_Download::stallIsRetriedFromLastCommittedByte()
 {
-    qputenv("DLM_TRANSFER_TIMEOUT_MS", "300");
+    // Eight attempts, seven stalls: more than "max_retries", but each one brings new bytes.
+    qputenv("DLM_TRANSFER_TIMEOUT_MS", "200");
     qputenv("MAX_PACKET_COUNT", "-1");
-    const QByteArray body = FakeHttpServer::makeBody(5000);
+    const QByteArray body = FakeHttpServer::makeBody(8000);
     FakeHttpServer::Resource r;
     r.body = body;
     r.chunkSize = 500;
@@ -302,16 +321,36 @@ void tst_Download::stallEndsFailedAndResumes()
     server->setResource("/f", r);
 
     Download *d = fx->create(server->url("/f"));
-    QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Failed), kWait);
-    QCOMPARE(d->failureCode, 1u);
-    QCOMPARE(d->amountDownloaded, 1000);
-    QCOMPARE(ManagerFixture::contents(d->filePath), body.left(1000));
-
-    server->resource("/f").stallAfter = -1;
-    d->resume();
-    QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), kWait);
-    QCOMPARE(server->requestsFor("/f").last().header("range"), QByteArray("bytes=1000-"));
+    QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), 4 * kWait);
     QCOMPARE(ManagerFixture::contents(d->filePath), body);
+    const auto requests = server->requestsFor("/f");
+    QCOMPARE(requests.size(), 8);
+    for (int i = 1; i < 8; ++i)
+        QCOMPARE(requests[i].header("range"), "bytes=" + QByteArray::number(i * 1000) + '-');
+    int stalled = 0;
+    for (const Report &report : qAsConst(fx->reports))
+        stalled += report.state == Download::Stalled ? 1 : 0;
+    QCOMPARE(stalled, 7);
+    QCOMPARE(d->failureCode, 1u);
+}
+
+void tst_Download::retryScheduleDoublesResetsAndGivesUp()
+{
+    qputenv("DLM_RETRY_BASE_MS", "1000");
+    RetrySchedule retry;
+    retry.setMaxRetries(8);
+    for (qint64 nominal = 1000, n = 0; n < 8; ++n, nominal = qMin<qint64>(2 * nominal, 60000)) {
+        const qint64 delay = retry.schedule(0, -1);
+        QVERIFY2(delay >= nominal * 8 / 10 && delay <= qMin<qint64>(nominal * 12 / 10, 60000),
+            qPrintable(QString::number(delay)));
+    }
+    QCOMPARE(retry.schedule(0, -1), -1); // the ninth failure in a row without new bytes
+    QVERIFY(retry.schedule(1, -1) <= 1200); // new bytes: the count starts again
+    QCOMPARE(retry.schedule(1, 5000), 5000); // the server's Retry-After
+    QCOMPARE(retry.schedule(1, 7200 * 1000), 3600 * 1000); // ... but not beyond an hour
+    QVERIFY(retry.isWaiting() && retry.nextAttemptTime() > 0);
+    retry.cancel();
+    QCOMPARE(retry.nextAttemptTime(), 0);
 }
 
 void tst_Download::redirectIsFollowed()
@@ -370,28 +409,55 @@ void tst_Download::batching()
     QCOMPARE(commitNotifications(fx->reports), expected);
 }
 
+void tst_Download::fullReadBufferIsCommitted_data()
+{
+    QTest::addColumn<bool>("chunked");
+    QTest::addColumn<bool>("endedByClose");
+    QTest::addColumn<int>("chunkSize");
+    QTest::newRow("with length") << false << false << 0;
+    QTest::newRow("chunked, one chunk") << true << false << 0;
+    QTest::newRow("chunked, 8 KiB chunks") << true << false << 8192;
+    QTest::newRow("ended by close") << false << true << 0;
+    QTest::newRow("ended by close, 8 KiB writes") << false << true << 8192;
+}
+
 void tst_Download::fullReadBufferIsCommitted()
 {
-    // Batches never come due here: only a full read buffer can keep the data moving.
+    QFETCH(bool, chunked);
+    QFETCH(bool, endedByClose);
+    QFETCH(int, chunkSize);
+    // Batches never come due here: only the read buffer's bound can keep the data moving.
     qputenv("MAX_PACKET_COUNT", "1000000");
     qputenv("DLM_TRANSFER_TIMEOUT_MS", "5000");
     const QByteArray body = FakeHttpServer::makeBody(12 * 1024 * 1024);
-    server->setBody("/big", body);
+    FakeHttpServer::Resource r;
+    r.body = body;
+    r.chunkedCoding = chunked;
+    r.lengthByClose = endedByClose;
+    r.chunkSize = chunkSize;
+    server->setResource("/big", r);
 
     Download *d = fx->create(server->url("/big"));
-    // A transfer stuck on a full buffer ends Failed by the transfer timeout.
-    QTRY_VERIFY_WITH_TIMEOUT(
-        d->state == Download::Completed || d->state == Download::Failed, 30000);
+    // A transfer stuck on a full buffer stalls and is tried again.
+    QTRY_VERIFY_WITH_TIMEOUT(d->state == Download::Completed || d->state == Download::Stalled
+            || d->state == Download::Failed,
+        30000);
     QCOMPARE(d->state, unsigned(Download::Completed));
+    QCOMPARE(server->requestsFor("/big").size(), 1);
     QCOMPARE(ManagerFixture::contents(d->filePath), body);
+    // After the launch: Progressing with the header's length from the start, or without one,
+    // a total known only at the end, and then exact. Memory stays bounded, except that the
+    // close ending a body hands over everything the socket still holds at once.
+    const bool lengthKnown = !chunked && !endedByClose;
     qint64 last = 0;
     int commits = 0;
-    for (const Report &report : qAsConst(fx->reports)) {
-        if (report.amountDownloaded > last) {
-            QVERIFY2(report.amountDownloaded - last <= 4 * 1024 * 1024,
-                qPrintable(QString::number(report.amountDownloaded - last)));
-            ++commits;
-        }
+    for (const Report &report : fx->reports.mid(1)) {
+        const bool done = report.state == Download::Completed;
+        QVERIFY(done || report.state == Download::Progressing);
+        QCOMPARE(report.totalSize, lengthKnown || done ? body.size() : 0);
+        QVERIFY2(endedByClose || report.amountDownloaded - last <= 4 * 1024 * 1024,
+            qPrintable(QString::number(report.amountDownloaded - last)));
+        commits += report.amountDownloaded > last ? 1 : 0;
         last = report.amountDownloaded;
     }
     QVERIFY(commits >= 4);
@@ -423,21 +489,44 @@ void tst_Download::simultaneousDownloadsStaySeparate()
     QVERIFY(fx->countsOnlyWrittenBytes());
 }
 
-void tst_Download::pauseWhilePendingDoesNothing()
+void tst_Download::queuedDownloadsDoNotTimeOut()
+{
+    // Fifty downloads from one host share its six connections: most wait far longer than the
+    // stall timeout before their request is sent, and none may fail or be tried again for it.
+    qputenv("DLM_TRANSFER_TIMEOUT_MS", "400");
+    FakeHttpServer::Resource r;
+    r.body = FakeHttpServer::makeBody(4000);
+    r.chunkSize = 500;
+    r.chunkDelayMs = 60;
+    QList<Download *> all;
+    for (int i = 0; i < 50; ++i) {
+        server->setResource("/q" + QByteArray::number(i), r);
+        all.append(fx->create(server->url("/q" + QByteArray::number(i)), QString::number(i)));
+    }
+    for (Download *d : qAsConst(all)) {
+        QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), 6 * kWait);
+        QCOMPARE(ManagerFixture::contents(d->filePath), r.body);
+        QCOMPARE(server->requestsFor("/q" + d->uniqueID.toLatin1()).size(), 1);
+    }
+}
+
+void tst_Download::pauseWhilePendingPausesOnce()
 {
     FakeHttpServer::Resource r;
-    r.body = FakeHttpServer::makeBody(1000);
-    r.stallAfter = 0;
+    r.neverAnswer = true;
     server->setResource("/f", r);
     Download *d = fx->create(server->url("/f"));
-    d->pause();
-    QCOMPARE(d->state, unsigned(Download::Pending));
     QTRY_COMPARE_WITH_TIMEOUT(server->requestsFor("/f").size(), 1, kWait);
-    d->pause();
     QCOMPARE(d->state, unsigned(Download::Pending));
-    QCOMPARE(fx->reports.size(), 1);
-    QVERIFY(!d->reply->isFinished());
-    QCOMPARE(server->openConnections(), 1);
+    d->pause();
+    d->pause();
+    QCOMPARE(d->state, unsigned(Download::Paused));
+    QTRY_COMPARE_WITH_TIMEOUT(server->openConnections(), 0, kWait);
+    d->resume();
+    QStringList states;
+    for (const Report &report : qAsConst(fx->reports))
+        states.append(QString::number(report.state));
+    QCOMPARE(states, QStringList({ "16", "4", "16" }));
 }
 
 void tst_Download::pauseCommitsThenResumeContinues()
@@ -480,10 +569,9 @@ void tst_Download::requestsOutsideTheirStatesAreIgnored()
 {
     const QByteArray body = FakeHttpServer::makeBody(2000);
     server->setBody("/f", body);
-    FakeHttpServer::Resource stalled;
-    stalled.body = body;
-    stalled.stallAfter = 0;
-    server->setResource("/stalled", stalled);
+    FakeHttpServer::Resource silent;
+    silent.neverAnswer = true;
+    server->setResource("/stalled", silent);
 
     Download *done = fx->create(server->url("/f"), QStringLiteral("done"));
     QTRY_COMPARE_WITH_TIMEOUT(done->state, unsigned(Download::Completed), kWait);
@@ -526,7 +614,7 @@ void tst_Download::restartFetchesCompletedFileAgain()
     server->setBody("/f", first);
     d->resume();
     QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), kWait);
-    QCOMPARE(d->failureCode, 1u);
+    QCOMPARE(d->failureCode, 2u);
     QCOMPARE(ManagerFixture::contents(d->filePath), first);
 
     // The content changed and shrank: the new file must hold exactly the new bytes.
@@ -543,7 +631,7 @@ void tst_Download::restartFetchesCompletedFileAgain()
     QCOMPARE(ManagerFixture::contents(d->filePath), second);
     QCOMPARE(d->totalSize, 2000);
     QCOMPARE(d->startTime, started);
-    QCOMPARE(d->failureCode, 1u);
+    QCOMPARE(d->failureCode, 2u);
 }
 
 void tst_Download::missingDirectoryFailsThenResumes()
@@ -560,7 +648,7 @@ void tst_Download::missingDirectoryFailsThenResumes()
     QVERIFY(QDir().rmdir(directory)); // gone before the download opens its file
     Download *d = fx->create(server->url("/f"));
     QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Failed), kWait);
-    QCOMPARE(d->failureCode, 1u);
+    QCOMPARE(d->failureCode, 3u);
     QCOMPARE(d->amountDownloaded, 0);
 
     QVERIFY(QDir().mkpath(directory));
@@ -600,7 +688,7 @@ void tst_Download::writeFailureThenResumeCompletes()
     Download *d = fx->create(server->url("/f"));
     QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Failed), kWait);
     QCOMPARE(setrlimit(RLIMIT_FSIZE, &original), 0);
-    QCOMPARE(d->failureCode, 1u);
+    QCOMPARE(d->failureCode, 3u);
     QVERIFY(d->amountDownloaded > 0);
     QVERIFY(d->amountDownloaded <= 100000);
     const QByteArray partial = ManagerFixture::contents(d->filePath);

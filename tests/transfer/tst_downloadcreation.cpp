@@ -23,8 +23,8 @@ private slots:
     void onlyHttpUrlsAreAccepted_data();
     void onlyHttpUrlsAreAccepted();
     void nameAndIdentifierDefaults();
-    void restoredDownloadsLaunchUnlessPaused_data();
-    void restoredDownloadsLaunchUnlessPaused();
+    void restoredDownloadsLaunchUnlessPausedOrFailed_data();
+    void restoredDownloadsLaunchUnlessPausedOrFailed();
     void spaceArithmetic_data();
     void spaceArithmetic();
     void spaceFromTheFileSystem();
@@ -201,19 +201,19 @@ void tst_DownloadCreation::nameAndIdentifierDefaults()
     QCOMPARE(fx->manager->getDownloadList(QStringLiteral("*")).size(), 2);
 }
 
-void tst_DownloadCreation::restoredDownloadsLaunchUnlessPaused_data()
+void tst_DownloadCreation::restoredDownloadsLaunchUnlessPausedOrFailed_data()
 {
     QTest::addColumn<unsigned>("state");
     QTest::addColumn<unsigned>("after");
     QTest::addColumn<int>("requests");
     QTest::newRow("paused") << 4u << 4u << 0;
     QTest::newRow("completed") << 1u << 1u << 0;
-    QTest::newRow("failed") << 8u << 16u << 1;
+    QTest::newRow("failed") << 8u << 8u << 0;
     QTest::newRow("stalled") << 32u << 16u << 1;
     QTest::newRow("progressing") << 2u << 16u << 1;
 }
 
-void tst_DownloadCreation::restoredDownloadsLaunchUnlessPaused()
+void tst_DownloadCreation::restoredDownloadsLaunchUnlessPausedOrFailed()
 {
     QFETCH(unsigned, state);
     QFETCH(unsigned, after);

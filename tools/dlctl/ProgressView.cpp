@@ -1,6 +1,7 @@
 #include "ProgressView.h"
 
 #include <cinttypes>
+#include <ctime>
 
 const char *stateText(int32_t state)
 {
@@ -13,6 +14,34 @@ const char *stateText(int32_t state)
     case 32: return "Stalled";
     default: return "Undefined";
     }
+}
+
+const char *failureText(int32_t failureCode)
+{
+    switch (failureCode) {
+    case FAILURE_NETWORK: return "network or transfer fault";
+    case FAILURE_HTTP_STATUS: return "the server answered with an error status";
+    case FAILURE_LOCAL_FILE: return "the local file could not be opened or written";
+    case FAILURE_NONE: return "none";
+    default: return "unknown";
+    }
+}
+
+std::string stateNote(const IDownload &r)
+{
+    char text[128];
+    if (r.state == 8) {
+        snprintf(text, sizeof text, " (failure %d: %s)", int(r.failureCode), failureText(r.failureCode));
+        return text;
+    }
+    if (r.state != 32)
+        return std::string();
+    const time_t when = time_t(r.nextAttemptTime / 1000);
+    struct tm local;
+    if (r.nextAttemptTime <= 0 || !localtime_r(&when, &local))
+        return " (waiting to try again)";
+    strftime(text, sizeof text, " (next attempt at %H:%M:%S)", &local);
+    return text;
 }
 
 std::string recordLine(const IDownload &r)
@@ -79,10 +108,10 @@ void ProgressView::redraw()
         std::string name = r.filePath.substr(r.filePath.find_last_of('/') + 1);
         if (name.size() > 24)
             name = name.substr(0, 21) + "...";
-        fprintf(out, "\033[2K%-24s [%s] %3d%% %s / %s %s/s %s\n", name.c_str(), bar.c_str(),
+        fprintf(out, "\033[2K%-24s [%s] %3d%% %s / %s %s/s %s%s\n", name.c_str(), bar.c_str(),
                 int(fraction * 100), humanBytes(double(r.amountDownloaded)).c_str(),
                 r.totalSize > 0 ? humanBytes(double(r.totalSize)).c_str() : "?",
-                humanBytes(row.rate).c_str(), stateText(r.state));
+                humanBytes(row.rate).c_str(), stateText(r.state), stateNote(r).c_str());
     }
     drawn = order.size();
     fflush(out);

@@ -42,6 +42,11 @@ int usage(FILE *out, int status)
             "  watch\n"
             "create prints the new download's identifier; records print as:\n"
             "  ID CLIENT STATE BYTES TOTAL FILE\n"
+            "watch and create --wait add after FILE, in parentheses, the meaning of a Failed\n"
+            "download's failure code or the time of a Stalled download's next attempt.\n"
+            "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
+            "  2 the server answered with an error status, 3 the local file could not be opened\n"
+            "  or written, 4 none (a new download).\n"
             "The service is found in $BINDER_SOCKET_DIR (default /run/binder).\n"
             "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
             "or not answering, 64 usage, 128+N ended by signal N.\n");
@@ -206,23 +211,22 @@ int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const s
     ProgressView view(stdout);
     IDownload update;
     for (;;) {
-        bool polled = false;
         if (!events->next(&update, 1000)) {
             if (events->died() || interrupted)
                 break;
-            // A failure is not announced as an update: ask for the state when things go quiet.
-            if (service->getDownload(id, &update) != 1) {
+            // Nothing heard for a while: make sure the download is still there.
+            if (exists(service, id) != 1) {
                 fprintf(stderr, "dlctl: download %s is gone\n", id.c_str());
                 break;
             }
-            polled = true;
+            continue;
         }
-        if (update.uniqueID != id || (polled && update.state != 1 && update.state != 8))
+        if (update.uniqueID != id)
             continue;
         if (terminal)
             view.update(update);
         else
-            printf("%s\n", recordLine(update).c_str());
+            printf("%s%s\n", recordLine(update).c_str(), stateNote(update).c_str());
         if (update.state == 1 || update.state == 8)
             return update.state == 1 ? 0 : 1;
     }
@@ -404,7 +408,7 @@ int run(int argc, char **argv)
         if (terminal)
             view.update(update);
         else
-            printf("%s\n", recordLine(update).c_str());
+            printf("%s%s\n", recordLine(update).c_str(), stateNote(update).c_str());
     }
     endsByItself = 0;
     service->removeClient(events);
