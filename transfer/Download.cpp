@@ -3,6 +3,7 @@
 #include "DlmLog.h"
 #include "DownloadManager.h"
 #include "IDownload.h"
+#include "RequestQueue.h"
 
 #include <QDateTime>
 #include <QNetworkAccessManager>
@@ -10,18 +11,56 @@
 #include <QNetworkRequest>
 #include <QUrl>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 namespace {
-// Bounds the bytes a reply holds in memory.
-constexpr qint64 kReadBufferSize = 2 * 1024 * 1024;
-// Qt stops filling the read buffer once the last block it handed over is at least as large as
-// the room left, so a buffer of small blocks (chunked or close-ended bodies) may stop anywhere
-// past its half, and no notification follows until we read. Committing from the half keeps the
-// data moving whatever the block sizes.
-constexpr qint64 kCommitWatermark = kReadBufferSize / 2;
-// Size of the buffer that carries a batch from the reply to the file.
+// What the replies of all transfers that receive a body may buffer together. Each gets an equal
+// share within these bounds, so the peak stays bounded at any concurrency while a single large
+// file still reads in large blocks.
+constexpr qint64 kReadBudget = 32 * 1024 * 1024;
+constexpr qint64 kMinReadBufferSize = 64 * 1024;
+constexpr qint64 kMaxReadBufferSize = 2 * 1024 * 1024;
+// Size of the buffer that carries a batch from a reply to its file.
 constexpr int kScratchSize = 256 * 1024;
 constexpr int kDefaultPacketLimit = 10;
 constexpr int kDefaultTransferTimeoutMs = 60000;
+constexpr int kDefaultReportIntervalMs = 500;
+
+// Transfers between their accepted answer and their end; main thread only.
+int receivingTransfers = 0;
+
+qint64 readBufferShare()
+{
+    return qBound(kMinReadBufferSize, kReadBudget / qMax(1, receivingTransfers), kMaxReadBufferSize);
+}
+
+// Once no request is on the wire, what the transfers freed goes back to the system: the network
+// library's thread allocates the bodies in its own heap arena, which keeps freed pages
+// otherwise. The second's delay lets the library finish its own clean-up first.
+void trimWhenIdle()
+{
+#ifdef __GLIBC__
+    static bool scheduled = false;
+    if (scheduled || !RequestQueue::instance().isIdle())
+        return;
+    scheduled = true;
+    QTimer::singleShot(1000, [] {
+        scheduled = false;
+        if (RequestQueue::instance().isIdle())
+            malloc_trim(0);
+    });
+#endif
+}
+
+// Commits run one at a time on the main thread, so one buffer serves every transfer. It is
+// kept while any transfer receives: a fresh one per batch would fault in every page again.
+QByteArray &scratchBuffer()
+{
+    static QByteArray buffer;
+    return buffer;
+}
 
 int packetLimit()
 {
@@ -35,6 +74,13 @@ int transferTimeoutMs()
     bool ok = false;
     const int value = qgetenv("DLM_TRANSFER_TIMEOUT_MS").toInt(&ok, 10);
     return (ok && value > 0) ? value : kDefaultTransferTimeoutMs;
+}
+
+int reportIntervalMs()
+{
+    bool ok = false;
+    const int value = qgetenv("DLM_REPORT_INTERVAL_MS").toInt(&ok, 10);
+    return (ok && value >= 0) ? value : kDefaultReportIntervalMs;
 }
 
 // "bytes 100-199/200", "bytes 100-199/*" or "bytes */200"; first is -1 for the last form.
@@ -155,8 +201,7 @@ Download::Download(DownloadManager *manager, QNetworkAccessManager *networkManag
 
 Download::~Download()
 {
-    if (reply)
-        reply->deleteLater();
+    releaseReply();
 }
 
 QString Download::stateAsString() const
@@ -248,22 +293,23 @@ void Download::launch()
         }
     }
 
-    connect(networkManager, &QNetworkAccessManager::finished, this, &Download::downloadFinished,
-        Qt::UniqueConnection);
-    if (reply) {
-        // The old reply must not speak for this download any more, even if it still runs.
-        QNetworkReply *old = reply;
-        reply = nullptr;
-        old->disconnect(this);
-        if (old->isRunning())
-            old->abort();
-        old->deleteLater();
-    }
-    reply = networkManager->get(request);
-    reply->setReadBufferSize(kReadBufferSize);
+    releaseReply();
+    reportInterval = reportIntervalMs();
     verdict = ReplyVerdict::Unchecked;
     rangeTotal = -1;
     attemptSettled = false;
+    RequestQueue::instance().enter(
+        this, RequestQueue::originOf(contentURL), [this, request] { sendRequest(request); });
+    state = Pending;
+    report();
+}
+
+void Download::sendRequest(const QNetworkRequest &request)
+{
+    reply = networkManager->get(request);
+    reply->setReadBufferSize(readBufferShare());
+    // The reply's own signal: the shared manager's would call every download for every reply.
+    connect(reply, &QNetworkReply::finished, this, [this, r = reply] { downloadFinished(r); });
     connect(reply, &QNetworkReply::sslErrors, this, &Download::sslErrors);
     connect(reply, &QNetworkReply::downloadProgress, this, &Download::downloadProgress);
     connect(reply, &QNetworkReply::readyRead, this, &Download::dataReadyRead);
@@ -273,36 +319,53 @@ void Download::launch()
     connect(reply, &QNetworkReply::socketStartedConnecting, this, &Download::restartStallTimer);
     connect(reply, &QNetworkReply::requestSent, this, &Download::restartStallTimer);
     connect(reply, &QNetworkReply::redirected, &stallTimer, &QTimer::stop);
-
-    state = Pending;
-    report();
 }
 
 void Download::abort()
 {
     retry.cancel();
     stopTransfer();
+    file.close();
 }
 
 void Download::stopTransfer()
 {
     stallTimer.stop();
+    attemptSettled = true;
+    releaseReply();
+}
+
+void Download::releaseReply()
+{
+    setReceiving(false);
+    RequestQueue::instance().leave(this);
+    trimWhenIdle();
     if (!reply)
         return;
-    // abort() delivers a last progress and the finish notification at once: neither is news.
-    attemptSettled = true;
-    reply->abort();
-    disconnect(reply, &QNetworkReply::downloadProgress, this, &Download::downloadProgress);
-    disconnect(reply, &QNetworkReply::readyRead, this, &Download::dataReadyRead);
-    disconnect(reply, &QNetworkReply::metaDataChanged, this, &Download::replyMetaDataChanged);
-    disconnect(networkManager, &QNetworkAccessManager::finished, this, &Download::downloadFinished);
+    // Cut off first: the notifications abort() delivers at once are no news, and the reply must
+    // never speak for this download again.
+    QNetworkReply *old = reply;
+    reply = nullptr;
+    old->disconnect(this);
+    if (old->isRunning())
+        old->abort();
+    old->deleteLater();
+}
+
+void Download::setReceiving(bool on)
+{
+    if (sharesBudget == on)
+        return;
+    sharesBudget = on;
+    receivingTransfers += on ? 1 : -1;
+    if (receivingTransfers == 0)
+        scratchBuffer() = QByteArray();
 }
 
 void Download::endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs)
 {
     stopTransfer();
     file.close();
-    scratch = QByteArray();
     failureCode = code;
     const qint64 delay = passing ? retry.schedule(amountDownloaded, retryAfterMs) : -1;
     if (delay >= 0) {
@@ -361,6 +424,7 @@ bool Download::writeBuffered()
     // Copied through one reused buffer: a fresh array per batch would fault in every page again.
     qint64 committed = 0;
     if (reply) {
+        QByteArray &scratch = scratchBuffer();
         if (scratch.size() != kScratchSize)
             scratch.resize(kScratchSize);
         qint64 n = 0;
@@ -407,7 +471,7 @@ void Download::downloadFinished(QNetworkReply *finished)
         if (file.size() > amountDownloaded)
             file.resize(amountDownloaded);
         file.close();
-        scratch = QByteArray();
+        releaseReply();
         state = Completed;
         report();
         return;
@@ -442,10 +506,20 @@ void Download::dataReadyRead()
     if (reply != handled || attemptSettled || judged != ReplyVerdict::Accepted)
         return;
 
-    const int limit = packetLimit();
-    if (limit > packetCount && reply->bytesAvailable() < kCommitWatermark) {
-        ++packetCount;
-        return;
+    // The reply takes up its share of the budget as transfers start and end.
+    const qint64 share = readBufferShare();
+    if (reply->readBufferSize() != share)
+        reply->setReadBufferSize(share);
+    // Qt stops filling the read buffer once the last block it handed over is at least as large
+    // as the room left, so a buffer of small blocks may stop anywhere past its half, and no
+    // notification follows until we read: from the half on, the batch is committed at once.
+    if (reply->bytesAvailable() < share / 2) {
+        if (packetLimit() > packetCount) {
+            ++packetCount;
+            return;
+        }
+        if (sinceReport.elapsed() < reportInterval)
+            return;
     }
     packetCount = 0;
     if (!commitData())
@@ -480,6 +554,7 @@ void Download::transferStalled()
 
 void Download::report()
 {
+    sinceReport.start();
     manager->updateDownload(this);
 }
 
@@ -530,6 +605,7 @@ void Download::acceptReply(int status)
     // Bytes of an accepted answer are on their way: Progressing, with the total known now.
     verdict = ReplyVerdict::Accepted;
     state = Progressing;
+    setReceiving(true);
     const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
     const qint64 total = status == 206 ? rangeTotal : (length.isValid() ? length.toLongLong() : -1);
     if (totalSize == 0 && total > 0) {
@@ -565,11 +641,7 @@ void Download::completeFromRangeAnswer(qint64 completeLength)
 void Download::startOverWithoutRange(bool contentChanged)
 {
     // The partial answer does not continue our bytes; fetch the whole resource anew.
-    QNetworkReply *old = reply;
-    reply = nullptr;
-    old->disconnect(this);
-    old->abort();
-    old->deleteLater();
+    releaseReply();
     file.close();
     amountDownloaded = 0;
     if (contentChanged)

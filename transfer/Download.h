@@ -2,6 +2,7 @@
 
 #include "RetrySchedule.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QList>
 #include <QObject>
@@ -12,6 +13,7 @@
 class DownloadManager;
 class QNetworkAccessManager;
 class QNetworkReply;
+class QNetworkRequest;
 
 // One file fetched over HTTP for a client: the persisted record, the state machine and the
 // transfer that writes the content into filePath. Lives on the main thread; every change worth
@@ -98,10 +100,17 @@ private:
     enum class ReplyVerdict { Unchecked, Accepted, Rejected, Settled };
 
     void report();
+    // Puts the request on the wire once the request queue lets it go.
+    void sendRequest(const QNetworkRequest &request);
     // Moves what the reply holds into the file and counts it, without reporting.
     bool writeBuffered();
     // Stops the reply (if any) without touching the state; its notifications change nothing.
     void stopTransfer();
+    // Hands the reply (if any) to deleteLater() after cutting it off; gives back its place in
+    // the request queue and its share of the read-buffer budget.
+    void releaseReply();
+    // Joins or leaves the transfers that share the read-buffer budget.
+    void setReceiving(bool on);
     // The attempt failed: Stalled until the retry when the fault may pass, else Failed.
     void endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs = -1);
     void failLocalFile();
@@ -123,6 +132,9 @@ private:
     // Runs while the request is on the wire, restarted by every notification of the reply.
     QTimer stallTimer;
     RetrySchedule retry;
-    // Carries committed bytes from the reply to the file; kept for the length of a transfer.
-    QByteArray scratch;
+    // Counted among the transfers sharing the read-buffer budget.
+    bool sharesBudget = false;
+    // Since the last report: a batch waits for reportInterval ms ("DLM_REPORT_INTERVAL_MS").
+    QElapsedTimer sinceReport;
+    int reportInterval = 0;
 };
