@@ -8,6 +8,7 @@
 #include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 
 #include <QThread>
@@ -402,6 +403,8 @@ void DLBinderClient::binderDied(const wp<IBinder> &who)
 void DLBinderClient::updateDownloadEntry(Download *download)
 {
     BINDER_LOGD("DLBinderClient::notifyDownloadUpdate ");
+    // The callback's parcel is built once per report and sent to every client as it is.
+    Parcel update;
     for (size_t i = 0;; ++i) {
         sp<IDLClient> client;
         {
@@ -410,8 +413,13 @@ void DLBinderClient::updateDownloadEntry(Download *download)
                 break;
             client = eventClients[i];
         }
-        auto record = std::make_unique<IDownload>();
-        fillRecord(record.get(), download);
-        client->onDownloadUpdate(*record);
+        if (update.dataSize() == 0) {
+            IDownload record;
+            fillRecord(&record, download);
+            update.writeInterfaceToken(IDLClient::descriptor);
+            record.writeToParcel(&update);
+        }
+        IInterface::asBinder(client)->transact(
+            IDLClient::ON_DOWNLOAD_UPDATE, update, nullptr, IBinder::FLAG_ONEWAY);
     }
 }

@@ -38,7 +38,7 @@ public:
     {
         std::lock_guard<std::mutex> lock(mLock);
         mEvents.push_back(seq);
-        mPayloadOk = mPayloadOk && payload == std::string(16, 'p');
+        mPayloadOk = mPayloadOk && payload == std::string(2048, 'p');
     }
     int32_t compute(int32_t a, int32_t b) override
     {
@@ -247,7 +247,8 @@ void tst_Ipc::oneWayCallbacksArriveInOrder()
 {
     sp<RecordingCallback> cb = new RecordingCallback;
     QCOMPARE(mService->registerCallback(cb), NO_ERROR);
-    QCOMPARE(mService->fire(2000, 16), NO_ERROR);
+    // 4 MiB: more than the socket takes at once, so the calling and writer threads share sends.
+    QCOMPARE(mService->fire(2000, 2048), NO_ERROR);
     QTRY_COMPARE_WITH_TIMEOUT(cb->events().size(), size_t(2000), 20000);
     const std::vector<int32_t> events = cb->events();
     for (int32_t i = 0; i < int32_t(events.size()); ++i)
@@ -278,7 +279,7 @@ void tst_Ipc::killedClientIsReportedDead()
     QCOMPARE(mService->add(40, 2), 42);
     sp<RecordingCallback> cb = new RecordingCallback;
     QCOMPARE(mService->registerCallback(cb), NO_ERROR);
-    QCOMPARE(mService->fire(3, 16), NO_ERROR);
+    QCOMPARE(mService->fire(3, 2048), NO_ERROR);
     QTRY_COMPARE(cb->events().size(), size_t(3));
 }
 

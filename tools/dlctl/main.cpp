@@ -6,6 +6,7 @@
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -15,7 +16,9 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <pthread.h>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -24,10 +27,10 @@ using namespace android;
 namespace {
 
 const char kServiceName[] = "com.velta.DLService";
-volatile sig_atomic_t interrupted = 0;
-// Set while a loop polls `interrupted` and ends by itself; otherwise a signal ends dlctl at once,
+std::atomic<bool> interrupted { false };
+// Set while a loop ends by itself on SIGINT or SIGTERM; otherwise a signal ends dlctl at once,
 // wherever it waits (a connect, or a call to a service that does not answer).
-volatile sig_atomic_t endsByItself = 0;
+std::atomic<bool> endsByItself { false };
 
 int usage(FILE *out, int status)
 {
@@ -69,16 +72,22 @@ public:
         serviceDied = true;
         ready.notify_all();
     }
-    // False on time-out, interruption or the service's death.
+    // Wakes a waiting next() once `interrupted` is set.
+    void interrupt()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ready.notify_all();
+    }
+    // Waits until an update arrives, without a time-out when timeoutMs is negative. False on
+    // time-out, interruption or the service's death.
     bool next(IDownload *out, int timeoutMs)
     {
         std::unique_lock<std::mutex> lock(mutex);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (updates.empty() && !serviceDied && !interrupted) {
-            if (timeoutMs >= 0 && std::chrono::steady_clock::now() >= deadline)
-                return false;
-            ready.wait_for(lock, std::chrono::milliseconds(100));
-        }
+        const auto woken = [this] { return !updates.empty() || serviceDied || interrupted; };
+        if (timeoutMs < 0)
+            ready.wait(lock, woken);
+        else
+            ready.wait_for(lock, std::chrono::milliseconds(timeoutMs), woken);
         if (updates.empty())
             return false;
         *out = std::move(updates.front());
@@ -149,23 +158,27 @@ bool parseSize(const std::string &text, long long *size)
     return errno == 0 && end && *end == '\0' && *size >= 0;
 }
 
-void onSignal(int signal)
+// SIGINT and SIGTERM are blocked in every thread and taken by one that waits for them, so the
+// others wait without polling. Call before any other thread starts: they inherit the mask.
+void handleSignals(const sp<UpdateQueue> &events)
 {
-    if (!endsByItself)
-        _exit(128 + signal);
-    interrupted = 1;
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::thread([set, events] {
+        int signal = 0;
+        while (sigwait(&set, &signal) == 0) {
+            if (!endsByItself)
+                _exit(128 + signal);
+            interrupted = true;
+            events->interrupt();
+        }
+    }).detach();
 }
 
-// Without SA_RESTART, so that a blocked connect returns instead of starting over.
-void handleSignal(int signal)
-{
-    struct sigaction action {};
-    action.sa_handler = onSignal;
-    sigemptyset(&action.sa_mask);
-    sigaction(signal, &action, nullptr);
-}
-
-sp<IDLService> connectService(sp<UpdateQueue> *events)
+sp<IDLService> connectService(const sp<UpdateQueue> &events)
 {
     ProcessState::self()->startThreadPool();
     sp<IBinder> binder = defaultServiceManager()->checkService(String16(kServiceName));
@@ -185,8 +198,7 @@ sp<IDLService> connectService(sp<UpdateQueue> *events)
                     strerror(why));
         return nullptr;
     }
-    *events = new UpdateQueue;
-    binder->linkToDeath(*events);
+    binder->linkToDeath(events);
     return interface_cast<IDLService>(binder);
 }
 
@@ -289,12 +301,10 @@ int run(int argc, char **argv)
     if (!known)
         return usage(stderr, 64);
 
-    handleSignal(SIGINT);
-    handleSignal(SIGTERM);
     signal(SIGPIPE, SIG_IGN);
-
-    sp<UpdateQueue> events;
-    const sp<IDLService> service = connectService(&events);
+    const sp<UpdateQueue> events = new UpdateQueue;
+    handleSignals(events);
+    const sp<IDLService> service = connectService(events);
     if (service == nullptr)
         return 2;
     const std::string arg = n ? o.positional[0] : std::string();
@@ -393,12 +403,12 @@ int run(int argc, char **argv)
     }
     // watch: ends with SIGINT or SIGTERM
     service->addClient(events);
-    endsByItself = 1;
+    endsByItself = true;
     const bool terminal = isatty(STDOUT_FILENO);
     ProgressView view(stdout);
     IDownload update;
     while (!interrupted) {
-        if (!events->next(&update, 500)) {
+        if (!events->next(&update, -1)) {
             if (events->died()) {
                 fprintf(stderr, "dlctl: the download service went away\n");
                 return 2;
@@ -410,7 +420,7 @@ int run(int argc, char **argv)
         else
             printf("%s%s\n", recordLine(update).c_str(), stateNote(update).c_str());
     }
-    endsByItself = 0;
+    endsByItself = false;
     service->removeClient(events);
     return 0;
 }

@@ -148,6 +148,19 @@ status_t Connection::fromWireLocked(wire::Frame &frame, Parcel *parcel)
 
 bool Connection::queueLocked(std::vector<uint8_t> &&bytes)
 {
+    // Nothing ahead of this frame: the calling thread sends it without blocking, and the writer
+    // thread is woken only for what the socket does not take at once.
+    if (mOut.empty() && !mWriting) {
+        ssize_t n = 0;
+        do
+            n = ::send(mFd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        while (n < 0 && errno == EINTR);
+        if (n == ssize_t(bytes.size()))
+            return true;
+        // A failed socket fails the writer's send as well, which shuts the connection down.
+        if (n > 0)
+            bytes.erase(bytes.begin(), bytes.begin() + n);
+    }
     if (mOutBytes + bytes.size() > kMaxQueuedOutBytes || mOut.size() >= kMaxQueuedOutFrames)
         return false;
     mOutBytes += bytes.size();
@@ -405,17 +418,17 @@ void Connection::readLoop()
 
 void Connection::writeLoop()
 {
+    std::unique_lock<std::mutex> lock(mLock);
     for (;;) {
-        std::vector<uint8_t> bytes;
-        {
-            std::unique_lock<std::mutex> lock(mLock);
-            mWriterCv.wait(lock, [this] { return mDead || !mOut.empty(); });
-            if (mDead)
-                return;
-            bytes = std::move(mOut.front());
-            mOut.pop_front();
-            mOutBytes -= bytes.size();
-        }
+        mWriting = false;
+        mWriterCv.wait(lock, [this] { return mDead || !mOut.empty(); });
+        if (mDead)
+            return;
+        std::vector<uint8_t> bytes = std::move(mOut.front());
+        mOut.pop_front();
+        mOutBytes -= bytes.size();
+        mWriting = true;
+        lock.unlock();
         size_t sent = 0;
         while (sent < bytes.size()) {
             const ssize_t n = ::send(mFd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
@@ -427,6 +440,7 @@ void Connection::writeLoop()
             }
             sent += size_t(n);
         }
+        lock.lock();
     }
 }
 

@@ -15,8 +15,9 @@
 namespace android {
 
 // One socket to one peer process, carrying calls in both directions. A reader thread takes
-// frames off the socket; a writer thread drains a bounded queue so no caller blocks on a slow
-// peer. Objects we send are exported (kept alive) until the connection closes. Any read or write
+// frames off the socket. A frame with nothing queued ahead of it is sent by the calling thread
+// as far as the socket takes it without blocking; a writer thread drains the rest from a bounded
+// queue, so no caller blocks on a slow peer. Objects we send are exported (kept alive) until the connection closes. Any read or write
 // failure, protocol violation or overflow shuts the connection down and reports its proxies dead.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
@@ -80,6 +81,8 @@ private:
     std::condition_variable mWriterCv;
     std::deque<std::vector<uint8_t>> mOut;
     size_t mOutBytes = 0;
+    // The writer thread is sending a frame it took off mOut.
+    bool mWriting = false;
     uint64_t mNextTxn = 1;
     std::map<uint64_t, Pending *> mPending;
     uint64_t mNextExport = 1;
