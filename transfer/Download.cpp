@@ -282,7 +282,7 @@ void Download::launch()
     // Our own stall timer, not the request's transfer timeout: that one also counts the time a
     // request waits for one of the few connections per host.
     stallTimer.stop();
-    stallTimer.setInterval(transferTimeoutMs());
+    stallTimeoutMs = transferTimeoutMs();
     requestOffset = 0;
     if (amountDownloaded != 0) {
         if (prepareFile(amountDownloaded)) {
@@ -536,20 +536,30 @@ void Download::replyMetaDataChanged()
 
 void Download::restartStallTimer()
 {
-    if (!attemptSettled)
-        stallTimer.start();
+    if (attemptSettled)
+        return;
+    // Re-arming a timer at every notification costs more than the notification itself on a slow
+    // link: the running timer is left alone and checks the time of the last notification.
+    lastActivity.start();
+    if (!stallTimer.isActive())
+        stallTimer.start(stallTimeoutMs);
 }
 
 void Download::transferStalled()
 {
     if (attemptSettled || !reply)
         return;
+    const qint64 quiet = lastActivity.elapsed();
+    if (quiet < stallTimeoutMs) {
+        stallTimer.start(int(stallTimeoutMs - quiet));
+        return;
+    }
     if (verdict == ReplyVerdict::Accepted && !writeBuffered()) {
         failLocalFile();
         return;
     }
     endAttempt(FAILURE_NETWORK,
-        QStringLiteral("nothing received for %1 ms").arg(stallTimer.interval()), true);
+        QStringLiteral("nothing received for %1 ms").arg(stallTimeoutMs), true);
 }
 
 void Download::report()

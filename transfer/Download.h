@@ -129,8 +129,11 @@ private:
     // Set once this attempt's outcome is decided (or it was stopped): later notifications of
     // its reply change nothing.
     bool attemptSettled = false;
-    // Runs while the request is on the wire, restarted by every notification of the reply.
+    // Runs while the request is on the wire; the attempt stalls once the reply has been quiet for
+    // stallTimeoutMs since lastActivity, its last notification.
     QTimer stallTimer;
+    QElapsedTimer lastActivity;
+    int stallTimeoutMs = 0;
     RetrySchedule retry;
     // Counted among the transfers sharing the read-buffer budget.
     bool sharesBudget = false;
