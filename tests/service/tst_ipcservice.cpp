@@ -152,7 +152,8 @@ void tst_IpcService::createOverIpcWritesExactBytesAndTellsTheConsole()
 void tst_IpcService::controlByIdentifierAndAll()
 {
     FakeHttpServer server;
-    const QByteArray body = slowBody(server, "/slow.bin", 400000);
+    // Long enough to outlast the dlctl calls below under sanitizers.
+    const QByteArray body = slowBody(server, "/slow.bin", 1200000);
     ServiceProcess service;
     startService(service);
 
