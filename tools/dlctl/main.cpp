@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <pthread.h>
 #include <string>
@@ -56,15 +57,26 @@ int usage(FILE *out, int status)
     return status;
 }
 
-// Collects update callbacks, which arrive on IPC pool threads, for the main thread.
+// Collects update callbacks, which arrive on IPC pool threads, for the main thread, or hands
+// them to a sink on the thread they arrive on.
 class UpdateQueue : public BnDLClient, public IBinder::DeathRecipient
 {
 public:
     void onDownloadUpdate(IDownload download) override
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (sink) {
+            sink(download);
+            return;
+        }
         updates.push_back(std::move(download));
         ready.notify_all();
+    }
+    // From now on, updates go to sink (none when empty), one at a time and in order.
+    void setSink(std::function<void(const IDownload &)> f)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        sink = std::move(f);
     }
     void binderDied(const wp<IBinder> &) override
     {
@@ -104,6 +116,7 @@ private:
     std::mutex mutex;
     std::condition_variable ready;
     std::deque<IDownload> updates;
+    std::function<void(const IDownload &)> sink;
     bool serviceDied = false;
 };
 
@@ -401,24 +414,24 @@ int run(int argc, char **argv)
             return 2;
         }
     }
-    // watch: ends with SIGINT or SIGTERM
-    service->addClient(events);
-    endsByItself = true;
+    // watch: ends with SIGINT or SIGTERM. Updates are printed by the thread that receives them:
+    // handing each to the main thread cost a third thread wake-up per update.
     const bool terminal = isatty(STDOUT_FILENO);
     ProgressView view(stdout);
-    IDownload update;
-    while (!interrupted) {
-        if (!events->next(&update, -1)) {
-            if (events->died()) {
-                fprintf(stderr, "dlctl: the download service went away\n");
-                return 2;
-            }
-            continue;
-        }
+    events->setSink([&](const IDownload &update) {
         if (terminal)
             view.update(update);
         else
             printf("%s%s\n", recordLine(update).c_str(), stateNote(update).c_str());
+    });
+    service->addClient(events);
+    endsByItself = true;
+    IDownload none;
+    events->next(&none, -1); // returns on interruption or the service's death
+    events->setSink(nullptr);
+    if (events->died()) {
+        fprintf(stderr, "dlctl: the download service went away\n");
+        return 2;
     }
     endsByItself = false;
     service->removeClient(events);
