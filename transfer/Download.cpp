@@ -424,6 +424,12 @@ bool Download::writeBuffered()
     // Copied through one reused buffer: a fresh array per batch would fault in every page again.
     qint64 committed = 0;
     if (reply) {
+        // The reply takes up its share of the budget as transfers start and end, changed only
+        // here: Qt learns a new bound before the reads that follow free the buffer, so it never
+        // stops short under a bound the notifications no longer compare with.
+        const qint64 share = readBufferShare();
+        if (reply->readBufferSize() != share)
+            reply->setReadBufferSize(share);
         QByteArray &scratch = scratchBuffer();
         if (scratch.size() != kScratchSize)
             scratch.resize(kScratchSize);
@@ -506,14 +512,10 @@ void Download::dataReadyRead()
     if (reply != handled || attemptSettled || judged != ReplyVerdict::Accepted)
         return;
 
-    // The reply takes up its share of the budget as transfers start and end.
-    const qint64 share = readBufferShare();
-    if (reply->readBufferSize() != share)
-        reply->setReadBufferSize(share);
     // Qt stops filling the read buffer once the last block it handed over is at least as large
     // as the room left, so a buffer of small blocks may stop anywhere past its half, and no
     // notification follows until we read: from the half on, the batch is committed at once.
-    if (reply->bytesAvailable() < share / 2) {
+    if (reply->bytesAvailable() < reply->readBufferSize() / 2) {
         if (packetLimit() > packetCount) {
             ++packetCount;
             return;
