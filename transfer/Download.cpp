@@ -21,7 +21,7 @@ namespace {
 // file still reads in large blocks.
 constexpr qint64 kReadBudget = 32 * 1024 * 1024;
 constexpr qint64 kMinReadBufferSize = 64 * 1024;
-constexpr qint64 kMaxReadBufferSize = 2 * 1024 * 1024;
+constexpr qint64 kMaxReadBufferSize = 8 * 1024 * 1024;
 // Size of the buffer that carries a batch from a reply to its file.
 constexpr int kScratchSize = 256 * 1024;
 constexpr int kDefaultPacketLimit = 10;
