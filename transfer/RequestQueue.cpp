@@ -1,5 +1,6 @@
 #include "RequestQueue.h"
 
+#include <QTimer>
 #include <QUrl>
 
 RequestQueue &RequestQueue::instance()
@@ -21,7 +22,8 @@ void RequestQueue::enter(const void *owner, const QString &origin, std::function
 {
     leave(owner);
     Origin &entry = origins[origin];
-    const bool wait = entry.running >= kPerOrigin;
+    // Never ahead of a request that waits: its slot is on the way.
+    const bool wait = entry.running >= kPerOrigin || !entry.waiting.isEmpty();
     owners.insert(owner, { origin, wait });
     if (wait) {
         entry.waiting.append({ owner, std::move(start) });
@@ -42,19 +44,26 @@ void RequestQueue::leave(const void *owner)
     Origin &entry = origins[origin];
     if (waiting) {
         entry.waiting.removeIf([owner](const auto &w) { return w.first == owner; });
-        return;
+    } else {
+        --entry.running;
+        // Started from the event loop, not from inside the caller (often a transfer that is
+        // ending); "pause all" drops every waiting request before any of them would start.
+        if (!entry.waiting.isEmpty())
+            QTimer::singleShot(0, [this, origin] { startWaiting(origin); });
     }
-    --entry.running;
-    if (entry.waiting.isEmpty()) {
-        if (entry.running == 0)
-            origins.remove(origin);
-        return;
+    if (entry.running == 0 && entry.waiting.isEmpty())
+        origins.remove(origin);
+}
+
+void RequestQueue::startWaiting(const QString &origin)
+{
+    for (;;) {
+        const auto entry = origins.find(origin);
+        if (entry == origins.end() || entry->running >= kPerOrigin || entry->waiting.isEmpty())
+            return;
+        auto [owner, start] = entry->waiting.takeFirst();
+        owners[owner].second = false;
+        ++entry->running;
+        start(); // may enter or leave: the entry is looked up again
     }
-    // The slot passes on; the started request may itself leave or enter, so nothing of the
-    // entry is used after start().
-    std::function<void()> start = std::move(entry.waiting.first().second);
-    owners[entry.waiting.first().first].second = false;
-    entry.waiting.removeFirst();
-    ++entry.running;
-    start();
 }

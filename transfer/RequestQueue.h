@@ -21,16 +21,18 @@ public:
     // "scheme://host:port" of a URL: what one set of connections serves.
     static QString originOf(const QString &url);
 
-    // Runs start at once when the origin has a free slot, else when one is given back. An owner
-    // holds or waits for one slot at a time.
+    // Runs start at once when the origin has a free slot and nothing waits for one, else from
+    // the event loop once a slot is given back. An owner holds or waits for one slot at a time.
     void enter(const void *owner, const QString &origin, std::function<void()> start);
-    // Gives the owner's slot back, which may start the next waiting request at once, or drops
-    // its wait. Nothing happens for an owner that neither holds nor waits.
+    // Gives the owner's slot back to the next waiting request, or drops the owner's wait.
+    // Nothing happens for an owner that neither holds nor waits.
     void leave(const void *owner);
     // No request holds or waits for a slot.
     bool isIdle() const { return owners.isEmpty(); }
 
 private:
+    void startWaiting(const QString &origin);
+
     struct Origin {
         int running = 0;
         QList<QPair<const void *, std::function<void()>>> waiting;

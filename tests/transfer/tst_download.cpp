@@ -534,7 +534,8 @@ void tst_Download::pauseWhilePendingPausesOnce()
     d->pause();
     d->pause();
     QCOMPARE(d->state, unsigned(Download::Paused));
-    QVERIFY(!more[5]->reply && more[6]->reply);
+    QTRY_VERIFY_WITH_TIMEOUT(more[6]->reply, kWait);
+    QVERIFY(!more[5]->reply);
     QTRY_COMPARE_WITH_TIMEOUT(server->openConnections(), 6, kWait);
     d->resume();
     QStringList states;
