@@ -44,10 +44,21 @@ bool DownloadDataBase::open(const QString &path)
                     + QStringLiteral(" (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
                                      "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, "
                                      "failureCode NUMERIC, totalSize NUMERIC, amountDownloaded "
-                                     "NUMERIC, startTime NUMERIC);"),
+                                     "NUMERIC, startTime NUMERIC, ownerUid INTEGER NOT NULL "
+                                     "DEFAULT 0);"),
                 {})) {
             // A file that is no database stays untouched; later calls find a closed connection
             // instead of failing (and logging) on every report.
+            close();
+            return false;
+        }
+    } else if (!db.record(kTable).contains(QStringLiteral("ownerUid"))) {
+        // Rows stored before owners were kept belong to root.
+        QSqlQuery query;
+        if (!run(query,
+                QStringLiteral("ALTER TABLE ") + kTable
+                    + QStringLiteral(" ADD COLUMN ownerUid INTEGER NOT NULL DEFAULT 0"),
+                {})) {
             close();
             return false;
         }
@@ -134,11 +145,11 @@ bool DownloadDataBase::addEntry(Download *download)
     return run(query,
         QStringLiteral("INSERT INTO ") + kTable
             + QStringLiteral(" (uniqueID, clientID, name, contentURL, filePath, state")
-            + QStringLiteral(", failureCode, totalSize, amountDownloaded, startTime)")
-            + QStringLiteral(" VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+            + QStringLiteral(", failureCode, totalSize, amountDownloaded, startTime, ownerUid)")
+            + QStringLiteral(" VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
         { download->uniqueID, download->clientID, download->name, download->contentURL,
             download->filePath, download->state, download->failureCode, download->totalSize,
-            download->amountDownloaded, download->startTime });
+            download->amountDownloaded, download->startTime, download->ownerUid });
 }
 
 bool DownloadDataBase::updateEntry(Download *download)
@@ -169,7 +180,11 @@ void DownloadDataBase::getDownloadList()
 {
     QSqlQuery query;
     query.setForwardOnly(true);
-    if (!run(query, QStringLiteral("SELECT * FROM ") + kTable + QStringLiteral(";"), {}))
+    if (!run(query,
+            QStringLiteral("SELECT uniqueID, clientID, name, contentURL, filePath, state, "
+                           "failureCode, totalSize, amountDownloaded, startTime, ownerUid FROM ")
+                + kTable,
+            {}))
         return;
     // Each row goes to the manager at once: launching it updates that same row on this
     // connection before the next one is read.
@@ -177,7 +192,7 @@ void DownloadDataBase::getDownloadList()
         manager->createDownload(query.value(0).toString(), query.value(1).toString(),
             query.value(2).toString(), query.value(3).toString(), query.value(4).toString(),
             query.value(5).toUInt(), query.value(6).toUInt(), query.value(7).toLongLong(),
-            query.value(8).toLongLong(), query.value(9).toLongLong());
+            query.value(8).toLongLong(), query.value(9).toLongLong(), query.value(10).toUInt());
     }
 }
 

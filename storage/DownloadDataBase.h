@@ -9,7 +9,8 @@ class Download;
 class DownloadManager;
 class QSqlQuery;
 
-// The "downloads" table in SQLite, one row per download, and the "download_paths" table, one
+// The "downloads" table in SQLite, one row per download with its owner's uid (a column added in
+// place to older files, their rows read as root's), and the "download_paths" table, one
 // directory per (owner uid, client id), on Qt's default connection. Main thread only. Every
 // failure is a false result (and one ERROR line in the platform log).
 class DownloadDataBase {

@@ -325,12 +325,9 @@ void Download::failLocalFile()
 
 bool Download::prepareFile(qint64 offset)
 {
-    if (!file.isOpen()) {
-        file.setFileName(filePath);
-        // Unbuffered: a committed byte is in the file before it is counted and stored.
-        if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered))
-            return false;
-    }
+    // Unbuffered: a committed byte is in the file before it is counted and stored.
+    if (!file.isOpen() && !file.openExisting(filePath, ownerUid))
+        return false;
     if (file.size() < offset)
         return false;
     return file.seek(offset);
@@ -338,11 +335,8 @@ bool Download::prepareFile(qint64 offset)
 
 bool Download::saveToDisk(QByteArray data)
 {
-    if (!file.isOpen()) {
-        file.setFileName(filePath);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
-            return false;
-    }
+    if (!file.isOpen() && !file.openFresh(filePath, ownerUid))
+        return false;
     if (data.isEmpty())
         return true;
     return file.write(data) == data.size();
