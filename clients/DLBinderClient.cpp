@@ -298,10 +298,6 @@ int DLBinderClient::listDownloadsPage(const std::string &clientID, const std::st
 int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const long long &size)
 {
     BINDER_LOGD("checkSpaceAvailability client ID: %s size:%lld", clientID.c_str(), size);
-    if (size < 0) {
-        BINDER_LOGE("checkSpaceAvailability refused: negative size %lld", size);
-        return android::BAD_VALUE;
-    }
     const QString client = textIn(clientID);
     const long long wanted = size;
     const uint uid = callerUid();

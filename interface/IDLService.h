@@ -62,8 +62,8 @@ public:
     virtual int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) = 0;
     // 1 and record filled when found, 0 when not.
     virtual int getDownload(const std::string &uniqueID, IDownload *download) = 0;
-    // 0 fits, 1 does not fit, 2 directory missing or free space unknown; BAD_VALUE (negative)
-    // for a negative size.
+    // 0 fits, 1 does not fit, 2 directory missing or free space unknown. A negative size is
+    // refused with BAD_VALUE.
     virtual int checkSpaceAvailability(const std::string &clientID, const long long &size) = 0;
     // The directory of the client's next downloads; a DownloadPathStatus.
     virtual int32_t setDownloadPath(const std::string &clientID,
