@@ -9,7 +9,7 @@ namespace filetrust {
 
 QString distrust(const QString &path)
 {
-    struct stat st {};
+    struct stat st { };
     if (::stat(QFile::encodeName(path).constData(), &st) != 0)
         return QString();
     if (st.st_uid != 0 && st.st_uid != geteuid())

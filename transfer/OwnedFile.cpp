@@ -48,7 +48,7 @@ bool OwnedFile::adopt(int fd, uid_t expectedOwner, bool empty, QIODevice::OpenMo
 {
     if (fd < 0)
         return false;
-    struct stat st {};
+    struct stat st { };
     int why = 0;
     if (fstat(fd, &st) != 0)
         why = errno;
