@@ -211,6 +211,9 @@ void DownloadManager::quit()
     for (DLBaseClient *client : oldClients)
         client->destroy();
 
+    // Rows still behind are written while their downloads exist.
+    if (database)
+        database->flush();
     const QList<Download *> oldDownloads = downloads;
     downloads.clear();
     qDeleteAll(oldDownloads);
@@ -464,12 +467,8 @@ void DownloadManager::abortDownload(const QString &uniqueID)
 
 void DownloadManager::updateDownload(Download *download)
 {
-    if (database) {
-        if (database->isDBEntryAvailable(download->uniqueID))
-            database->updateEntry(download);
-        else
-            database->addEntry(download);
-    }
+    if (database)
+        database->store(download);
     for (DLBaseClient *client : qAsConst(clients))
         client->updateDownloadEntry(download);
 }

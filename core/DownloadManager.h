@@ -89,7 +89,9 @@ public:
     void resumeDownload(const QString &uniqueID, uint callerUid = 0);
     void restartDownload(const QString &uniqueID);
     void abortDownload(const QString &uniqueID);
-    // The change hub: stores the record, then announces it to every client in list order.
+    // The change hub: stores the record (a change of state at once, progress with the other
+    // changed rows at the next turn of the event loop), then announces it to every client in
+    // list order.
     void updateDownload(Download *download);
     Download *getDownload(const QString &uniqueID, uint callerUid = 0);
     QList<Download *> getDownloadList(const QString &clientID, uint callerUid = 0);

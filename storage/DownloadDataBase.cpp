@@ -8,9 +8,19 @@
 #include <QSqlQuery>
 #include <QSqlRecord>
 
+#include <utility>
+
 namespace {
 const QString kTable = QStringLiteral("downloads");
 const QString kPathsTable = QStringLiteral("download_paths");
+// Columns a request sets once (client, URL, file, start, owner) are never rewritten.
+const QString kUpsert = QStringLiteral(
+    "INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state, failureCode, "
+    "totalSize, amountDownloaded, startTime, ownerUid) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) "
+    "ON CONFLICT(uniqueID) DO UPDATE SET state = excluded.state, name = excluded.name, "
+    "failureCode = excluded.failureCode, totalSize = excluded.totalSize, "
+    "amountDownloaded = excluded.amountDownloaded");
+const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
 
 QByteArray local(const QString &text)
 {
@@ -20,6 +30,9 @@ QByteArray local(const QString &text)
 
 DownloadDataBase::DownloadDataBase(DownloadManager *manager, const QString &path) : manager(manager)
 {
+    flushTimer.setSingleShot(true);
+    flushTimer.setInterval(0);
+    QObject::connect(&flushTimer, &QTimer::timeout, [this] { flush(); });
     open(path);
 }
 
@@ -73,6 +86,13 @@ bool DownloadDataBase::open(const QString &path)
         return false;
     }
     useWriteAheadLog();
+    upsert = QSqlQuery(db);
+    exists = QSqlQuery(db);
+    exists.setForwardOnly(true);
+    if (!prepare(upsert, kUpsert) || !prepare(exists, kExists)) {
+        close();
+        return false;
+    }
     return true;
 }
 
@@ -94,15 +114,25 @@ bool DownloadDataBase::useWriteAheadLog()
 bool DownloadDataBase::run(QSqlQuery &query, const QString &statement, const QVariantList &values)
 {
     // Without a connection the service runs on in memory; the failed open was logged once.
-    if (!db.isOpen())
-        return false;
+    return db.isOpen() && prepare(query, statement) && exec(query, statement, values);
+}
+
+bool DownloadDataBase::prepare(QSqlQuery &query, const QString &statement)
+{
     if (!query.prepare(statement)) {
         DLM_LOGE("Unable to prepare \"%s\": %s", local(statement).constData(),
             local(query.lastError().text()).constData());
         return false;
     }
-    for (const QVariant &value : values)
-        query.addBindValue(value);
+    return true;
+}
+
+bool DownloadDataBase::exec(QSqlQuery &query, const QString &statement, const QVariantList &values)
+{
+    if (!db.isOpen())
+        return false;
+    for (int i = 0; i < values.size(); ++i)
+        query.bindValue(i, values.at(i));
     if (!query.exec()) {
         DLM_LOGE("Unable to execute \"%s\": %s", local(statement).constData(),
             local(query.lastError().text()).constData());
@@ -113,6 +143,11 @@ bool DownloadDataBase::run(QSqlQuery &query, const QString &statement, const QVa
 
 void DownloadDataBase::close()
 {
+    flush();
+    flushTimer.stop();
+    writtenState.clear();
+    upsert = QSqlQuery();
+    exists = QSqlQuery();
     if (db.isOpen())
         db.close();
 }
@@ -126,15 +161,11 @@ bool DownloadDataBase::isTableInDB()
 
 bool DownloadDataBase::isDBEntryAvailable(const QString &uniqueID)
 {
-    if (!db.isOpen())
+    if (!exec(exists, kExists, { uniqueID }))
         return false;
-    QSqlQuery query;
-    query.setForwardOnly(true);
-    if (!run(query,
-            QStringLiteral("SELECT * FROM ") + kTable + QStringLiteral(" WHERE uniqueID = ?"),
-            { uniqueID }))
-        return false;
-    return query.next();
+    const bool found = exists.next();
+    exists.finish();
+    return found;
 }
 
 bool DownloadDataBase::addEntry(Download *download)
@@ -166,8 +197,60 @@ bool DownloadDataBase::updateEntry(Download *download)
             download->amountDownloaded, download->uniqueID });
 }
 
+void DownloadDataBase::store(Download *download)
+{
+    if (!db.isOpen())
+        return;
+    pending.insert(download);
+    const auto written = writtenState.constFind(download);
+    if (written == writtenState.constEnd() || written.value() != download->state)
+        flush();
+    else if (!flushTimer.isActive())
+        flushTimer.start();
+}
+
+bool DownloadDataBase::flush()
+{
+    if (pending.isEmpty())
+        return true;
+    const QSet<Download *> rows = std::exchange(pending, {});
+    // One commit for the lot; a failed begin still writes each row on its own.
+    const bool transaction = db.transaction();
+    bool written = true;
+    for (Download *download : rows)
+        written = write(download) && written;
+    if (transaction && !db.commit()) {
+        DLM_LOGE("Unable to commit %d rows: %s", int(rows.size()),
+            local(db.lastError().text()).constData());
+        db.rollback();
+        for (Download *download : rows)
+            writtenState.remove(download);
+        return false;
+    }
+    return written;
+}
+
+bool DownloadDataBase::write(Download *download)
+{
+    if (!exec(upsert, kUpsert,
+            { download->uniqueID, download->clientID, download->name, download->contentURL,
+                download->filePath, download->state, download->failureCode, download->totalSize,
+                download->amountDownloaded, download->startTime, download->ownerUid }))
+        return false;
+    writtenState.insert(download, download->state);
+    return true;
+}
+
+void DownloadDataBase::forget(Download *download)
+{
+    pending.remove(download);
+    writtenState.remove(download);
+}
+
 bool DownloadDataBase::deleteEntry(Download *download)
 {
+    // A pending write would bring the row back.
+    forget(download);
     if (!isDBEntryAvailable(download->uniqueID))
         return false;
     QSqlQuery query;

@@ -255,7 +255,20 @@ void tst_DownloadDataBase::reportInsertsThenUpdatesOneRow()
     download->amountDownloaded = 200000;
     manager->updateDownload(download.get());
     QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(download.get()) });
+
+    // Progress waits for the next turn of the event loop, and the last report of a turn counts.
+    const QVariantList progressing = values(download.get());
+    for (qint64 amount : { 300000, 400000 }) {
+        download->amountDownloaded = amount;
+        manager->updateDownload(download.get());
+    }
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { progressing });
+    QCoreApplication::processEvents();
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(download.get()) });
+    download->amountDownloaded = 500000; // still behind when the service stops
+    manager->updateDownload(download.get());
     stopManager(manager);
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(download.get()) });
 }
 
 void tst_DownloadDataBase::addOfStoredKeyIsRefused()
