@@ -297,9 +297,12 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
         download->state = Download::Failed;
         return;
     }
-    // A failed download waits for a resume; a stalled one tries again at once.
-    if (download->state != Download::Paused && download->state != Download::Failed)
-        download->launch();
+    // A failed download waits for a resume; a stalled one tries again at once. Only a launch is
+    // logged: a line for every stored row was most of the start-up time with a long history.
+    if (download->state == Download::Paused || download->state == Download::Failed ||
+        download->state == Download::Completed)
+        return;
+    download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
              download->uniqueID.toLocal8Bit().constData(),
              download->contentURL.toLocal8Bit().constData());

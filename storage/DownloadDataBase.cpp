@@ -271,8 +271,11 @@ void DownloadDataBase::getDownloadList()
         return;
     // Each row goes to the manager at once: launching it updates that same row on this
     // connection before the next one is read.
+    // Rows share few client identifiers: one copy each instead of one per row.
+    QSet<QString> clientIDs;
     while (query.next()) {
-        manager->createDownload(query.value(0).toString(), query.value(1).toString(),
+        const QString clientID = *clientIDs.insert(query.value(1).toString());
+        manager->createDownload(query.value(0).toString(), clientID,
             query.value(2).toString(), query.value(3).toString(), query.value(4).toString(),
             query.value(5).toUInt(), query.value(6).toUInt(), query.value(7).toLongLong(),
             query.value(8).toLongLong(), query.value(9).toLongLong(), query.value(10).toUInt());
