@@ -26,6 +26,9 @@
 #include <atomic>
 #include <chrono>
 #include <fcntl.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <unistd.h>
 
 namespace {
@@ -82,6 +85,9 @@ DownloadManager::DownloadManager(const QString &settingsPath)
       settingsPath(settingsPath)
 {
     networkManager = new QNetworkAccessManager(this);
+    idleTimer.setSingleShot(true);
+    idleTimer.setInterval(500);
+    connect(&idleTimer, &QTimer::timeout, this, &DownloadManager::releaseIdleMemory);
     loadSettings();
     maxRetries = countSetting(QStringLiteral("max_retries"), RetrySchedule::kDefaultMaxRetries);
     maxDownloadsPerUser =
@@ -472,8 +478,25 @@ void DownloadManager::updateDownload(Download *download)
 {
     if (database)
         database->store(download);
+    if (download->state != Download::Progressing && download->state != Download::Pending)
+        idleTimer.start();
     for (DLBaseClient *client : qAsConst(clients))
         client->updateDownloadEntry(download);
+}
+
+void DownloadManager::releaseIdleMemory()
+{
+    for (const Download *download : qAsConst(downloads)) {
+        if (download->state == Download::Progressing || download->state == Download::Pending)
+            return;
+    }
+    networkManager->clearConnectionCache();
+    if (database)
+        database->releaseMemory();
+#ifdef __GLIBC__
+    // glibc keeps freed memory of a burst mapped; nothing else returns it while the service idles.
+    malloc_trim(0);
+#endif
 }
 
 Download *DownloadManager::getDownload(const QString &uniqueID, uint callerUid)

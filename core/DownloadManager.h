@@ -8,6 +8,7 @@
 #include <QPair>
 #include <QSet>
 #include <QString>
+#include <QTimer>
 
 #include <functional>
 
@@ -136,6 +137,9 @@ private:
     void discard(Download *download);
     // Builds the IPC front end (not yet published).
     DLBaseClient *createBinderClient();
+    // Once no download is on the wire: drops idle connections and the database's cache, and
+    // gives freed heap back to the system, so a burst does not stay resident.
+    void releaseIdleMemory();
 
     QNetworkAccessManager *networkManager;
     QList<Download *> downloads;
@@ -151,6 +155,8 @@ private:
     // Setting "max_downloads_per_user": downloads one uid other than 0 may have at a time.
     int maxDownloadsPerUser;
     DirectoryLock databaseLock;
+    // Runs releaseIdleMemory() a moment after the last download stopped.
+    QTimer idleTimer;
     bool refused = false;
     bool quitting = false;
 };

@@ -47,6 +47,8 @@ public:
     bool flush();
     // The download is about to be destroyed: nothing of it is written any more.
     void forget(Download *download);
+    // Gives back the page cache SQLite holds for this connection.
+    void releaseMemory();
     // Hands every stored row to the manager's restore form of createDownload, in stored order.
     void getDownloadList();
     void clear();
