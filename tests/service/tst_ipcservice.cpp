@@ -545,19 +545,19 @@ void tst_IpcService::ownership()
     } else if (situation == "stranger") {
         server.resource("/f").stallAfter = 1000; // stays Progressing
         Client watcher("runuser", {"-u", b, "--", DLCTL_BINARY, "watch"}, service);
-        QCOMPARE(dlctl(service, {"create", url, "--id", "a1"}, a.name).code, 0);
+        QCOMPARE(dlctl(service, {"create", url, "--id", "theirs"}, a.name).code, 0);
         QVERIFY(service.waitForErr("status:  \"Progressing\""));
         for (const QString command : {"status", "pause", "remove"})
-            QVERIFY(dlctl(service, {command, "a1"}, b).err.contains("no download a1"));
+            QVERIFY(dlctl(service, {command, "theirs"}, b).err.contains("no download theirs"));
         QCOMPARE(dlctl(service, {"list"}, b).out, QByteArray());
         QCOMPARE(dlctl(service, {"pause", "all"}, b).code, 0);
         QVERIFY(service.waitForErr("all has been paused."));
-        QVERIFY(dlctl(service, {"list"}, a.name).out.startsWith("a1 dlctl Progressing 0 "));
-        QVERIFY(dlctl(service, {"list"}).out.startsWith("a1 dlctl Progressing 0 "));
+        QVERIFY(dlctl(service, {"list"}, a.name).out.startsWith("theirs dlctl Progressing 0 "));
+        QVERIFY(dlctl(service, {"list"}).out.startsWith("theirs dlctl Progressing 0 "));
         // Its own download's updates reach the watcher; the other one's never did.
         QCOMPARE(dlctl(service, {"create", server.url("/none").toString(), "--wait"}, b).code, 1);
         QVERIFY(watcher.waitForOut(" Failed "));
-        QVERIFY2(!watcher.out().contains("a1"), watcher.out());
+        QVERIFY2(!watcher.out().contains("theirs"), watcher.out());
     } else if (situation == "limit") {
         QCOMPARE(dlctl(service, {"create", url}, a.name).code, 0);
         const Result r = dlctl(service, {"create", url}, a.name);
