@@ -17,6 +17,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
+#include <unistd.h>
 
 using namespace android;
 
@@ -51,6 +52,14 @@ size_t recordBytes(const IDownload &r)
     for (const std::string *text : {&r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath})
         bytes += 4 + (text->size() + 3) / 4 * 4;
     return bytes;
+}
+
+// The caller of the call this pool thread serves, as the manager names callers: the service's
+// own user acts as root.
+uint callerUid()
+{
+    const uid_t uid = IPCThreadState::self()->getCallingUid();
+    return uid == geteuid() ? 0 : uint(uid);
 }
 
 } // namespace
@@ -148,11 +157,10 @@ void DLBinderClient::destroy()
         std::swap(queue, managerThread);
     }
     delete queue; // no pool thread can be inside post() any more
-    Vector<sp<IDLClient>> dropped;
+    std::vector<EventClient> dropped;
     {
         std::lock_guard<std::mutex> lock(eventClientsMutex);
-        dropped = eventClients;
-        eventClients.clear();
+        dropped.swap(eventClients);
     }
     dropped.clear();
     decStrong(this);
@@ -165,21 +173,24 @@ void DLBinderClient::createDownload(const std::string &clientID, const std::stri
                 url.c_str(), uniqueID.c_str(), name.c_str());
     const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
                   displayName = textIn(name);
-    post([&](DownloadManager *m) { m->createDownloadEvent(client, address, id, displayName); });
+    const uint uid = callerUid();
+    post([&](DownloadManager *m) { m->createDownloadEvent(client, address, id, displayName, uid); });
 }
 
 void DLBinderClient::pauseDownload(const std::string &uniqueID)
 {
     BINDER_LOGD("Pause download unique id:%s", uniqueID.c_str());
     const QString id = textIn(uniqueID);
-    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 0); });
+    const uint uid = callerUid();
+    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 0, uid); });
 }
 
 void DLBinderClient::resumeDownload(const std::string &uniqueID)
 {
     BINDER_LOGD("Resume download unique id:%s", uniqueID.c_str());
     const QString id = textIn(uniqueID);
-    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 1); });
+    const uint uid = callerUid();
+    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 1, uid); });
 }
 
 void DLBinderClient::removeDownload(const std::string &uniqueID)
@@ -190,7 +201,8 @@ void DLBinderClient::removeDownload(const std::string &uniqueID)
         return;
     }
     const QString id = textIn(uniqueID);
-    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 2); });
+    const uint uid = callerUid();
+    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 2, uid); });
 }
 
 int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download)
@@ -198,9 +210,10 @@ int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download
     BINDER_LOGD("getDownload uniqueID:%s", uniqueID.c_str());
     const QString id = textIn(uniqueID);
     using Found = std::pair<bool, IDownload>;
-    const Found found = askManager<Found>(Found(false, IDownload()), [id](DownloadManager *m) {
+    const uint uid = callerUid();
+    const Found found = askManager<Found>(Found(false, IDownload()), [id, uid](DownloadManager *m) {
         Found result(false, IDownload());
-        if (const Download *d = m->getDownload(id)) {
+        if (const Download *d = m->getDownload(id, uid)) {
             result.first = true;
             fillRecord(&result.second, d);
         }
@@ -222,10 +235,11 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
     const QString client = textIn(clientID);
     // (records, false) or, when they would not fit in one reply, (nothing, true).
     using Answer = std::pair<std::vector<IDownload>, bool>;
-    const Answer answer = askManager<Answer>({}, [client](DownloadManager *m) {
+    const uint uid = callerUid();
+    const Answer answer = askManager<Answer>({}, [client, uid](DownloadManager *m) {
         Answer result;
         size_t bytes = 0;
-        for (const Download *d : m->getDownloadList(client)) {
+        for (const Download *d : m->getDownloadList(client, uid)) {
             result.first.emplace_back();
             fillRecord(&result.first.back(), d);
             bytes += recordBytes(result.first.back());
@@ -256,9 +270,10 @@ int DLBinderClient::listDownloadsPage(const std::string &clientID, const std::st
 {
     BINDER_LOGD("listDownloadsPage client id:%s after:%s", clientID.c_str(), after.c_str());
     const QString client = textIn(clientID), cursor = textIn(after);
-    *page = askManager<std::vector<IDownload>>({}, [client, cursor](DownloadManager *m) {
+    const uint uid = callerUid();
+    *page = askManager<std::vector<IDownload>>({}, [client, cursor, uid](DownloadManager *m) {
         // Identifier order keeps the pages consistent while downloads come and go.
-        QList<Download *> downloads = m->getDownloadList(client);
+        QList<Download *> downloads = m->getDownloadList(client, uid);
         const auto end = std::remove_if(downloads.begin(), downloads.end(), [&](const Download *d) {
             return !cursor.isEmpty() && d->uniqueID <= cursor;
         });
@@ -286,8 +301,9 @@ int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const lo
     BINDER_LOGD("checkSpaceAvailability client ID: %s size:%lld", clientID.c_str(), size);
     const QString client = textIn(clientID);
     const long long wanted = size;
-    return askManager<int>(2, [client, wanted](DownloadManager *m) {
-        return m->checkDownloadPossible(client, wanted);
+    const uint uid = callerUid();
+    return askManager<int>(2, [client, wanted, uid](DownloadManager *m) {
+        return m->checkDownloadPossible(client, wanted, uid);
     });
 }
 
@@ -297,10 +313,12 @@ int32_t DLBinderClient::setDownloadPath(const std::string &clientID,
     BINDER_LOGD("setDownloadPath clientID:%s downloadPath %s", clientID.c_str(),
                 downloadPath.c_str());
     static_assert(int(DownloadManager::PathStatus::NotADirectory) == PATH_NOT_A_DIRECTORY &&
-                  int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE);
+                  int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE &&
+                  int(DownloadManager::PathStatus::NotPermitted) == PATH_NOT_PERMITTED);
     const QString client = textIn(clientID), path = textIn(downloadPath);
-    return askManager<int32_t>(DEAD_OBJECT, [client, path](DownloadManager *m) {
-        return int32_t(m->setDownloadPath(client, path));
+    const uint uid = callerUid();
+    return askManager<int32_t>(DEAD_OBJECT, [client, path, uid](DownloadManager *m) {
+        return int32_t(m->setDownloadPath(client, path, uid));
     });
 }
 
@@ -315,10 +333,11 @@ int32_t DLBinderClient::requestDownload(const std::string &clientID, const std::
     const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
                   displayName = textIn(name);
     using Answer = std::pair<int32_t, QString>;
+    const uint uid = callerUid();
     const Answer answer = askManager<Answer>(
-        Answer(DEAD_OBJECT, QString()), [client, address, id, displayName](DownloadManager *m) {
+        Answer(DEAD_OBJECT, QString()), [client, address, id, displayName, uid](DownloadManager *m) {
             QString created;
-            const auto status = m->createDownload(client, address, id, displayName, &created);
+            const auto status = m->createDownload(client, address, id, displayName, &created, uid);
             return Answer(int32_t(status), created);
         });
     if (uniqueIDOut)
@@ -338,7 +357,7 @@ void DLBinderClient::addClient(const sp<IDLClient> &client)
         std::lock_guard<std::mutex> lock(eventClientsMutex);
         size_t sameConnection = 0;
         for (size_t i = 0; i < eventClients.size() && !refusal; ++i) {
-            const sp<IBinder> entry = IInterface::asBinder(eventClients[i]);
+            const sp<IBinder> entry = IInterface::asBinder(eventClients[i].client);
             if (entry == binder)
                 refusal = "already registered";
             else if (entry->remoteBinder()->connection() == remote->connection())
@@ -349,7 +368,7 @@ void DLBinderClient::addClient(const sp<IDLClient> &client)
         else if (!refusal && eventClients.size() >= kMaxEventClients)
             refusal = "the limit of event clients is reached";
         if (!refusal)
-            eventClients.add(client);
+            eventClients.push_back({ client, callerUid() });
     }
     if (refusal) {
         BINDER_LOGW("Event client %p refused: %s", client.get(), refusal);
@@ -371,10 +390,10 @@ void DLBinderClient::removeClient(const sp<IDLClient> &client)
     {
         std::lock_guard<std::mutex> lock(eventClientsMutex);
         for (size_t i = 0; i < eventClients.size(); ++i) {
-            if (IInterface::asBinder(eventClients[i]).get() == binder.get()) {
+            if (IInterface::asBinder(eventClients[i].client).get() == binder.get()) {
                 BINDER_LOGD("Removing client %p", client.get());
-                removed = eventClients[i];
-                eventClients.removeAt(i);
+                removed = eventClients[i].client;
+                eventClients.erase(eventClients.begin() + long(i));
                 break;
             }
         }
@@ -390,10 +409,10 @@ void DLBinderClient::binderDied(const wp<IBinder> &who)
     {
         std::lock_guard<std::mutex> lock(eventClientsMutex);
         for (size_t i = 0; i < eventClients.size(); ++i) {
-            if (IInterface::asBinder(eventClients[i]).get() == binder.get()) {
-                BINDER_LOGD("Removing client %p from eventClients", eventClients[i].get());
-                removed = eventClients[i];
-                eventClients.removeAt(i);
+            if (IInterface::asBinder(eventClients[i].client).get() == binder.get()) {
+                BINDER_LOGD("Removing client %p from eventClients", eventClients[i].client.get());
+                removed = eventClients[i].client;
+                eventClients.erase(eventClients.begin() + long(i));
                 break;
             }
         }
@@ -411,7 +430,10 @@ void DLBinderClient::updateDownloadEntry(Download *download)
             std::lock_guard<std::mutex> lock(eventClientsMutex);
             if (i >= eventClients.size())
                 break;
-            client = eventClients[i];
+            // A caller sees only the downloads it may touch, in updates as in queries.
+            if (!DownloadManager::mayTouch(eventClients[i].uid, download))
+                continue;
+            client = eventClients[i].client;
         }
         if (update.dataSize() == 0) {
             IDownload record;

@@ -4,19 +4,21 @@
 #include "IDLService.h"
 
 #include <binder/IBinder.h>
-#include <utils/Vector.h>
 
 #include <functional>
 #include <mutex>
 #include <shared_mutex>
+#include <vector>
 
 class MainThreadQueue;
 
 // The service other processes reach as "com.velta.DLService". IPC calls arrive on pool threads:
 // requests that change downloads are posted to the manager; queries and the download path run
 // on the manager's thread while the pool thread waits, so they see a consistent state. Event
-// clients get every change from the manager's thread as one-way callbacks; no lock is held while
-// one is made. Reference counted: the manager and the IPC runtime each hold a reference.
+// clients get every change of the downloads their caller may see from the manager's thread as
+// one-way callbacks; no lock is held while one is made. Every call is judged by the caller's uid
+// as the IPC runtime reports it. Reference counted: the manager and the IPC runtime each hold a
+// reference.
 class DLBinderClient : public BnDLService,
                        public android::IBinder::DeathRecipient,
                        public DLBaseClient
@@ -64,7 +66,12 @@ private:
     // Posts a request to the manager unless it is gone.
     void post(const std::function<void(DownloadManager *)> &request);
 
-    android::Vector<android::sp<IDLClient>> eventClients;
+    struct EventClient
+    {
+        android::sp<IDLClient> client;
+        uint uid; // of the caller that registered it
+    };
+    std::vector<EventClient> eventClients;
     std::mutex eventClientsMutex;
     std::shared_mutex gate; // guards the manager pointer and the queue against quit()
     bool detached = false;

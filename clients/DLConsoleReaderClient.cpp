@@ -192,6 +192,9 @@ void DLConsoleReaderClient::HandleText(const QString &line)
         case DownloadManager::PathStatus::NotADirectory:
             qDebug("Path %s refused: no such directory.", path.constData());
             break;
+        case DownloadManager::PathStatus::NotPermitted: // only for callers other than root
+            qDebug("Path %s refused: not permitted.", path.constData());
+            break;
         }
     } else if (command == QLatin1String("quit")) {
         manager->quit(); // destroys this client: nothing of it may be touched after this call

@@ -9,6 +9,9 @@
 #include "Download.h"
 #include "DownloadDataBase.h"
 #include "FileNames.h"
+#include "FileTrust.h"
+#include "FsIdentity.h"
+#include "OwnedFile.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>
@@ -17,14 +20,51 @@
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QSettings>
+#include <QUrl>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <fcntl.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+#include <unistd.h>
 
 namespace {
 const QString kDefaultClientID = QStringLiteral("DEFAULT_CLIENT_ID");
 const QString kDefaultPath = QStringLiteral("/tmp/");
 const QString kAll = QStringLiteral("all");
+constexpr int kDefaultMaxDownloadsPerUser = 256;
+
+// Only http and https, as the URL's own scheme says: neither "httpfoo:" nor "HTTP:".
+bool isHttpUrl(const QString &url)
+{
+    const QUrl parsed(url);
+    const QString scheme = url.section(QLatin1Char(':'), 0, 0);
+    return parsed.isValid() && !parsed.host().isEmpty()
+        && (scheme == QLatin1String("http") || scheme == QLatin1String("https"));
+}
+
+// Why a stored row may not be carried out: it must look like a request this service accepts.
+QString storedRowFault(const Download *download)
+{
+    if (!isHttpUrl(download->contentURL))
+        return QStringLiteral("not an http or https URL");
+    if (!QDir::isAbsolutePath(download->filePath)
+        || !filenames::isPlainName(download->filePath.section(QLatin1Char('/'), -1)))
+        return QStringLiteral("not an absolute path to a plain file name");
+    return QString();
+}
+
+// The kernel's answer for that user: with AT_EACCESS it judges the file-system identity.
+bool writableBy(uint uid, const QString &directory)
+{
+    const FsIdentity identity(uid);
+    return identity.active()
+        && faccessat(AT_FDCWD, QFile::encodeName(directory).constData(), W_OK | X_OK, AT_EACCESS)
+        == 0;
+}
 
 // An installed service is told where its settings are (the unit names the file under /etc);
 // a service run from its build tree reads the file beside the executable.
@@ -45,42 +85,62 @@ DownloadManager::DownloadManager(const QString &settingsPath)
       settingsPath(settingsPath)
 {
     networkManager = new QNetworkAccessManager(this);
+    idleTimer.setSingleShot(true);
+    idleTimer.setInterval(500);
+    connect(&idleTimer, &QTimer::timeout, this, &DownloadManager::releaseIdleMemory);
     loadSettings();
-    bool numeric = false;
-    const int retries = getSettingsValue(QStringLiteral("max_retries"),
-                                         QString::number(RetrySchedule::kDefaultMaxRetries))
-                            .toInt(&numeric, 10);
-    maxRetries = (numeric && retries >= 0) ? retries : RetrySchedule::kDefaultMaxRetries;
-    const QString dbDirectory =
-        getSettingsValue(QStringLiteral("download_database_path"), kDefaultPath);
+    maxRetries = countSetting(QStringLiteral("max_retries"), RetrySchedule::kDefaultMaxRetries);
+    maxDownloadsPerUser =
+        countSetting(QStringLiteral("max_downloads_per_user"), kDefaultMaxDownloadsPerUser);
     // Checked before anything is published, read or launched.
-    switch (databaseLock.lock(dbDirectory)) {
+    if (!openDatabase(getSettingsValue(QStringLiteral("download_database_path"), kDefaultPath))) {
+        refused = true;
+        return;
+    }
+    // Directories come first: the console keeps a stored directory of its own.
+    loadDownloadPaths();
+    createClients();
+    if (database)
+        database->getDownloadList();
+}
+
+bool DownloadManager::openDatabase(const QString &directory)
+{
+    const QString file = directory + QLatin1Char('/') + QStringLiteral("dlm_download.db");
+    // Whoever can change these could make the service carry out their rows.
+    for (const QString &path : { directory, file, file + QStringLiteral("-wal"),
+             file + QStringLiteral("-shm"), file + QStringLiteral("-journal") }) {
+        const QString why = filetrust::distrust(path);
+        if (!why.isEmpty()) {
+            DLM_LOGE("Database %s not used, running without persistence: %s is %s",
+                     file.toLocal8Bit().constData(), path.toLocal8Bit().constData(),
+                     why.toLocal8Bit().constData());
+            return true;
+        }
+    }
+    switch (databaseLock.lock(directory)) {
     case DirectoryLock::Locked:
         break;
     case DirectoryLock::Busy:
         DLM_LOGE("Another download service uses the database directory %s: not starting",
-                 dbDirectory.toLocal8Bit().constData());
-        refused = true;
-        return;
+                 directory.toLocal8Bit().constData());
+        return false;
     case DirectoryLock::Unavailable:
         DLM_LOGW("Cannot lock the database directory %s: %s",
-                 dbDirectory.toLocal8Bit().constData(),
+                 directory.toLocal8Bit().constData(),
                  databaseLock.errorText().toLocal8Bit().constData());
         break;
     }
-
-    // Directories come first: the console keeps a stored directory of its own.
-    database = new DownloadDataBase(this, dbDirectory + QLatin1Char('/') +
-                                              QStringLiteral("dlm_download.db"));
-    loadDownloadPaths();
-    createClients();
-    database->getDownloadList();
+    database = new DownloadDataBase(this, file);
+    return true;
 }
 
 void DownloadManager::loadDownloadPaths()
 {
-    for (const DownloadDataBase::StoredPath &stored : database->downloadPaths())
-        downloadPaths.insert(PathKey(stored.ownerUid, stored.clientID), stored.path);
+    if (database) {
+        for (const DownloadDataBase::StoredPath &stored : database->downloadPaths())
+            downloadPaths.insert(PathKey(stored.ownerUid, stored.clientID), stored.path);
+    }
     ensureDownloadPath(kDefaultClientID, kDefaultPath);
 }
 
@@ -93,7 +153,23 @@ DownloadManager::~DownloadManager()
 void DownloadManager::loadSettings()
 {
     DLM_LOGI("settings file : %s", settingsPath.toLocal8Bit().constData());
+    for (const QString &path : { QFileInfo(settingsPath).absolutePath(), settingsPath }) {
+        const QString why = filetrust::distrust(path);
+        if (!why.isEmpty()) {
+            DLM_LOGE("Settings file %s not used, defaults apply: %s is %s",
+                     settingsPath.toLocal8Bit().constData(), path.toLocal8Bit().constData(),
+                     why.toLocal8Bit().constData());
+            return;
+        }
+    }
     settings = new QSettings(settingsPath, QSettings::NativeFormat);
+}
+
+int DownloadManager::countSetting(const QString &key, int defaultValue)
+{
+    bool numeric = false;
+    const int value = getSettingsValue(key, QString::number(defaultValue)).toInt(&numeric, 10);
+    return (numeric && value >= 0) ? value : defaultValue;
 }
 
 QString DownloadManager::getSettingsValue(const QString &key, const QString &defaultValue)
@@ -141,6 +217,9 @@ void DownloadManager::quit()
     for (DLBaseClient *client : oldClients)
         client->destroy();
 
+    // Rows still behind are written while their downloads exist.
+    if (database)
+        database->flush();
     const QList<Download *> oldDownloads = downloads;
     downloads.clear();
     qDeleteAll(oldDownloads);
@@ -156,12 +235,21 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
                                                              const QString &url,
                                                              const QString &uniqueID,
                                                              const QString &name,
-                                                             QString *createdID)
+                                                             QString *createdID, uint ownerUid)
 {
-    if (!url.startsWith(QLatin1String("http"))) {
+    if (!isHttpUrl(url)) {
         DLM_LOGE("Error: The download url must contains http://. URL=%s",
                  url.toLocal8Bit().constData());
         return CreateStatus::BadUrl;
+    }
+    if (ownerUid != 0) {
+        const auto owned = std::count_if(downloads.cbegin(), downloads.cend(),
+            [ownerUid](const Download *d) { return d->ownerUid == ownerUid; });
+        if (owned >= maxDownloadsPerUser) {
+            DLM_LOGE("Download refused: uid %u has %d downloads, its limit. URL=%s", ownerUid,
+                     int(owned), url.toLocal8Bit().constData());
+            return CreateStatus::Refused;
+        }
     }
     if (!uniqueID.isEmpty() && identifierInUse(uniqueID)) {
         DLM_LOGE("Error: The download identifier %s is in use. URL=%s",
@@ -175,13 +263,14 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
         while (identifierInUse(id));
     }
     // Reserved now, before the download has written anything.
-    const QString filePath = getFileName(clientID, url);
+    const QString filePath = getFileName(clientID, url, ownerUid);
     reservedPaths.insert(filePath);
 
     Download *download = new Download(this, networkManager, id, clientID, url,
                                       name.isEmpty() ? filePath : name);
     download->setMaxRetries(maxRetries);
     download->filePath = filePath;
+    download->ownerUid = ownerUid;
     download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
              download->uniqueID.toLocal8Bit().constData(),
@@ -196,20 +285,33 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
                                      const QString &name, const QString &contentURL,
                                      const QString &filePath, unsigned int state,
                                      unsigned int failureCode, long long totalSize,
-                                     long long amountDownloaded, long long startTime)
+                                     long long amountDownloaded, long long startTime,
+                                     uint ownerUid)
 {
     Download *download =
         new Download(this, networkManager, uniqueID, clientID, name, contentURL, filePath, state,
                      failureCode, totalSize, amountDownloaded, startTime);
     download->setMaxRetries(maxRetries);
+    download->ownerUid = ownerUid;
     reservedPaths.insert(filePath);
-    // A failed download waits for a resume; a stalled one tries again at once.
-    if (download->state != Download::Paused && download->state != Download::Failed)
-        download->launch();
+    downloads.append(download);
+    const QString fault = storedRowFault(download);
+    if (!fault.isEmpty()) {
+        DLM_LOGE("Stored download %s stays Failed, never launched: %s. URL=%s file=%s",
+                 uniqueID.toLocal8Bit().constData(), fault.toLocal8Bit().constData(),
+                 contentURL.toLocal8Bit().constData(), filePath.toLocal8Bit().constData());
+        download->state = Download::Failed;
+        return;
+    }
+    // A failed download waits for a resume; a stalled one tries again at once. Only a launch is
+    // logged: a line for every stored row was most of the start-up time with a long history.
+    if (download->state == Download::Paused || download->state == Download::Failed ||
+        download->state == Download::Completed)
+        return;
+    download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
              download->uniqueID.toLocal8Bit().constData(),
              download->contentURL.toLocal8Bit().constData());
-    downloads.append(download);
 }
 
 QString DownloadManager::getUniqueID(const QString &url)
@@ -225,9 +327,9 @@ QString DownloadManager::getUniqueID(const QString &url)
     return QString::fromLatin1(hash.result().toHex());
 }
 
-QString DownloadManager::getFileName(const QString &clientID, const QString &url)
+QString DownloadManager::getFileName(const QString &clientID, const QString &url, uint ownerUid)
 {
-    const QString directory = getDownloadPath(clientID);
+    const QString directory = getDownloadPath(clientID, ownerUid);
     const QString name = filenames::fromUrl(url);
     for (qint64 n = -1;; ++n) {
         const QString candidate = filenames::join(
@@ -243,6 +345,12 @@ QString DownloadManager::getFileName(const QString &clientID, const QString &url
 DownloadManager::PathStatus DownloadManager::setDownloadPath(const QString &clientID,
                                                              const QString &path, uint ownerUid)
 {
+    // The default directory is every user's fallback: only root chooses it.
+    if (ownerUid != 0 && clientID == kDefaultClientID) {
+        DLM_LOGE("Download path of %s refused: uid %u is not root", clientID.toLocal8Bit().constData(),
+                 ownerUid);
+        return PathStatus::NotPermitted;
+    }
     QString stored = path;
     if (stored.startsWith(QLatin1String("~/")))
         stored.replace(QLatin1Char('~'), QDir::homePath());
@@ -256,6 +364,11 @@ DownloadManager::PathStatus DownloadManager::setDownloadPath(const QString &clie
         DLM_LOGE("Download path \"%s\" of %s refused: no such directory",
                  stored.toLocal8Bit().constData(), clientID.toLocal8Bit().constData());
         return PathStatus::NotADirectory;
+    }
+    if (ownerUid != 0 && !writableBy(ownerUid, stored)) {
+        DLM_LOGE("Download path \"%s\" of %s refused: uid %u may not write there",
+                 stored.toLocal8Bit().constData(), clientID.toLocal8Bit().constData(), ownerUid);
+        return PathStatus::NotPermitted;
     }
     DLM_LOGD("clientID = %s Download path=%s", clientID.toLocal8Bit().constData(),
              stored.toLocal8Bit().constData());
@@ -281,9 +394,10 @@ QString DownloadManager::getDownloadPath(const QString &clientID, uint ownerUid)
     return downloadPaths.value(PathKey(0, kDefaultClientID));
 }
 
-int DownloadManager::checkDownloadPossible(const QString &clientID, long long size)
+int DownloadManager::checkDownloadPossible(const QString &clientID, long long size,
+                                           uint callerUid)
 {
-    const QString directory = getDownloadPath(clientID);
+    const QString directory = getDownloadPath(clientID, callerUid);
     if (!QDir(directory).exists())
         return 2;
     const long long available =
@@ -307,10 +421,10 @@ int DownloadManager::checkDownloadPossible(const QString &clientID, long long si
 
 // ---- Control, removal and queries ----
 
-void DownloadManager::pauseDownload(const QString &uniqueID)
+void DownloadManager::pauseDownload(const QString &uniqueID, uint callerUid)
 {
     for (Download *download : qAsConst(downloads)) {
-        if (download->uniqueID == uniqueID || uniqueID == kAll) {
+        if ((download->uniqueID == uniqueID || uniqueID == kAll) && mayTouch(callerUid, download)) {
             download->pause();
             if (uniqueID != kAll)
                 DLM_LOGI("%s has been paused.", uniqueID.toLocal8Bit().constData());
@@ -321,10 +435,16 @@ void DownloadManager::pauseDownload(const QString &uniqueID)
         DLM_LOGI("all has been paused.");
 }
 
-void DownloadManager::resumeDownload(const QString &uniqueID)
+void DownloadManager::resumeDownload(const QString &uniqueID, uint callerUid)
 {
     for (Download *download : qAsConst(downloads)) {
-        if (download->uniqueID == uniqueID || uniqueID == kAll) {
+        if ((download->uniqueID == uniqueID || uniqueID == kAll) && mayTouch(callerUid, download)) {
+            const QString fault = storedRowFault(download);
+            if (!fault.isEmpty()) {
+                DLM_LOGE("%s is not resumed: %s", download->uniqueID.toLocal8Bit().constData(),
+                         fault.toLocal8Bit().constData());
+                continue;
+            }
             download->resume();
             if (uniqueID != kAll)
                 DLM_LOGI("%s has been resumed.", uniqueID.toLocal8Bit().constData());
@@ -356,20 +476,39 @@ void DownloadManager::abortDownload(const QString &uniqueID)
 
 void DownloadManager::updateDownload(Download *download)
 {
-    if (database) {
-        if (database->isDBEntryAvailable(download->uniqueID))
-            database->updateEntry(download);
-        else
-            database->addEntry(download);
-    }
+    if (database)
+        database->store(download);
+    if (download->state != Download::Progressing && download->state != Download::Pending)
+        idleTimer.start();
     for (DLBaseClient *client : qAsConst(clients))
         client->updateDownloadEntry(download);
 }
 
-Download *DownloadManager::getDownload(const QString &uniqueID)
+void DownloadManager::releaseIdleMemory()
+{
+    for (const Download *download : qAsConst(downloads)) {
+        if (download->state == Download::Progressing || download->state == Download::Pending)
+            return;
+    }
+    networkManager->clearConnectionCache();
+    if (database)
+        database->releaseMemory();
+#ifdef __GLIBC__
+    // glibc keeps freed memory of a burst mapped; nothing else returns it while the service idles.
+    malloc_trim(0);
+#endif
+}
+
+Download *DownloadManager::getDownload(const QString &uniqueID, uint callerUid)
 {
     DLM_LOGD("unique id: %s", uniqueID.toLocal8Bit().constData());
-    return find(uniqueID);
+    Download *download = find(uniqueID);
+    return download && mayTouch(callerUid, download) ? download : nullptr;
+}
+
+bool DownloadManager::mayTouch(uint callerUid, const Download *download)
+{
+    return callerUid == 0 || download->ownerUid == callerUid;
 }
 
 Download *DownloadManager::find(const QString &uniqueID) const
@@ -386,22 +525,23 @@ bool DownloadManager::identifierInUse(const QString &uniqueID) const
     return find(uniqueID) || (database && database->isDBEntryAvailable(uniqueID));
 }
 
-QList<Download *> DownloadManager::getDownloadList(const QString &clientID)
+QList<Download *> DownloadManager::getDownloadList(const QString &clientID, uint callerUid)
 {
     DLM_LOGD("client id: %s", clientID.toLocal8Bit().constData());
-    if (clientID == QLatin1String("*"))
+    const bool everyClient = clientID == QLatin1String("*");
+    if (everyClient && callerUid == 0)
         return downloads;
     QList<Download *> result;
     for (Download *download : qAsConst(downloads)) {
-        if (download->clientID == clientID)
+        if ((everyClient || download->clientID == clientID) && mayTouch(callerUid, download))
             result.append(download);
     }
     return result;
 }
 
-bool DownloadManager::removeDownload(const QString &uniqueID)
+bool DownloadManager::removeDownload(const QString &uniqueID, uint callerUid)
 {
-    Download *download = find(uniqueID);
+    Download *download = getDownload(uniqueID, callerUid);
     if (!download) {
         DLM_LOGE("%s not found. Unable to delete.", uniqueID.toLocal8Bit().constData());
         return false;
@@ -431,6 +571,7 @@ void DownloadManager::discard(Download *download)
         DLM_LOGE("Unable to delete %s from the database; removed from memory only",
                  download->uniqueID.toLocal8Bit().constData());
     const QString path = download->filePath;
+    const uint owner = download->ownerUid;
     // A completed file is the user's content; anything else is litter.
     const bool keepFile = download->state == Download::Completed;
     delete download;
@@ -439,21 +580,24 @@ void DownloadManager::discard(Download *download)
             return; // a restored twin still writes there
     }
     reservedPaths.remove(path);
+    // As the owner: a name the owner could not remove stays.
     if (!keepFile)
-        QFile::remove(path);
+        OwnedFile::removeAs(path, owner);
 }
 
 // ---- Requests from other threads ----
 
 void DownloadManager::createDownloadEvent(const QString &clientID, const QString &url,
-                                          const QString &uniqueID, const QString &name)
+                                          const QString &uniqueID, const QString &name,
+                                          uint callerUid)
 {
-    QCoreApplication::postEvent(this, new DLMCreateDLEvent(clientID, url, uniqueID, name));
+    QCoreApplication::postEvent(this,
+                                new DLMCreateDLEvent(clientID, url, uniqueID, name, callerUid));
 }
 
-void DownloadManager::actionDownloadEvent(const QString &uniqueID, int action)
+void DownloadManager::actionDownloadEvent(const QString &uniqueID, int action, uint callerUid)
 {
-    QCoreApplication::postEvent(this, new DLMActionDLEvent(uniqueID, action));
+    QCoreApplication::postEvent(this, new DLMActionDLEvent(uniqueID, action, callerUid));
 }
 
 void DownloadManager::customEvent(QEvent *event)
@@ -464,18 +608,19 @@ void DownloadManager::customEvent(QEvent *event)
     if (event->type() == DLMCreateDLEvent::EventType) {
         const auto *create = static_cast<DLMCreateDLEvent *>(event);
         // A refusal is logged; the one-way caller has nobody to tell.
-        createDownload(create->clientID, create->url, create->uniqueID, create->name);
+        createDownload(create->clientID, create->url, create->uniqueID, create->name, nullptr,
+                       create->callerUid);
     } else if (event->type() == DLMActionDLEvent::EventType) {
         const auto *action = static_cast<DLMActionDLEvent *>(event);
         switch (action->action) {
         case DLMActionDLEvent::Pause:
-            pauseDownload(action->uniqueID);
+            pauseDownload(action->uniqueID, action->callerUid);
             break;
         case DLMActionDLEvent::Resume:
-            resumeDownload(action->uniqueID);
+            resumeDownload(action->uniqueID, action->callerUid);
             break;
         case DLMActionDLEvent::Remove:
-            removeDownload(action->uniqueID);
+            removeDownload(action->uniqueID, action->callerUid);
             break;
         default:
             DLM_LOGW("Action %d not supported", action->action);

@@ -8,6 +8,7 @@
 #include <QPair>
 #include <QSet>
 #include <QString>
+#include <QTimer>
 
 #include <functional>
 
@@ -21,6 +22,11 @@ class QSettings;
 // of per-client download directories and the one network access manager all transfers share.
 // Lives on the main thread; other threads reach it only through createDownloadEvent() and
 // actionDownloadEvent(), which post events to it.
+//
+// Callers are named by uid. Uid 0 (root, the console, the service's own user) sees and controls
+// every download; any other uid sees and controls only the downloads it created ("all" is all of
+// its own; another's is "not found"), writes only into directories it may write itself, and
+// has its own directory per client identifier.
 class DownloadManager : public QObject
 {
     Q_OBJECT
@@ -38,8 +44,10 @@ public:
     // Answers of createDownload; the values are those the IPC interface sends.
     enum class CreateStatus { Created = 0, BadUrl = 1, IdInUse = 2, BadArgument = 3, Refused = 4 };
     // Answers of setDownloadPath; the values are those the IPC interface sends.
-    enum class PathStatus { Set = 0, NotAbsolute = 1, NotADirectory = 2 };
+    enum class PathStatus { Set = 0, NotAbsolute = 1, NotADirectory = 2, NotPermitted = 3 };
 
+    // A settings file (or its directory) that another user could change is ignored: one ERROR
+    // line, and every setting keeps its default.
     void loadSettings();
     // Registers one more front end after construction; the manager owns it from then on.
     void addClient(DLBaseClient *client);
@@ -51,44 +59,55 @@ public:
 
     // Creation, paths and space. A new download gets an identifier no other download has (a
     // given one that is in use, in memory or stored, is refused) and a file path that no live
-    // download holds and no file has; *createdID receives the identifier.
+    // download holds and no file has; *createdID receives the identifier. It belongs to
+    // ownerUid; a uid other than 0 that already has "max_downloads_per_user" is refused.
     CreateStatus createDownload(const QString &clientID, const QString &url,
                                 const QString &uniqueID, const QString &name,
-                                QString *createdID = nullptr);
+                                QString *createdID = nullptr, uint ownerUid = 0);
+    // A stored row comes back as it was, unless its URL is not http(s) or its path not one
+    // these rules give: that one is logged and stays Failed, never launched nor resumed.
     void createDownload(const QString &uniqueID, const QString &clientID, const QString &name,
                         const QString &contentURL, const QString &filePath, unsigned int state,
                         unsigned int failureCode, long long totalSize, long long amountDownloaded,
-                        long long startTime);
+                        long long startTime, uint ownerUid = 0);
     // 32 lowercase hexadecimal characters, different on every call.
     QString getUniqueID(const QString &url);
-    QString getFileName(const QString &clientID, const QString &url);
+    QString getFileName(const QString &clientID, const QString &url, uint ownerUid = 0);
     // Stores an existing absolute directory (a leading "~/" is the home directory) for the
-    // client, in memory and in the database; anything else is refused and changes nothing.
+    // client of that uid, in memory and in the database; anything else is refused and changes
+    // nothing. A uid other than 0 must be able to write and search the directory itself, and
+    // may not set "DEFAULT_CLIENT_ID" (NotPermitted).
     PathStatus setDownloadPath(const QString &clientID, const QString &path, uint ownerUid = 0);
     // Gives the client this directory, in memory only, unless it has one already.
     void ensureDownloadPath(const QString &clientID, const QString &path, uint ownerUid = 0);
+    // The uid's directory for the client, else the default one (root's "DEFAULT_CLIENT_ID").
     QString getDownloadPath(const QString &clientID, uint ownerUid = 0);
     // Only Progressing downloads on the same file system as the client's directory reserve space.
-    int checkDownloadPossible(const QString &clientID, long long size);
+    int checkDownloadPossible(const QString &clientID, long long size, uint callerUid = 0);
 
-    // Control, removal and queries.
-    void pauseDownload(const QString &uniqueID);
-    void resumeDownload(const QString &uniqueID);
+    // Control, removal and queries, limited to what callerUid may see (see the class comment).
+    void pauseDownload(const QString &uniqueID, uint callerUid = 0);
+    void resumeDownload(const QString &uniqueID, uint callerUid = 0);
     void restartDownload(const QString &uniqueID);
     void abortDownload(const QString &uniqueID);
-    // The change hub: stores the record, then announces it to every client in list order.
+    // The change hub: stores the record (a change of state at once, progress with the other
+    // changed rows at the next turn of the event loop), then announces it to every client in
+    // list order.
     void updateDownload(Download *download);
-    Download *getDownload(const QString &uniqueID);
-    QList<Download *> getDownloadList(const QString &clientID);
-    // Removal deletes the file of a download that is not Completed, and the stored row; a row
-    // the database keeps is logged, and the download leaves memory all the same.
-    bool removeDownload(const QString &uniqueID);
+    Download *getDownload(const QString &uniqueID, uint callerUid = 0);
+    QList<Download *> getDownloadList(const QString &clientID, uint callerUid = 0);
+    // Removal deletes the file of a download that is not Completed (as its owner), and the
+    // stored row; a row the database keeps is logged, and the download leaves memory all the same.
+    bool removeDownload(const QString &uniqueID, uint callerUid = 0);
     void removeAllDownloads();
 
     // Safe from any thread: they only post an event to the manager.
     void createDownloadEvent(const QString &clientID, const QString &url, const QString &uniqueID,
-                             const QString &name);
-    void actionDownloadEvent(const QString &uniqueID, int action);
+                             const QString &name, uint callerUid = 0);
+    void actionDownloadEvent(const QString &uniqueID, int action, uint callerUid = 0);
+
+    // Whether a caller may see and control a download: root, or the download's owner.
+    static bool mayTouch(uint callerUid, const Download *download);
 
     // Free bytes of the file system holding a directory, -1 when unknown. Empty: DLTools is
     // asked. Tests put a fixed figure here to check the space arithmetic.
@@ -107,6 +126,10 @@ private:
     using PathKey = QPair<uint, QString>; // owner uid, client id
 
     void createClients();
+    // Opens the database unless it is not trusted; false when the service must not start.
+    bool openDatabase(const QString &directory);
+    // A non-negative whole number from the settings, else defaultValue.
+    int countSetting(const QString &key, int defaultValue);
     void loadDownloadPaths();
     Download *find(const QString &uniqueID) const;
     bool identifierInUse(const QString &uniqueID) const;
@@ -114,6 +137,9 @@ private:
     void discard(Download *download);
     // Builds the IPC front end (not yet published).
     DLBaseClient *createBinderClient();
+    // Once no download is on the wire: drops idle connections and the database's cache, and
+    // gives freed heap back to the system, so a burst does not stay resident.
+    void releaseIdleMemory();
 
     QNetworkAccessManager *networkManager;
     QList<Download *> downloads;
@@ -126,7 +152,11 @@ private:
     QString settingsPath;
     // Setting "max_retries": attempts a download makes after a passing fault without new bytes.
     int maxRetries;
+    // Setting "max_downloads_per_user": downloads one uid other than 0 may have at a time.
+    int maxDownloadsPerUser;
     DirectoryLock databaseLock;
+    // Runs releaseIdleMemory() a moment after the last download stopped.
+    QTimer idleTimer;
     bool refused = false;
     bool quitting = false;
 };

@@ -43,6 +43,18 @@ QString fit(const QString &name, const QString &suffix)
     return QString::fromUtf8(stem.left(keep) + extension + tail);
 }
 
+bool isPlainName(const QString &name)
+{
+    if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String("..")
+        || name.toUtf8().size() > kMaxNameBytes)
+        return false;
+    for (const QChar c : name) {
+        if (c == QLatin1Char('/') || c.category() == QChar::Other_Control)
+            return false;
+    }
+    return true;
+}
+
 QString join(const QString &directory, const QString &name)
 {
     if (directory.endsWith(QLatin1Char('/')))

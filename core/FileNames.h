@@ -17,6 +17,10 @@ QString fromUrl(const QString &url);
 // of its stem, before its extension, never part of a character.
 QString fit(const QString &name, const QString &suffix = QString());
 
+// True for a name these rules can give: not empty, ".", or "..", no '/' nor control character,
+// at most kMaxNameBytes bytes of UTF-8.
+bool isPlainName(const QString &name);
+
 // directory and name with exactly one '/' between them.
 QString join(const QString &directory, const QString &name);
 

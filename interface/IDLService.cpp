@@ -243,7 +243,8 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
     }
     case CHECK_SPACE_AVAILABILITY: {
         int64_t size = 0;
-        if (readText(data, &a) || data.readInt64(&size))
+        // A negative size is no question: it would always "fit".
+        if (readText(data, &a) || data.readInt64(&size) || size < 0)
             return BAD_VALUE;
         reply->writeInt32(checkSpaceAvailability(a, size));
         return NO_ERROR;

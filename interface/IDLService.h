@@ -44,6 +44,7 @@ public:
         PATH_SET = 0,
         PATH_NOT_ABSOLUTE = 1,    // empty or relative: refused, nothing changed
         PATH_NOT_A_DIRECTORY = 2, // missing, or not a directory: refused, nothing changed
+        PATH_NOT_PERMITTED = 3,   // the caller may not write there, or may not set this client
     };
 
     virtual void createDownload(const std::string &clientID, const std::string &url,
@@ -53,12 +54,16 @@ public:
     virtual void removeDownload(const std::string &uniqueID) = 0;
     virtual void pauseDownload(const std::string &uniqueID) = 0;
     virtual void resumeDownload(const std::string &uniqueID) = 0;
+    // Every call is judged by the caller's uid: a caller other than root sees and controls only
+    // the downloads it created ("all" means all of its own, another's is "not found"), and its
+    // client directories are its own.
     // Fills list (emptied first) with records the caller owns; 1 when any, 0 when none. Fails
     // (negative) when the records do not fit in one reply: read long lists page by page.
     virtual int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) = 0;
     // 1 and record filled when found, 0 when not.
     virtual int getDownload(const std::string &uniqueID, IDownload *download) = 0;
-    // 0 fits, 1 does not fit, 2 directory missing or free space unknown.
+    // 0 fits, 1 does not fit, 2 directory missing or free space unknown. A negative size is
+    // refused with BAD_VALUE.
     virtual int checkSpaceAvailability(const std::string &clientID, const long long &size) = 0;
     // The directory of the client's next downloads; a DownloadPathStatus.
     virtual int32_t setDownloadPath(const std::string &clientID,

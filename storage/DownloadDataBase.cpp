@@ -8,9 +8,19 @@
 #include <QSqlQuery>
 #include <QSqlRecord>
 
+#include <utility>
+
 namespace {
 const QString kTable = QStringLiteral("downloads");
 const QString kPathsTable = QStringLiteral("download_paths");
+// Columns a request sets once (client, URL, file, start, owner) are never rewritten.
+const QString kUpsert = QStringLiteral(
+    "INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state, failureCode, "
+    "totalSize, amountDownloaded, startTime, ownerUid) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) "
+    "ON CONFLICT(uniqueID) DO UPDATE SET state = excluded.state, name = excluded.name, "
+    "failureCode = excluded.failureCode, totalSize = excluded.totalSize, "
+    "amountDownloaded = excluded.amountDownloaded");
+const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
 
 QByteArray local(const QString &text)
 {
@@ -20,6 +30,9 @@ QByteArray local(const QString &text)
 
 DownloadDataBase::DownloadDataBase(DownloadManager *manager, const QString &path) : manager(manager)
 {
+    flushTimer.setSingleShot(true);
+    flushTimer.setInterval(0);
+    QObject::connect(&flushTimer, &QTimer::timeout, [this] { flush(); });
     open(path);
 }
 
@@ -44,10 +57,21 @@ bool DownloadDataBase::open(const QString &path)
                     + QStringLiteral(" (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
                                      "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, "
                                      "failureCode NUMERIC, totalSize NUMERIC, amountDownloaded "
-                                     "NUMERIC, startTime NUMERIC);"),
+                                     "NUMERIC, startTime NUMERIC, ownerUid INTEGER NOT NULL "
+                                     "DEFAULT 0);"),
                 {})) {
             // A file that is no database stays untouched; later calls find a closed connection
             // instead of failing (and logging) on every report.
+            close();
+            return false;
+        }
+    } else if (!db.record(kTable).contains(QStringLiteral("ownerUid"))) {
+        // Rows stored before owners were kept belong to root.
+        QSqlQuery query;
+        if (!run(query,
+                QStringLiteral("ALTER TABLE ") + kTable
+                    + QStringLiteral(" ADD COLUMN ownerUid INTEGER NOT NULL DEFAULT 0"),
+                {})) {
             close();
             return false;
         }
@@ -62,6 +86,16 @@ bool DownloadDataBase::open(const QString &path)
         return false;
     }
     useWriteAheadLog();
+    // Rows are written and read in order: a small page cache costs nothing, 2 MiB stays resident.
+    QSqlQuery cache;
+    run(cache, QStringLiteral("PRAGMA cache_size=-256"), {});
+    upsert = QSqlQuery(db);
+    exists = QSqlQuery(db);
+    exists.setForwardOnly(true);
+    if (!prepare(upsert, kUpsert) || !prepare(exists, kExists)) {
+        close();
+        return false;
+    }
     return true;
 }
 
@@ -80,18 +114,34 @@ bool DownloadDataBase::useWriteAheadLog()
     return run(query, QStringLiteral("PRAGMA synchronous=NORMAL"), {});
 }
 
+void DownloadDataBase::releaseMemory()
+{
+    QSqlQuery query;
+    run(query, QStringLiteral("PRAGMA shrink_memory"), {});
+}
+
 bool DownloadDataBase::run(QSqlQuery &query, const QString &statement, const QVariantList &values)
 {
     // Without a connection the service runs on in memory; the failed open was logged once.
-    if (!db.isOpen())
-        return false;
+    return db.isOpen() && prepare(query, statement) && exec(query, statement, values);
+}
+
+bool DownloadDataBase::prepare(QSqlQuery &query, const QString &statement)
+{
     if (!query.prepare(statement)) {
         DLM_LOGE("Unable to prepare \"%s\": %s", local(statement).constData(),
             local(query.lastError().text()).constData());
         return false;
     }
-    for (const QVariant &value : values)
-        query.addBindValue(value);
+    return true;
+}
+
+bool DownloadDataBase::exec(QSqlQuery &query, const QString &statement, const QVariantList &values)
+{
+    if (!db.isOpen())
+        return false;
+    for (int i = 0; i < values.size(); ++i)
+        query.bindValue(i, values.at(i));
     if (!query.exec()) {
         DLM_LOGE("Unable to execute \"%s\": %s", local(statement).constData(),
             local(query.lastError().text()).constData());
@@ -102,6 +152,11 @@ bool DownloadDataBase::run(QSqlQuery &query, const QString &statement, const QVa
 
 void DownloadDataBase::close()
 {
+    flush();
+    flushTimer.stop();
+    writtenState.clear();
+    upsert = QSqlQuery();
+    exists = QSqlQuery();
     if (db.isOpen())
         db.close();
 }
@@ -115,15 +170,11 @@ bool DownloadDataBase::isTableInDB()
 
 bool DownloadDataBase::isDBEntryAvailable(const QString &uniqueID)
 {
-    if (!db.isOpen())
+    if (!exec(exists, kExists, { uniqueID }))
         return false;
-    QSqlQuery query;
-    query.setForwardOnly(true);
-    if (!run(query,
-            QStringLiteral("SELECT * FROM ") + kTable + QStringLiteral(" WHERE uniqueID = ?"),
-            { uniqueID }))
-        return false;
-    return query.next();
+    const bool found = exists.next();
+    exists.finish();
+    return found;
 }
 
 bool DownloadDataBase::addEntry(Download *download)
@@ -134,11 +185,11 @@ bool DownloadDataBase::addEntry(Download *download)
     return run(query,
         QStringLiteral("INSERT INTO ") + kTable
             + QStringLiteral(" (uniqueID, clientID, name, contentURL, filePath, state")
-            + QStringLiteral(", failureCode, totalSize, amountDownloaded, startTime)")
-            + QStringLiteral(" VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+            + QStringLiteral(", failureCode, totalSize, amountDownloaded, startTime, ownerUid)")
+            + QStringLiteral(" VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
         { download->uniqueID, download->clientID, download->name, download->contentURL,
             download->filePath, download->state, download->failureCode, download->totalSize,
-            download->amountDownloaded, download->startTime });
+            download->amountDownloaded, download->startTime, download->ownerUid });
 }
 
 bool DownloadDataBase::updateEntry(Download *download)
@@ -155,8 +206,60 @@ bool DownloadDataBase::updateEntry(Download *download)
             download->amountDownloaded, download->uniqueID });
 }
 
+void DownloadDataBase::store(Download *download)
+{
+    if (!db.isOpen())
+        return;
+    pending.insert(download);
+    const auto written = writtenState.constFind(download);
+    if (written == writtenState.constEnd() || written.value() != download->state)
+        flush();
+    else if (!flushTimer.isActive())
+        flushTimer.start();
+}
+
+bool DownloadDataBase::flush()
+{
+    if (pending.isEmpty())
+        return true;
+    const QSet<Download *> rows = std::exchange(pending, {});
+    // One commit for the lot; a failed begin still writes each row on its own.
+    const bool transaction = db.transaction();
+    bool written = true;
+    for (Download *download : rows)
+        written = write(download) && written;
+    if (transaction && !db.commit()) {
+        DLM_LOGE("Unable to commit %d rows: %s", int(rows.size()),
+            local(db.lastError().text()).constData());
+        db.rollback();
+        for (Download *download : rows)
+            writtenState.remove(download);
+        return false;
+    }
+    return written;
+}
+
+bool DownloadDataBase::write(Download *download)
+{
+    if (!exec(upsert, kUpsert,
+            { download->uniqueID, download->clientID, download->name, download->contentURL,
+                download->filePath, download->state, download->failureCode, download->totalSize,
+                download->amountDownloaded, download->startTime, download->ownerUid }))
+        return false;
+    writtenState.insert(download, download->state);
+    return true;
+}
+
+void DownloadDataBase::forget(Download *download)
+{
+    pending.remove(download);
+    writtenState.remove(download);
+}
+
 bool DownloadDataBase::deleteEntry(Download *download)
 {
+    // A pending write would bring the row back.
+    forget(download);
     if (!isDBEntryAvailable(download->uniqueID))
         return false;
     QSqlQuery query;
@@ -169,15 +272,22 @@ void DownloadDataBase::getDownloadList()
 {
     QSqlQuery query;
     query.setForwardOnly(true);
-    if (!run(query, QStringLiteral("SELECT * FROM ") + kTable + QStringLiteral(";"), {}))
+    if (!run(query,
+            QStringLiteral("SELECT uniqueID, clientID, name, contentURL, filePath, state, "
+                           "failureCode, totalSize, amountDownloaded, startTime, ownerUid FROM ")
+                + kTable,
+            {}))
         return;
     // Each row goes to the manager at once: launching it updates that same row on this
     // connection before the next one is read.
+    // Rows share few client identifiers: one copy each instead of one per row.
+    QSet<QString> clientIDs;
     while (query.next()) {
-        manager->createDownload(query.value(0).toString(), query.value(1).toString(),
+        const QString clientID = *clientIDs.insert(query.value(1).toString());
+        manager->createDownload(query.value(0).toString(), clientID,
             query.value(2).toString(), query.value(3).toString(), query.value(4).toString(),
             query.value(5).toUInt(), query.value(6).toUInt(), query.value(7).toLongLong(),
-            query.value(8).toLongLong(), query.value(9).toLongLong());
+            query.value(8).toLongLong(), query.value(9).toLongLong(), query.value(10).toUInt());
     }
 }
 

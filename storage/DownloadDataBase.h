@@ -1,17 +1,26 @@
 #pragma once
 
+#include <QHash>
 #include <QList>
+#include <QSet>
 #include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QString>
+#include <QTimer>
 #include <QVariant>
 
 class Download;
 class DownloadManager;
-class QSqlQuery;
 
-// The "downloads" table in SQLite, one row per download, and the "download_paths" table, one
+// The "downloads" table in SQLite, one row per download with its owner's uid (a column added in
+// place to older files, their rows read as root's), and the "download_paths" table, one
 // directory per (owner uid, client id), on Qt's default connection. Main thread only. Every
 // failure is a false result (and one ERROR line in the platform log).
+//
+// Reports are written behind: store() marks a row changed and every changed row is written in
+// one transaction at the next turn of the event loop, so a burst of reports costs one commit.
+// A change of state is written at once, and close() writes whatever is still pending. A row is
+// only ever written from what the download has already put in its file.
 class DownloadDataBase {
 public:
     struct StoredPath {
@@ -29,7 +38,17 @@ public:
     bool isDBEntryAvailable(const QString &uniqueID);
     bool addEntry(Download *download);
     bool updateEntry(Download *download);
+    // Also drops what is pending for the download.
     bool deleteEntry(Download *download);
+    // Adds or updates the download's row: at once when its state is not the one last written,
+    // otherwise at the next turn of the event loop with every other pending row.
+    void store(Download *download);
+    // Writes every pending row in one transaction.
+    bool flush();
+    // The download is about to be destroyed: nothing of it is written any more.
+    void forget(Download *download);
+    // Gives back the page cache SQLite holds for this connection.
+    void releaseMemory();
     // Hands every stored row to the manager's restore form of createDownload, in stored order.
     void getDownloadList();
     void clear();
@@ -43,7 +62,18 @@ private:
     bool useWriteAheadLog();
     // Prepares statement on the default connection and runs it; logs the driver's message.
     bool run(QSqlQuery &query, const QString &statement, const QVariantList &values);
+    bool prepare(QSqlQuery &query, const QString &statement);
+    // Runs a statement prepared once for the connection with these values.
+    bool exec(QSqlQuery &query, const QString &statement, const QVariantList &values);
+    bool write(Download *download);
 
     QSqlDatabase db;
     DownloadManager *manager;
+    // Kept prepared for the connection: every report and every new identifier uses them.
+    QSqlQuery upsert;
+    QSqlQuery exists;
+    // Downloads whose row is behind, and the state last written for each stored download.
+    QSet<Download *> pending;
+    QHash<const Download *, unsigned> writtenState;
+    QTimer flushTimer;
 };

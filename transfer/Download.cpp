@@ -11,10 +11,6 @@
 #include <QNetworkRequest>
 #include <QUrl>
 
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
-
 namespace {
 // What the replies of all transfers that receive a body may buffer together. Each gets an equal
 // share within these bounds, so the peak stays bounded at any concurrency while a single large
@@ -34,24 +30,6 @@ int receivingTransfers = 0;
 qint64 readBufferShare()
 {
     return qBound(kMinReadBufferSize, kReadBudget / qMax(1, receivingTransfers), kMaxReadBufferSize);
-}
-
-// Once no request is on the wire, what the transfers freed goes back to the system: the network
-// library's thread allocates the bodies in its own heap arena, which keeps freed pages
-// otherwise. The second's delay lets the library finish its own clean-up first.
-void trimWhenIdle()
-{
-#ifdef __GLIBC__
-    static bool scheduled = false;
-    if (scheduled || !RequestQueue::instance().isIdle())
-        return;
-    scheduled = true;
-    QTimer::singleShot(1000, [] {
-        scheduled = false;
-        if (RequestQueue::instance().isIdle())
-            malloc_trim(0);
-    });
-#endif
 }
 
 // Commits run one at a time on the main thread, so one buffer serves every transfer. It is
@@ -339,7 +317,6 @@ void Download::releaseReply()
 {
     setReceiving(false);
     RequestQueue::instance().leave(this);
-    trimWhenIdle();
     if (!reply)
         return;
     // Cut off first: the notifications abort() delivers at once are no news, and the reply must
@@ -388,12 +365,9 @@ void Download::failLocalFile()
 
 bool Download::prepareFile(qint64 offset)
 {
-    if (!file.isOpen()) {
-        file.setFileName(filePath);
-        // Unbuffered: a committed byte is in the file before it is counted and stored.
-        if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered))
-            return false;
-    }
+    // Unbuffered: a committed byte is in the file before it is counted and stored.
+    if (!file.isOpen() && !file.openExisting(filePath, ownerUid))
+        return false;
     if (file.size() < offset)
         return false;
     return file.seek(offset);
@@ -401,11 +375,8 @@ bool Download::prepareFile(qint64 offset)
 
 bool Download::saveToDisk(QByteArray data)
 {
-    if (!file.isOpen()) {
-        file.setFileName(filePath);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
-            return false;
-    }
+    if (!file.isOpen() && !file.openFresh(filePath, ownerUid))
+        return false;
     if (data.isEmpty())
         return true;
     return file.write(data) == data.size();

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "OwnedFile.h"
 #include "RetrySchedule.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QList>
 #include <QObject>
 #include <QSslError>
@@ -80,8 +80,11 @@ public:
     qint64 totalSize;
     qint64 amountDownloaded;
     qint64 startTime;
+    // Who created it (root for the console and for rows stored before owners were kept): its
+    // file is opened and removed with this user's file-system identity.
+    uint ownerUid = 0;
 
-    QFile file;
+    OwnedFile file;
     int packetCount;
 
 public slots:

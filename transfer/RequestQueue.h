@@ -27,8 +27,6 @@ public:
     // Gives the owner's slot back to the next waiting request, or drops the owner's wait.
     // Nothing happens for an owner that neither holds nor waits.
     void leave(const void *owner);
-    // No request holds or waits for a slot.
-    bool isIdle() const { return owners.isEmpty(); }
 
 private:
     void startWaiting(const QString &origin);

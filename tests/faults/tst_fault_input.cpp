@@ -134,6 +134,9 @@ void tst_FaultInput::malformedIpcFrame_data()
     lyingText.writeInt32(0);
     Parcel negativeText = request();
     negativeText.writeInt32(-5);
+    Parcel negativeSize = request();
+    dlparcel::writeText(&negativeSize, "dlctl");
+    negativeSize.writeInt64(-1);
     Parcel tokenOnly = request();
     Parcel withBinder = request();
     withBinder.writeInt32(1);
@@ -170,6 +173,8 @@ void tst_FaultInput::malformedIpcFrame_data()
         << callBytes(0, IDLService::CREATE_DOWNLOAD, lyingText) << int(BAD_VALUE);
     QTest::newRow("negative text length")
         << callBytes(0, IDLService::REMOVE_DOWNLOAD, negativeText) << int(BAD_VALUE);
+    QTest::newRow("negative size")
+        << callBytes(0, IDLService::CHECK_SPACE_AVAILABILITY, negativeSize) << int(BAD_VALUE);
     QTest::newRow("arguments missing")
         << callBytes(0, IDLService::GET_DOWNLOAD, tokenOnly) << int(BAD_VALUE);
     QTest::newRow("client object missing")

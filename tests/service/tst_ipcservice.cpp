@@ -5,6 +5,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -73,10 +74,12 @@ private:
     QByteArray err;
 };
 
-Result dlctl(const ServiceProcess &service, const QStringList &args, int ms = 30000)
+// dlctl as root, or as another user.
+Result dlctl(const ServiceProcess &service, const QStringList &args, const QString &user = {})
 {
-    Client c(QStringLiteral(DLCTL_BINARY), args, service);
-    return c.finish(ms);
+    Client c(user.isEmpty() ? DLCTL_BINARY : "runuser",
+             user.isEmpty() ? args : QStringList {"-u", user, "--", DLCTL_BINARY} + args, service);
+    return c.finish();
 }
 
 QByteArray fileBytes(const QString &path)
@@ -108,8 +111,30 @@ private:
         server.setResource(path, r);
         return r.body;
     }
+    // Throw-away users, made on first use and removed when the test ends.
+    struct User
+    {
+        QString name;
+        uid_t uid;
+        gid_t gid;
+    };
+    User user(int i)
+    {
+        while (users.size() <= i) {
+            users << QString("dlmt%1%2").arg(getpid()).arg(QChar(char('a' + users.size())));
+            QProcess::execute("useradd", {"--system", "--shell", "/usr/sbin/nologin", users.last()});
+        }
+        const passwd *entry = getpwnam(users[i].toLocal8Bit().constData());
+        return entry ? User {users[i], entry->pw_uid, entry->pw_gid} : User {users[i], 0, 0};
+    }
+    QStringList users;
 
 private slots:
+    void cleanupTestCase()
+    {
+        for (const QString &name : users)
+            QProcess::execute("userdel", {name});
+    }
     void createOverIpcWritesExactBytesAndTellsTheConsole();
     void controlByIdentifierAndAll();
     void listStatusAndUnknownIdentifiers();
@@ -122,6 +147,8 @@ private slots:
     void failuresAndRefusalsEndWithStatusOne();
     void reachability_data();
     void reachability();
+    void ownership_data();
+    void ownership();
     void manyClientsQueryWhileDownloadsChange();
 };
 
@@ -152,8 +179,8 @@ void tst_IpcService::createOverIpcWritesExactBytesAndTellsTheConsole()
 void tst_IpcService::controlByIdentifierAndAll()
 {
     FakeHttpServer server;
-    // Long enough to outlast the dlctl calls below under sanitizers.
-    const QByteArray body = slowBody(server, "/slow.bin", 1200000);
+    const QByteArray body = slowBody(server, "/slow.bin", 400000);
+    server.resource("/slow.bin").stallAfter = 100000; // it cannot complete before the pause
     ServiceProcess service;
     startService(service);
 
@@ -179,6 +206,7 @@ void tst_IpcService::controlByIdentifierAndAll()
     QVERIFY(service.waitForErrCount("status:  \"Paused\"", 2, 20000));
     QVERIFY(dlctl(service, {"status", "job1"}).out.contains(" Paused "));
     QVERIFY(dlctl(service, {"status", "quiet"}).out.contains(" Paused "));
+    server.resource("/slow.bin").stallAfter = -1;
     server.clearRequests();
     QCOMPARE(dlctl(service, {"resume", "all"}).code, 0);
     QVERIFY(service.waitForErr("status:  \"Completed\"", 60000));
@@ -444,6 +472,103 @@ void tst_IpcService::reachability()
     for (int fd : queued)
         close(fd);
     close(listener);
+}
+
+void tst_IpcService::ownership_data()
+{
+    QTest::addColumn<QString>("situation");
+    QTest::newRow("a user downloads into its own directory, as itself") << "own";
+    QTest::newRow("a root-only directory stays closed") << "closed";
+    QTest::newRow("a planted symbolic link is not followed") << "link";
+    QTest::newRow("another user's downloads are not seen nor touched") << "stranger";
+    QTest::newRow("a user over its limit of downloads") << "limit";
+    QTest::newRow("a database directory another user can write") << "database";
+    QTest::newRow("a settings file another user owns") << "settings";
+}
+
+void tst_IpcService::ownership()
+{
+    QFETCH(QString, situation);
+    if (geteuid() != 0)
+        QSKIP("acting as other users needs root");
+    const User a = user(0);
+    const QString b = user(1).name;
+    QVERIFY(a.uid != 0);
+    FakeHttpServer server;
+    const QByteArray body = FakeHttpServer::makeBody(70000, 3);
+    server.setBody("/f", body);
+    ServiceProcess service;
+    const QString mine = service.root() + "/mine", closed = service.root() + "/closed";
+    QVERIFY(QDir().mkpath(mine) && QDir().mkpath(closed) && QDir().mkpath(service.databaseDir()));
+    QVERIFY(chmod(QFile::encodeName(service.root()), 0755) == 0 &&
+            chown(QFile::encodeName(mine), a.uid, a.gid) == 0 &&
+            chmod(QFile::encodeName(closed), 0700) == 0);
+    if (situation == "database")
+        QVERIFY(chmod(QFile::encodeName(service.databaseDir()), 0777) == 0);
+    if (situation == "settings") {
+        const QString ini = service.root() + "/theirs.ini";
+        QVERIFY(QFile(ini).open(QIODevice::WriteOnly) &&
+                chown(QFile::encodeName(ini), a.uid, a.gid) == 0);
+        service.setEnv("DLM_SETTINGS", ini);
+    }
+    service.setSetting("max_downloads_per_user", "1");
+    startService(service);
+    QCOMPARE(dlctl(service, {"set-path", "dlctl", mine}, a.name).code, 0);
+    const QString url = server.url("/f").toString();
+
+    if (situation == "own") {
+        QCOMPARE(dlctl(service, {"create", url, "--wait"}, a.name).code, 0);
+        QCOMPARE(fileBytes(mine + "/f"), body);
+        QCOMPARE(QFileInfo(mine + "/f").ownerId(), a.uid);
+    } else if (situation == "closed") {
+        Result r = dlctl(service, {"set-path", "app", closed}, a.name);
+        QCOMPARE(r.code, 1);
+        QVERIFY2(r.err.contains("is not permitted"), r.err);
+        QCOMPARE(dlctl(service, {"set-path", "DEFAULT_CLIENT_ID", mine}, a.name).code, 1);
+        // Root may make it every user's default; a user's file there is refused by the kernel.
+        QCOMPARE(dlctl(service, {"set-path", "DEFAULT_CLIENT_ID", closed}).code, 0);
+        r = dlctl(service, {"create", url, "--client", "app", "--wait"}, a.name);
+        QVERIFY2(r.code == 1 && r.out.contains(" Failed 0 70000 " + closed.toUtf8()), r.out);
+        QVERIFY(QDir(closed).isEmpty());
+    } else if (situation == "link") {
+        // Root's download in a directory the user writes; the user links its name to a secret.
+        QVERIFY(QFile(closed + "/secret").open(QIODevice::WriteOnly));
+        QCOMPARE(dlctl(service, {"set-path", "victim", mine}).code, 0);
+        QCOMPARE(dlctl(service, {"create", server.url("/later").toString(), "--client", "victim",
+                                 "--id", "v", "--wait"}).code, 1); // not there yet
+        QVERIFY(QFile::link(closed + "/secret", mine + "/later"));
+        server.setBody("/later", body);
+        QCOMPARE(dlctl(service, {"resume", "v"}).code, 0);
+        QVERIFY(service.waitForErr("Download v failed: cannot write " + mine.toUtf8() +
+                                   "/later: Too many levels of symbolic links"));
+        QCOMPARE(QFileInfo(closed + "/secret").size(), 0);
+    } else if (situation == "stranger") {
+        server.resource("/f").stallAfter = 1000; // stays Progressing
+        Client watcher("runuser", {"-u", b, "--", DLCTL_BINARY, "watch"}, service);
+        QCOMPARE(dlctl(service, {"create", url, "--id", "theirs"}, a.name).code, 0);
+        QVERIFY(service.waitForErr("status:  \"Progressing\""));
+        for (const QString command : {"status", "pause", "remove"})
+            QVERIFY(dlctl(service, {command, "theirs"}, b).err.contains("no download theirs"));
+        QCOMPARE(dlctl(service, {"list"}, b).out, QByteArray());
+        QCOMPARE(dlctl(service, {"pause", "all"}, b).code, 0);
+        QVERIFY(service.waitForErr("all has been paused."));
+        QVERIFY(dlctl(service, {"list"}, a.name).out.startsWith("theirs dlctl Progressing 0 "));
+        QVERIFY(dlctl(service, {"list"}).out.startsWith("theirs dlctl Progressing 0 "));
+        // Its own download's updates reach the watcher; the other one's never did.
+        QCOMPARE(dlctl(service, {"create", server.url("/none").toString(), "--wait"}, b).code, 1);
+        QVERIFY(watcher.waitForOut(" Failed "));
+        QVERIFY2(!watcher.out().contains("theirs"), watcher.out());
+    } else if (situation == "limit") {
+        QCOMPARE(dlctl(service, {"create", url}, a.name).code, 0);
+        const Result r = dlctl(service, {"create", url}, a.name);
+        QVERIFY2(r.code == 1 && r.err.contains("reached its limit of downloads"), r.err);
+        QVERIFY(service.waitForErr("Download refused: uid " + QByteArray::number(a.uid)));
+        QCOMPARE(dlctl(service, {"create", url}).code, 0); // root has no limit
+    } else {
+        QVERIFY(service.waitForErr(situation == "database" ? "running without persistence: "
+                                                           : "not used, defaults apply: "));
+        QVERIFY(!QFile::exists(service.databaseFile()));
+    }
 }
 
 void tst_IpcService::manyClientsQueryWhileDownloadsChange()

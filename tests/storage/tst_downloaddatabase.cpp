@@ -36,13 +36,13 @@ struct Record {
 QVariantList values(const Record &r)
 {
     return { r.uniqueID, r.clientID, r.name, r.contentURL, r.filePath, r.state, r.failureCode,
-        r.totalSize, r.amountDownloaded, r.startTime };
+        r.totalSize, r.amountDownloaded, r.startTime, 0u }; // the owner: root
 }
 
 QVariantList values(const Download *d)
 {
     return { d->uniqueID, d->clientID, d->name, d->contentURL, d->filePath, d->state,
-        d->failureCode, d->totalSize, d->amountDownloaded, d->startTime };
+        d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid };
 }
 
 std::unique_ptr<Download> makeDownload(const Record &r)
@@ -147,6 +147,7 @@ QList<QVariantList> tst_DownloadDataBase::rowsOnDisk(const QString &file)
                 row << query.value(5).toUInt() << query.value(6).toUInt();
                 for (int i = 7; i < 10; ++i)
                     row << query.value(i).toLongLong();
+                row << query.value(10).toUInt();
                 rows << row;
             }
         }
@@ -165,8 +166,10 @@ void tst_DownloadDataBase::storeRaw(const QString &file, const QList<Record> &re
         if (!raw.tables().contains("downloads"))
             QVERIFY(query.exec(kCreate));
         for (const Record &r : records) {
-            QVERIFY(query.prepare("INSERT INTO downloads VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
-            for (const QVariant &v : values(r))
+            QVERIFY(query.prepare("INSERT INTO downloads (uniqueID, clientID, name, contentURL, "
+                                  "filePath, state, failureCode, totalSize, amountDownloaded, "
+                                  "startTime) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
+            for (const QVariant &v : values(r).mid(0, 10))
                 query.addBindValue(v);
             QVERIFY(query.exec());
         }
@@ -191,7 +194,8 @@ void tst_DownloadDataBase::firstStartCreatesFileAndTable()
         while (query.next())
             tables << query.value(0).toString();
         QCOMPARE(tables,
-            QStringList({ kCreate,
+            QStringList({ QString(kCreate).replace(
+                              "NUMERIC)", "NUMERIC, ownerUid INTEGER NOT NULL DEFAULT 0)"),
                 "CREATE TABLE download_paths (ownerUid INTEGER NOT NULL, clientID TEXT NOT NULL, "
                 "path TEXT NOT NULL, PRIMARY KEY (ownerUid, clientID))" }));
         QVERIFY(query.exec("PRAGMA journal_mode"));
@@ -205,27 +209,39 @@ void tst_DownloadDataBase::firstStartCreatesFileAndTable()
 void tst_DownloadDataBase::secondStartRestoresEveryRowInStoredOrder()
 {
     // Paused and Completed downloads are restored without being launched, so every value stays
-    // as stored; keys are deliberately out of alphabetical order.
+    // as stored; keys are deliberately out of alphabetical order. The table is one written
+    // before owners were kept: its rows are root's, and new rows keep their owner.
     const QList<Record> stored = {
         { "zz", "appB", "z.bin", "http://127.0.0.1:9/z.bin", "/tmp/z.bin", 1, 4, 777, 777, 1 },
         kPaused,
         { "it's \"quoted\"", "shell", "q", "http://127.0.0.1:9/q", "/tmp/q", 4, 4, 0, 0, 0 },
         { "m", "", "", "http://127.0.0.1:9/", "/tmp/download", 1, 1, -1, 0, 9'000'000'000'000LL },
     };
-    {
-        auto manager = startManager(dir->path());
-        stopManager(manager);
-    }
-    storeRaw(dbFile(), stored);
+    // Rows no request could have made come back Failed and are never launched.
+    const QList<Record> refused = {
+        { "x", "app", "", "httpfoo://127.0.0.1:9/x", "/tmp/x", 16, 4, 0, 0, 0 },
+        { "y", "app", "", "http://127.0.0.1:9/y", "tmp/y", 4, 4, 0, 0, 0 },
+    };
+    storeRaw(dbFile(), stored + refused);
 
     auto manager = startManager(dir->path());
-    const QList<Download *> restored = manager->getDownloadList("*");
-    QCOMPARE(restored.size(), stored.size());
+    QList<Download *> restored = manager->getDownloadList("*");
+    QCOMPARE(restored.size(), stored.size() + refused.size());
     for (int i = 0; i < stored.size(); ++i)
         QCOMPARE(values(restored.at(i)), values(stored.at(i)));
+    manager->resumeDownload("all");
+    for (int i = stored.size(); i < restored.size(); ++i)
+        QCOMPARE(restored.at(i)->state, unsigned(Download::Failed));
+    QCOMPARE(errorLines.size(), 2 * refused.size()); // refused at start, and at the resume
+    errorLines.clear();
+    auto owned = makeDownload({ "u", "app", "", "http://h/u", "/tmp/u", 4, 4, 0, 0, 0 });
+    owned->ownerUid = 4242;
+    manager->updateDownload(owned.get());
     stopManager(manager);
-    QCOMPARE(rowsOnDisk(dbFile()).size(), stored.size());
-    QCOMPARE(errorLines, QList<QByteArray>());
+    manager = startManager(dir->path());
+    restored = manager->getDownloadList("*");
+    QCOMPARE(restored.last()->ownerUid, 4242u);
+    stopManager(manager);
 }
 
 void tst_DownloadDataBase::reportInsertsThenUpdatesOneRow()
@@ -239,7 +255,20 @@ void tst_DownloadDataBase::reportInsertsThenUpdatesOneRow()
     download->amountDownloaded = 200000;
     manager->updateDownload(download.get());
     QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(download.get()) });
+
+    // Progress waits for the next turn of the event loop, and the last report of a turn counts.
+    const QVariantList progressing = values(download.get());
+    for (qint64 amount : { 300000, 400000 }) {
+        download->amountDownloaded = amount;
+        manager->updateDownload(download.get());
+    }
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { progressing });
+    QCoreApplication::processEvents();
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(download.get()) });
+    download->amountDownloaded = 500000; // still behind when the service stops
+    manager->updateDownload(download.get());
     stopManager(manager);
+    QCOMPARE(rowsOnDisk(dbFile()), QList<QVariantList> { values(download.get()) });
 }
 
 void tst_DownloadDataBase::addOfStoredKeyIsRefused()

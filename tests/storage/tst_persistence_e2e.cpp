@@ -255,6 +255,8 @@ void tst_PersistenceE2E::restartRelaunchesStalledOnly()
     QCOMPARE(rows.state("done"), qint64(Completed));
     QVERIFY(readFile(dir + "done") == body);
     service.kill();
+    // Only what was launched says so.
+    QCOMPARE(service.stdErr().count("Download launched with uniqueID:"), 1);
 }
 
 void tst_PersistenceE2E::secondServiceOnTheSameDatabaseExits()

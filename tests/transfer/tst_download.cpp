@@ -63,7 +63,6 @@ private slots:
     void requestsOutsideTheirStatesAreIgnored();
     void restartFetchesCompletedFileAgain();
     void missingDirectoryFailsThenResumes();
-    void unusableUrlFails();
     void writeFailureThenResumeCompletes();
 
 private:
@@ -671,17 +670,6 @@ void tst_Download::missingDirectoryFailsThenResumes()
     d->resume();
     QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), kWait);
     QCOMPARE(ManagerFixture::contents(directory + QLatin1String("f")), body);
-}
-
-void tst_Download::unusableUrlFails()
-{
-    fx->manager->createDownload(QLatin1String(ManagerFixture::client),
-        QStringLiteral("httpx://127.0.0.1:1/f"), QStringLiteral("id"), QString());
-    Download *d = fx->manager->getDownload(QStringLiteral("id"));
-    QVERIFY(d);
-    QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Failed), kWait);
-    QCOMPARE(d->failureCode, 1u);
-    QCOMPARE(d->amountDownloaded, 0);
 }
 
 void tst_Download::writeFailureThenResumeCompletes()

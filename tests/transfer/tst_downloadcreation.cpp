@@ -157,6 +157,8 @@ void tst_DownloadCreation::onlyHttpUrlsAreAccepted_data()
     QTest::addColumn<bool>("accepted");
     QTest::newRow("ftp") << "ftp://h/f" << false;
     QTest::newRow("upper case") << "HTTP://127.0.0.1:1/f" << false;
+    QTest::newRow("scheme that starts with http") << "httpx://127.0.0.1:1/f" << false;
+    QTest::newRow("no host") << "http:/f" << false;
     QTest::newRow("empty") << "" << false;
     QTest::newRow("http") << "http://127.0.0.1:1/f" << true;
     QTest::newRow("https") << "https://127.0.0.1:1/f" << true;

@@ -240,7 +240,10 @@ int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const s
             if (events->died() || interrupted)
                 break;
             // Nothing heard for a while: make sure the download is still there.
-            if (exists(service, id) != 1) {
+            const int found = exists(service, id);
+            if (found < 0)
+                return notAnswered("getDownload", found);
+            if (found == 0) {
                 fprintf(stderr, "dlctl: download %s is gone\n", id.c_str());
                 break;
             }
@@ -271,6 +274,8 @@ const char *refusal(int32_t status)
         return "the identifier belongs to another download";
     case IDLService::REQUEST_BAD_ARGUMENT:
         return "an argument is unusable (see the service's log)";
+    case IDLService::REQUEST_REFUSED:
+        return "refused: not permitted, or this user has reached its limit of downloads";
     default:
         return "refused by the service (see its log)";
     }
@@ -330,8 +335,7 @@ int run(int argc, char **argv)
         const int32_t created = service->requestDownload(o.client, arg, o.id, o.name, &id);
         int status = 0;
         if (created < 0) {
-            fprintf(stderr, "dlctl: the download service went away\n");
-            status = 2;
+            status = notAnswered("requestDownload", created);
         } else if (created != IDLService::REQUEST_CREATED) {
             fprintf(stderr, "dlctl: cannot create %s: %s\n", arg.c_str(), refusal(created));
             status = 1;
@@ -408,6 +412,10 @@ int run(int argc, char **argv)
             return 1;
         case IDLService::PATH_NOT_A_DIRECTORY:
             fprintf(stderr, "dlctl: %s is not a directory\n", path.c_str());
+            return 1;
+        case IDLService::PATH_NOT_PERMITTED:
+            fprintf(stderr, "dlctl: %s is not permitted: this user may not write there, or "
+                            "only root sets this client's directory\n", path.c_str());
             return 1;
         default:
             fprintf(stderr, "dlctl: the download service went away\n");
