@@ -29,7 +29,8 @@ int receivingTransfers = 0;
 
 qint64 readBufferShare()
 {
-    return qBound(kMinReadBufferSize, kReadBudget / qMax(1, receivingTransfers), kMaxReadBufferSize);
+    return qBound(
+        kMinReadBufferSize, kReadBudget / qMax(1, receivingTransfers), kMaxReadBufferSize);
 }
 
 // Commits run one at a time on the main thread, so one buffer serves every transfer. It is
@@ -531,8 +532,8 @@ void Download::transferStalled()
         failLocalFile();
         return;
     }
-    endAttempt(FAILURE_NETWORK,
-        QStringLiteral("nothing received for %1 ms").arg(stallTimeoutMs), true);
+    endAttempt(
+        FAILURE_NETWORK, QStringLiteral("nothing received for %1 ms").arg(stallTimeoutMs), true);
 }
 
 void Download::report()

@@ -15,10 +15,11 @@
 namespace android {
 
 // One socket to one peer process, carrying calls in both directions. A reader thread takes
-// frames off the socket. A frame with nothing queued ahead of it is sent by the calling thread
-// as far as the socket takes it without blocking; a writer thread drains the rest from a bounded
-// queue, so no caller blocks on a slow peer. Objects we send are exported (kept alive) until the connection closes. Any read or write
-// failure, protocol violation or overflow shuts the connection down and reports its proxies dead.
+// frames off the socket. A frame with nothing queued ahead of it is sent by the calling thread as
+// far as the socket takes it without blocking; a writer thread drains the rest from a bounded
+// queue, so no caller blocks on a slow peer. Objects we send are exported (kept alive) until the
+// connection closes. Any read or write failure, protocol violation or overflow shuts the
+// connection down and reports its proxies dead.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
     // Takes ownership of `fd`; `root` (may be null) is what the peer reaches as handle 0. `slot`
