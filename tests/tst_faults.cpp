@@ -140,6 +140,36 @@ int replyStatus(int fd, const QByteArray &bytes)
     return got == 0 ? kEof : -1;
 }
 
+// A stored row and the file beside it: the stored amount's prefix of the content, then junk, to
+// "file" bytes (-1: no file). "resume": not launched at start, resumed by the test.
+struct Restored {
+    const char *id;
+    int state, size, total, amount, file;
+    bool resume;
+    const char *end;
+    int code;
+    const char *ranges; // by the end
+};
+const Restored kRestored[] = {
+    {"shorter", 32, 65536, 65536, 10000, 512, false, "Completed", 4, "-"},
+    {"missing", 32, 65536, 65536, 10000, -1, false, "Completed", 4, "-"},
+    {"as-long", 32, 65536, 65536, 8000, 8000, false, "Completed", 4, "8000"},
+    {"longer", 32, 65536, 65536, 8000, 70000, false, "Completed", 4, "8000"},
+    {"total", 32, 3000, 5000, 1000, 1000, false, "Completed", 4, "1000 -"},
+    {"whole", 32, 4096, 4096, 4096, 4096, false, "Completed", 4, "4096"},
+    {"paused", 4, 65536, 65536, 3000, 3000, true, "Completed", 4, "3000"},
+    {"completed", 1, 4096, 4096, 4096, 4096, false, "Completed", 4, ""},
+    {"failed", 8, 4096, 0, 0, -1, true, "Completed", 4, "-"},
+    {"ftp", 32, 4096, 0, 0, -1, true, "Failed", 4, ""},
+    {"symlink", 32, 4096, 4096, 0, 100, false, "Failed", 3, "-"},
+};
+
+bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
+}
+
 } // namespace
 
 class tst_Faults : public QObject {
@@ -154,6 +184,7 @@ class tst_Faults : public QObject {
                  {"MAX_PACKET_COUNT=1", "DLM_TRANSFER_TIMEOUT_MS=1000", "DLM_RETRY_BASE_MS=50"}};
     std::unique_ptr<Child> watcher;
     int rows = 0;
+    Service restored;
 
 private slots:
     void initTestCase();
@@ -163,6 +194,7 @@ private slots:
     void hostileFrames_data();
     void hostileFrames();
     void cleanupTestCase();
+    void restoredRows_data();
     void restoredRows();
     void diskFull();
     void killAndRestart();
@@ -335,16 +367,128 @@ void tst_Faults::cleanupTestCase()
     QCOMPARE(svc.stop(), 0);
 }
 
+void tst_Faults::restoredRows_data()
+{
+    QTest::addColumn<int>("i");
+    for (int i = 0; i < int(std::size(kRestored)); ++i)
+        QTest::newRow(kRestored[i].id) << i;
+}
+
 void tst_Faults::restoredRows()
 {
+    QFETCH(int, i);
+    const Restored &r = kRestored[i];
+    const QByteArray id = r.id, body = FakeHttpServer::makeBody(r.size, r.size);
+    const QString file = restored.path("downloads/") + r.id;
+    const QByteArray before = (body.left(r.amount) + QByteArray(qMax(r.file, 0), 'x')).left(qMax(r.file, 0));
+    if (restored.proc.pid() < 0) { // every row is stored before one start
+        QVERIFY(restored.start());
+        QCOMPARE(restored.stop(), 0);
+        for (const Restored &s : kRestored) {
+            const QByteArray content = FakeHttpServer::makeBody(s.size, s.size);
+            const QString url = server.url('/' + QByteArray(s.id)).toString(), path = restored.path("downloads/") + s.id;
+            server.setBody('/' + QByteArray(s.id), content);
+            restored.sql("INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state, failureCode, totalSize, amountDownloaded, startTime) VALUES (?, 'app', ?, ?, ?, ?, 4, ?, ?, 1)",
+                         {s.id, s.id, QString(url).replace("http:", QByteArray(s.id) == "ftp" ? "ftp:" : "http:"), path, s.state, s.total, s.amount});
+            const QByteArray bytes = (content.left(s.amount) + QByteArray(qMax(s.file, 0), 'x')).left(qMax(s.file, 0));
+            // The symlink row's file is a link to a file elsewhere.
+            QVERIFY(s.file < 0 || writeFile(QByteArray(s.id) == "symlink" ? restored.path("elsewhere") : path, bytes));
+            QVERIFY(QByteArray(s.id) != "symlink" || QFile::link(restored.path("elsewhere"), path));
+        }
+        QVERIFY(restored.start());
+    }
+    QCOMPARE(restored.proc.err().contains("Download launched with uniqueID:" + id), r.state == 32 && !r.resume);
+    if (r.resume) {
+        QCOMPARE(ranges(server, '/' + id), QByteArray());
+        restored.line("resume " + id);
+    }
+    const bool done = QByteArray(r.end) == "Completed";
+    const QByteArray line = id + " app " + r.end + ' ' + QByteArray::number(done ? r.size : r.amount) + ' ' + QByteArray::number(done ? r.size : r.total) + ' ' + file.toUtf8() + '\n';
+    QVERIFY(restored.proc.waitFor([&] { return restored.dlctl({"status", id}).out == line; }));
+    QCOMPARE(ranges(server, '/' + id), QByteArray(r.ranges));
+    QCOMPARE(readFile(file), done ? body : before);
+    const QByteArrayList row = stored(restored, id); // exactly one
+    QCOMPARE(row.size(), 4);
+    QCOMPARE(row.value(1).toInt(), r.code);
+    if (i == int(std::size(kRestored)) - 1)
+        QCOMPARE(restored.stop(), 0);
 }
 
 void tst_Faults::diskFull()
 {
+    // Writes past 512 KiB fail with EFBIG instead of ending the service with SIGXFSZ.
+    Service s({}, {"MAX_PACKET_COUNT=1", "DLM_REPORT_INTERVAL_MS=0"});
+    QVERIFY(s.start([] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit {512 * 1024, 512 * 1024};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }));
+    const QByteArray body = FakeHttpServer::makeBody(2 * 1024 * 1024, 13);
+    server.setResource("/big", resource("chunk=65536", body));
+    QCOMPARE(s.dlctl({"set-path", "dlctl", s.path("downloads")}).code, 0);
+    QCOMPARE(s.dlctl({"create", server.url("/big").toString(), "--id", "big"}).code, 0);
+    QVERIFY(waitStored(s, "big", "8"));
+    const QByteArrayList failed = stored(s, "big");
+    const QByteArray onDisk = readFile(s.path("downloads/big"));
+    QCOMPARE(failed.value(1), QByteArray("3"));
+    QVERIFY(failed.value(2).toInt() > 0 && failed.value(2).toInt() <= onDisk.size());
+    QVERIFY(onDisk.size() < body.size() && body.startsWith(onDisk));
+    QVERIFY(s.waitErr("Download big failed: cannot write " + s.path("downloads/big").toUtf8() + ": "));
+    // Without the limit, a resume goes on from the stored amount.
+    QCOMPARE(s.stop(), 0);
+    QVERIFY(s.start());
+    s.line("resume big");
+    QVERIFY(waitStored(s, "big", "1"));
+    QCOMPARE(readFile(s.path("downloads/big")), body);
+    QCOMPARE(ranges(server, "/big"), "- " + failed.value(2));
+    QCOMPARE(s.stop(), 0);
 }
 
 void tst_Faults::killAndRestart()
 {
+    // Every notification commits, so each stall point is stored exactly: k0 stops after 96 KiB,
+    // k1 after its headers, k2 completes, k3 is paused at 32 KiB.
+    Service s({}, {"MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0"});
+    QVERIFY(s.start());
+    QCOMPARE(s.dlctl({"set-path", "dlctl", s.path("downloads")}).code, 0);
+    const QByteArrayList specs {"stall=98304", "stall=0", "", "stall=32768"};
+    const QByteArrayList expected {"2 4 98304", "2 4 0", "1 4 4096", "4 4 32768"};
+    QList<QByteArray> bodies;
+    for (int i = 0; i < 4; ++i) {
+        bodies << FakeHttpServer::makeBody(i == 2 ? 4096 : 256 * 1024, 40 + i);
+        server.setResource("/k" + QByteArray::number(i), resource(specs[i], bodies[i]));
+        QCOMPARE(s.dlctl({"create", server.url("/k" + QByteArray::number(i)).toString(), "--id", "k" + QString::number(i)}).code, 0);
+    }
+    QVERIFY(waitStored(s, "k3", "2", 32768));
+    s.line("pause k3");
+    const auto rows = [&] {
+        QByteArrayList all;
+        for (int i = 0; i < 4; ++i)
+            all << stored(s, "k" + QByteArray::number(i)).mid(0, 3).join(' ');
+        return all;
+    };
+    QVERIFY(s.proc.waitFor([&] { return rows() == expected; }));
+    for (bool killed : {false, true}) { // no stored amount runs ahead of its file, alive or killed
+        if (killed)
+            s.kill();
+        QCOMPARE(rows(), expected);
+        for (int i = 0; i < 4; ++i)
+            QCOMPARE(readFile(s.path("downloads/k") + QString::number(i)), bodies[i].left(expected[i].split(' ')[2].toInt()));
+    }
+    // The server repaired: the stalled ones go on from their stored bytes, the paused one waits.
+    server.clearRequests();
+    for (int i = 0; i < 4; ++i)
+        server.setBody("/k" + QByteArray::number(i), bodies[i]);
+    QVERIFY(s.start());
+    QCOMPARE(s.dlctl({"list"}).out.count('\n'), 4);
+    QVERIFY(waitStored(s, "k0", "1") && waitStored(s, "k1", "1"));
+    s.line("resume k3");
+    QVERIFY(waitStored(s, "k3", "1"));
+    for (int i = 0; i < 4; ++i)
+        QCOMPARE(readFile(s.path("downloads/k") + QString::number(i)), bodies[i]);
+    QCOMPARE(ranges(server, "/k0") + '|' + ranges(server, "/k1") + '|' + ranges(server, "/k2") + '|' + ranges(server, "/k3"), QByteArray("98304|-||32768"));
+    QCOMPARE(s.sql("SELECT group_concat(uniqueID) FROM downloads").value(0).value(0).toString(), QString("k0,k1,k2,k3"));
+    QCOMPARE(s.stop(), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_Faults)
