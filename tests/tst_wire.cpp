@@ -66,6 +66,7 @@ private slots:
         QTest::newRow("1025 objects")
             << patch(sized(frame(Transact, 1024) + one.right(12)), 52, 1025) << false;
         QTest::newRow("unknown command") << patch(one, 0, 9) << false;
+        QTest::newRow("data size past the body") << patch(one, 40, 1000) << false;
         QTest::newRow("object kind 7") << frame(Transact, 1, 8, 7) << false;
         QTest::newRow("trailing byte") << sized(one + 'x') << false;
         for (const QByteArray &whole : { one, reply })
@@ -79,7 +80,7 @@ private slots:
         QFETCH(bool, valid);
         const auto *p = reinterpret_cast<const uint8_t *>(bytes.constData());
         uint32_t command = 0, size = 0;
-        wire::Frame f;
+        Frame f;
         QCOMPARE(decodeHeader(p, &command, &size) && decodeBody(command, p + 8, size, &f), valid);
         QVERIFY(!valid || encode(f) == std::vector<uint8_t>(p, p + bytes.size())); // canonical
     }
