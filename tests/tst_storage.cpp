@@ -6,7 +6,6 @@
 
 #include <android/log.h>
 
-#include <QSettings>
 #include <QtTest>
 
 using Rows = QList<QVariantList>;
@@ -39,14 +38,14 @@ private slots:
         __android_log_set_logger([](const __android_logger_data *, const char *m) { errors << m; });
     }
 
-    void rows_data()
+    void storedRows_data()
     {
         QTest::addColumn<QString>("key"); // of a download stored next to one with the key "x"
         QTest::newRow("single quote") << "it's";
         QTest::newRow("always true") << "x' OR '1'='1";
         QTest::newRow("second statement") << "x'); DROP TABLE downloads; --";
     }
-    void rows()
+    void storedRows()
     {
         QFETCH(QString, key);
         Service svc;
@@ -87,6 +86,7 @@ private slots:
         QFile file(svc.path("db/dlm_download.db"));
         QVERIFY(file.open(QIODevice::WriteOnly) && file.write(garbage) && file.flush());
         const auto manager = start(svc, svc.path(QTest::currentDataTag()));
+        QVERIFY(!manager->startRefused());
         QVERIFY(manager->setDownloadPath("a", svc.path()) == DownloadManager::PathStatus::Set);
         manager->quit();
         QCOMPARE(errors.size(), 1); // for the file, not for every call
