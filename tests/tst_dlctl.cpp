@@ -61,7 +61,7 @@ private slots:
 
 // Started under umask 077, every data notification written and reported at once: "huge" wants
 // 2^50 bytes, "p" paused at 100000 of 300000 has its file replaced by a link, client "shm" is on
-// another file system. As root: dlmtest-a's "theirs" stalls in "mine"; dlmtest-b watches.
+// another file system. As root: dlmtest-a's "theirs" stalls in "a"; dlmtest-b watches.
 void tst_Dlctl::buildShared()
 {
     shared.reset(new Service({{"max_downloads_per_user", "2"}},
@@ -75,23 +75,24 @@ void tst_Dlctl::buildShared()
     QVERIFY(as(-1, "set-path shm " + shm.path()) && as(-1, "create " + url("/huge")));
     QVERIFY(as(-1, "create " + url("/p.bin") + " --id p --name Shown"));
     QVERIFY(s.waitErr("DL:  100000 / 300000") && as(-1, "pause p") && s.waitErr("\"Paused\""));
+    const QString file = s.path("downloads/p.bin");
+    QVERIFY(QFile::remove(file) && QFile::link(s.path("db/secret"), file));
+    QVERIFY(s.waitErr("DL:  4096 / 1125899906842624"));
+    if (geteuid() == 0) {
+        for (int user = 0; user < 2; ++user)
+            QProcess::execute("install", {"-d", "-o", kUsers[user], s.path(user ? "b" : "a")});
+        watcher = s.client({DLCTL_BINARY, "watch"}, kUsers[1]);
+        QVERIFY(s.waitErr("Event client registered"));
+        QVERIFY(as(0, "set-path dlctl " + s.path("a")));
+        QVERIFY(as(1, "set-path app " + s.path("b")));
+        QVERIFY(as(0, "create " + url("/p.bin") + " --id theirs"));
+        QVERIFY(s.waitErr("DL:  100000 / 300000", 2));
+    }
     // The record as the interface carries it holds what is stored, member for member.
     const auto probe = s.client({DLPROBE_BINARY, "record", "p"});
     const QVariantList row = s.sql("SELECT * FROM downloads WHERE uniqueID = 'p'").value(0);
     QVERIFY(probe->finish() == 0 && row.value(2) == "Shown");
     QCOMPARE(probe->out(), QVariant(row.mid(0, 10)).toStringList().join('|').toUtf8() + '\n');
-    const QString file = row.value(4).toString();
-    QVERIFY(QFile::remove(file) && QFile::link(s.path("db/secret"), file));
-    QVERIFY(s.waitErr("DL:  4096 / 1125899906842624"));
-    for (int user = 0; user < 2 && geteuid() == 0; ++user)
-        QProcess::execute("install", {"-d", "-o", kUsers[user], s.path(user ? "yours" : "mine")});
-    if (geteuid() != 0)
-        return;
-    watcher = s.client({DLCTL_BINARY, "watch"}, kUsers[1]);
-    QVERIFY(s.waitErr("Event client registered"));
-    QVERIFY(as(0, "set-path dlctl " + s.path("mine")) && as(1, "set-path app " + s.path("yours")));
-    QVERIFY(as(0, "create " + url("/p.bin") + " --id theirs"));
-    QVERIFY(s.waitErr("DL:  100000 / 300000", 2));
 }
 
 void tst_Dlctl::requests_data()
@@ -124,17 +125,17 @@ void tst_Dlctl::requests_data()
     row("UTF-8 URL", "", "create URL/twö --client été --id two --wait", 0,
         "two\ntwo été Completed 7 7 @/downloads/twö\n");
     row("own directory, own file", "a", "create URL/f --id own --wait", 0,
-        "own\nown dlctl Completed 70000 70000 @/mine/f\n");
+        "own\nown dlctl Completed 70000 70000 @/a/f\n");
     row("a directory of root's", "a", "set-path app @/db", 1, "", "is not permitted");
-    row("default directory", "a", "set-path DEFAULT_CLIENT_ID @/mine", 1, "", "is not permitted");
-    row("a client's directory per user", "a", "set-path app @/mine", 0, "");
+    row("default directory", "a", "set-path DEFAULT_CLIENT_ID @/a", 1, "", "is not permitted");
+    row("a client's directory per user", "a", "set-path app @/a", 0, "");
     row("another's directory stays", "b", "create URL/no --client app --id b --wait", 1,
-        "b\nb app Failed 0 0 @/yours/no (failure 2: the server answered with an error status)\n");
+        "b\nb app Failed 0 0 @/b/no (failure 2: the server answered with an error status)\n");
     row("another's download unseen", "b", "status theirs", 1, "", "no download theirs");
-    row("another's downloads unlisted", "b", "list", 0, "b app Failed 0 0 @/yours/no\n");
+    row("another's downloads unlisted", "b", "list", 0, "b app Failed 0 0 @/b/no\n");
     row("pause all of one's own", "b", "pause all", 0, "", "all has been paused.");
     row("root sees all", "root", "status theirs", 0,
-        "theirs dlctl Progressing 100000 300000 @/mine/p.bin\n");
+        "theirs dlctl Progressing 100000 300000 @/a/p.bin\n");
     row("a user over its limit", "a", "create URL/f", 1, "", "has 2 downloads, its limit");
     row("resumed onto a planted link", "", "resume p", 0, "", "Too many levels of symbolic links");
     row("the link not followed", "", "status p", 0, "p dlctl Failed 0 300000 @/downloads/p.bin\n");
@@ -241,8 +242,7 @@ void tst_Dlctl::reachability()
     c->signal(term ? SIGTERM : 0);
     QCOMPARE(c->finish(), code);
     QVERIFY2(c->err().contains(said), c->err());
-    for (int fd : fds)
-        close(fd);
+    std::for_each(fds.begin(), fds.end(), close);
 }
 
 void tst_Dlctl::manyStoredAreListed()
