@@ -106,9 +106,9 @@ void tst_Dlctl::requests_data()
                         const QByteArray &out, const QByteArray &said = {}) {
         QTest::newRow(name) << user << args << code << out << said;
     };
+    row("paused record", "", "status p", 0, "p dlctl Paused 100000 300000 @/downloads/p.bin\n");
     row("create and follow", "", "create URL/a --id a --wait", 0,
         "a\na dlctl Completed 70000 70000 @/downloads/a\n", "\"Completed\"  DL:  70000 / 70000");
-    row("paused record", "", "status p", 0, "p dlctl Paused 100000 300000 @/downloads/p.bin\n");
     row("identifier in use", "", "create URL/other --id p", 1, "", "belongs to another download");
     row("not an http URL", "", "create ftp://h/f", 1, "", "not an http or https URL");
     row("relative path", "", "set-path app rel", 1, "", "rel is not an absolute path");
