@@ -173,9 +173,26 @@ Download::Download(DownloadManager *manager, QNetworkAccessManager *networkManag
       startTime(startTime),
       packetCount(0)
 {
-    stallTimer.setSingleShot(true);
-    connect(&stallTimer, &QTimer::timeout, this, &Download::transferStalled);
-    connect(&retry, &RetrySchedule::due, this, &Download::launch);
+}
+
+Download::Transfer &Download::transfer()
+{
+    if (!running) {
+        running = std::make_unique<Transfer>();
+        running->stallTimer.setSingleShot(true);
+        connect(&running->stallTimer, &QTimer::timeout, this, &Download::transferStalled);
+        connect(&running->retry, &RetrySchedule::due, this, &Download::launch);
+        if (maxRetries >= 0)
+            running->retry.setMaxRetries(maxRetries);
+    }
+    return *running;
+}
+
+void Download::setMaxRetries(int count)
+{
+    maxRetries = count;
+    if (running)
+        running->retry.setMaxRetries(count);
 }
 
 Download::~Download()
@@ -209,13 +226,13 @@ void Download::pause()
         return;
     const bool receiving = state == Progressing;
     state = Paused;
-    retry.cancel();
+    transfer().retry.cancel();
     if (receiving && !writeBuffered()) {
         failLocalFile();
         return;
     }
     stopTransfer();
-    file.close();
+    transfer().file.close();
     report();
 }
 
@@ -223,7 +240,7 @@ void Download::resume()
 {
     if (state != Paused && state != Failed)
         return;
-    retry.reset();
+    transfer().retry.reset();
     launch();
 }
 
@@ -235,20 +252,20 @@ void Download::restart()
     totalSize = 0;
     state = Pending;
     amountDownloaded = 0;
-    retry.reset();
+    transfer().retry.reset();
     launch();
 }
 
 qint64 Download::nextAttemptTime() const
 {
-    return state == Stalled ? retry.nextAttemptTime() : 0;
+    return state == Stalled && running ? running->retry.nextAttemptTime() : 0;
 }
 
 void Download::launch()
 {
     if (state == Completed)
         return;
-    retry.cancel();
+    transfer().retry.cancel();
     packetCount = 0;
     if (startTime == 0)
         startTime = QDateTime::currentMSecsSinceEpoch();
@@ -260,7 +277,7 @@ void Download::launch()
         QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
     // Our own stall timer, not the request's transfer timeout: that one also counts the time a
     // request waits for one of the few connections per host.
-    stallTimer.stop();
+    transfer().stallTimer.stop();
     stallTimeoutMs = transferTimeoutMs();
     requestOffset = 0;
     if (amountDownloaded != 0) {
@@ -297,19 +314,21 @@ void Download::sendRequest(const QNetworkRequest &request)
     // reused one); a redirect may queue again.
     connect(reply, &QNetworkReply::socketStartedConnecting, this, &Download::restartStallTimer);
     connect(reply, &QNetworkReply::requestSent, this, &Download::restartStallTimer);
-    connect(reply, &QNetworkReply::redirected, &stallTimer, &QTimer::stop);
+    connect(reply, &QNetworkReply::redirected, &transfer().stallTimer, &QTimer::stop);
 }
 
 void Download::abort()
 {
-    retry.cancel();
+    if (!running)
+        return; // never ran in this process: nothing to stop
+    transfer().retry.cancel();
     stopTransfer();
-    file.close();
+    transfer().file.close();
 }
 
 void Download::stopTransfer()
 {
-    stallTimer.stop();
+    transfer().stallTimer.stop();
     attemptSettled = true;
     releaseReply();
 }
@@ -343,9 +362,9 @@ void Download::setReceiving(bool on)
 void Download::endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs)
 {
     stopTransfer();
-    file.close();
+    transfer().file.close();
     failureCode = code;
-    const qint64 delay = passing ? retry.schedule(amountDownloaded, retryAfterMs) : -1;
+    const qint64 delay = passing ? transfer().retry.schedule(amountDownloaded, retryAfterMs) : -1;
     if (delay >= 0) {
         state = Stalled;
         DLM_LOGI("Download %s stalled, next attempt in %lld ms: %s", uniqueID.toUtf8().constData(),
@@ -361,26 +380,26 @@ void Download::endAttempt(unsigned code, const QString &reason, bool passing, qi
 void Download::failLocalFile()
 {
     endAttempt(FAILURE_LOCAL_FILE,
-        QStringLiteral("cannot write %1: %2").arg(filePath, file.errorString()), false);
+        QStringLiteral("cannot write %1: %2").arg(filePath, transfer().file.errorString()), false);
 }
 
 bool Download::prepareFile(qint64 offset)
 {
     // Unbuffered: a committed byte is in the file before it is counted and stored.
-    if (!file.isOpen() && !file.openExisting(filePath, ownerUid))
+    if (!transfer().file.isOpen() && !transfer().file.openExisting(filePath, ownerUid))
         return false;
-    if (file.size() < offset)
+    if (transfer().file.size() < offset)
         return false;
-    return file.seek(offset);
+    return transfer().file.seek(offset);
 }
 
 bool Download::saveToDisk(QByteArray data)
 {
-    if (!file.isOpen() && !file.openFresh(filePath, ownerUid))
+    if (!transfer().file.isOpen() && !transfer().file.openFresh(filePath, ownerUid))
         return false;
     if (data.isEmpty())
         return true;
-    return file.write(data) == data.size();
+    return transfer().file.write(data) == data.size();
 }
 
 bool Download::commitData()
@@ -427,9 +446,9 @@ void Download::downloadFinished(QNetworkReply *finished)
 {
     if (!finished || finished != reply)
         return;
-    stallTimer.stop();
+    transfer().stallTimer.stop();
     if (attemptSettled || state == Completed || state == Paused) {
-        file.close();
+        transfer().file.close();
         return;
     }
     const ReplyVerdict judged = checkReply(false);
@@ -446,9 +465,9 @@ void Download::downloadFinished(QNetworkReply *finished)
             return;
         }
         // A resumed file may hold stale bytes past the end of the content.
-        if (file.size() > amountDownloaded)
-            file.resize(amountDownloaded);
-        file.close();
+        if (transfer().file.size() > amountDownloaded)
+            transfer().file.resize(amountDownloaded);
+        transfer().file.close();
         releaseReply();
         state = Completed;
         report();
@@ -515,8 +534,8 @@ void Download::restartStallTimer()
     // Re-arming a timer at every notification costs more than the notification itself on a slow
     // link: the running timer is left alone and checks the time of the last notification.
     lastActivity.start();
-    if (!stallTimer.isActive())
-        stallTimer.start(stallTimeoutMs);
+    if (!transfer().stallTimer.isActive())
+        transfer().stallTimer.start(stallTimeoutMs);
 }
 
 void Download::transferStalled()
@@ -525,7 +544,7 @@ void Download::transferStalled()
         return;
     const qint64 quiet = lastActivity.elapsed();
     if (quiet < stallTimeoutMs) {
-        stallTimer.start(int(stallTimeoutMs - quiet));
+        transfer().stallTimer.start(int(stallTimeoutMs - quiet));
         return;
     }
     if (verdict == ReplyVerdict::Accepted && !writeBuffered()) {
@@ -614,9 +633,9 @@ void Download::completeFromRangeAnswer(qint64 completeLength)
     // The server has nothing past the bytes already on disk: the file is whole.
     verdict = ReplyVerdict::Settled;
     stopTransfer();
-    if (file.isOpen() && file.size() > completeLength)
-        file.resize(completeLength);
-    file.close();
+    if (transfer().file.isOpen() && transfer().file.size() > completeLength)
+        transfer().file.resize(completeLength);
+    transfer().file.close();
     totalSize = completeLength;
     state = Completed;
     report();
@@ -626,7 +645,7 @@ void Download::startOverWithoutRange(bool contentChanged)
 {
     // The partial answer does not continue our bytes; fetch the whole resource anew.
     releaseReply();
-    file.close();
+    transfer().file.close();
     amountDownloaded = 0;
     if (contentChanged)
         totalSize = 0;
@@ -638,8 +657,8 @@ void Download::restartInPlace(qint64 newTotal)
     // The server ignored the range and sends everything: write it from byte 0.
     amountDownloaded = 0;
     requestOffset = 0;
-    if (file.isOpen() && !(file.resize(0) && file.seek(0)))
-        file.close(); // the first commit then truncates it
+    if (transfer().file.isOpen() && !(transfer().file.resize(0) && transfer().file.seek(0)))
+        transfer().file.close(); // the first commit then truncates it
     if (newTotal > 0 && totalSize != 0 && newTotal != totalSize)
         totalSize = 0;
 }

@@ -10,6 +10,8 @@
 #include <QString>
 #include <QTimer>
 
+#include <memory>
+
 class DownloadManager;
 class QNetworkAccessManager;
 class QNetworkReply;
@@ -57,7 +59,7 @@ public:
     void abort();
 
     // Consecutive attempts without new bytes after which a passing fault fails the download.
-    void setMaxRetries(int count) { retry.setMaxRetries(count); }
+    void setMaxRetries(int count);
     // While Stalled: the next attempt's time in ms since the epoch; otherwise 0.
     qint64 nextAttemptTime() const;
 
@@ -84,7 +86,6 @@ public:
     // file is opened and removed with this user's file-system identity.
     uint ownerUid = 0;
 
-    OwnedFile file;
     int packetCount;
 
 public slots:
@@ -132,12 +133,20 @@ private:
     // Set once this attempt's outcome is decided (or it was stopped): later notifications of
     // its reply change nothing.
     bool attemptSettled = false;
-    // Runs while the request is on the wire; the attempt stalls once the reply has been quiet for
-    // stallTimeoutMs since lastActivity, its last notification.
-    QTimer stallTimer;
+    // What only a download that runs needs, made at its first launch: most stored downloads
+    // never run again in a session and then cost their record and little more.
+    struct Transfer {
+        OwnedFile file;
+        // Runs while the request is on the wire; the attempt stalls once the reply has been
+        // quiet for stallTimeoutMs since lastActivity, its last notification.
+        QTimer stallTimer;
+        RetrySchedule retry;
+    };
+    Transfer &transfer();
+    std::unique_ptr<Transfer> running;
+    int maxRetries = -1;
     QElapsedTimer lastActivity;
     int stallTimeoutMs = 0;
-    RetrySchedule retry;
     // Counted among the transfers sharing the read-buffer budget.
     bool sharesBudget = false;
     // Since the last report: a batch waits for reportInterval ms ("DLM_REPORT_INTERVAL_MS").
