@@ -46,7 +46,6 @@ class tst_Console : public QObject {
     Service shell; // every command row talks to this one
     Lines help; // what it printed first
     QTcpServer sink; // takes connections and never answers
-    int rows = 0;
 
 private slots:
     void initTestCase()
@@ -107,7 +106,7 @@ private slots:
         QFETCH(QByteArray, input);
         QFETCH(Lines, expected);
         QFETCH(QStringList, taken);
-        const QByteArray dir = shell.path("downloads/").toUtf8() + QByteArray::number(++rows);
+        const QByteArray dir = shell.path("downloads/").toUtf8() + QByteArray::number(shell.mark()); // new per row
         for (const QString &name : taken << QString())
             QVERIFY(QDir().mkpath(dir + '/' + name)); // a directory takes a name as well as a file
         Lines seen;
@@ -162,7 +161,8 @@ private slots:
     {
         FakeHttpServer server;
         const QByteArray slow = FakeHttpServer::makeBody(400000, 3), quick = FakeHttpServer::makeBody(100000, 9);
-        server.setResource("/slow.bin", {slow, 200, true, 4000, 20});
+        FakeHttpServer::Resource &paced = server.resource("/slow.bin"); // still running when paused
+        paced.body = slow, paced.chunkSize = 4000, paced.chunkDelayMs = 20;
         server.setBody("/quick.bin", quick);
         Service svc({}, {"MAX_PACKET_COUNT=-1"}); // a commit per notification
         QVERIFY(svc.start());
