@@ -23,6 +23,10 @@ constexpr int kScratchSize = 256 * 1024;
 constexpr int kDefaultPacketLimit = 10;
 constexpr int kDefaultTransferTimeoutMs = 60000;
 constexpr int kDefaultReportIntervalMs = 500;
+// On a slow link a batch also waits for this much content, or for this many intervals, so a
+// download costs a few reports per MiB at any rate.
+constexpr qint64 kReportBytes = 512 * 1024;
+constexpr int kMaxQuietIntervals = 6;
 
 // Transfers between their accepted answer and their end; main thread only.
 int receivingTransfers = 0;
@@ -511,7 +515,10 @@ void Download::dataReadyRead()
             ++packetCount;
             return;
         }
-        if (sinceReport.elapsed() < reportInterval)
+        const qint64 quiet = sinceReport.elapsed();
+        const qint64 fresh = amountDownloaded + reply->bytesAvailable() - reportedAmount;
+        if (quiet < reportInterval
+            || (fresh < kReportBytes && quiet < qint64(reportInterval) * kMaxQuietIntervals))
             return;
     }
     packetCount = 0;
@@ -558,6 +565,7 @@ void Download::transferStalled()
 void Download::report()
 {
     sinceReport.start();
+    reportedAmount = amountDownloaded;
     manager->updateDownload(this);
 }
 

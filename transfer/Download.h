@@ -152,4 +152,5 @@ private:
     // Since the last report: a batch waits for reportInterval ms ("DLM_REPORT_INTERVAL_MS").
     QElapsedTimer sinceReport;
     int reportInterval = 0;
+    qint64 reportedAmount = 0;
 };

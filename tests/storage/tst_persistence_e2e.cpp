@@ -123,6 +123,7 @@ void tst_PersistenceE2E::killedMidTransferResumesFromStoredAmount()
     server.setResource("/big.bin", slow);
 
     ServiceProcess service;
+    service.setEnv("DLM_REPORT_INTERVAL_MS", "0");
     QVERIFY(QDir().mkpath(service.databaseDir()));
     const QString target = service.downloadsDir() + "big.bin";
     StoredRows rows(service.databaseFile());
