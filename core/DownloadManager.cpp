@@ -400,8 +400,7 @@ int DownloadManager::checkDownloadPossible(const QString &clientID, long long si
     const QString directory = getDownloadPath(clientID, callerUid);
     if (!QDir(directory).exists())
         return 2;
-    const long long available =
-        freeSpaceProbe ? freeSpaceProbe(directory) : DLTools().getAvailableSize(directory);
+    const long long available = DLTools().getAvailableSize(directory);
     DLM_LOGD("checkDownloadPossible sizeAvailable: %lld in path %s\n", available,
              directory.toLocal8Bit().constData());
     if (available == -1)

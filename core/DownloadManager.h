@@ -10,8 +10,6 @@
 #include <QString>
 #include <QTimer>
 
-#include <functional>
-
 class DLBaseClient;
 class Download;
 class DownloadDataBase;
@@ -108,10 +106,6 @@ public:
 
     // Whether a caller may see and control a download: root, or the download's owner.
     static bool mayTouch(uint callerUid, const Download *download);
-
-    // Free bytes of the file system holding a directory, -1 when unknown. Empty: DLTools is
-    // asked. Tests put a fixed figure here to check the space arithmetic.
-    std::function<long long(const QString &directory)> freeSpaceProbe;
 
     // True once quit() has started: nothing may reach the downloads or clients any more.
     bool isQuitting() const { return quitting; }

@@ -291,12 +291,6 @@ void DownloadDataBase::getDownloadList()
     }
 }
 
-void DownloadDataBase::clear()
-{
-    QSqlQuery query;
-    run(query, QStringLiteral("DELETE FROM ") + kTable, {});
-}
-
 bool DownloadDataBase::storeDownloadPath(uint ownerUid, const QString &clientID, const QString &path)
 {
     QSqlQuery query;

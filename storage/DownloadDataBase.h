@@ -51,7 +51,6 @@ public:
     void releaseMemory();
     // Hands every stored row to the manager's restore form of createDownload, in stored order.
     void getDownloadList();
-    void clear();
 
     // Adds or replaces the directory of one client.
     bool storeDownloadPath(uint ownerUid, const QString &clientID, const QString &path);

@@ -3,6 +3,7 @@
 //              callback objects; print every update
 //   reentrant  call getDownload from inside every callback, print what it returned
 //   storm N    N rounds of list/status/space queries, print "ok" when all answered
+//   record ID  the download's ten members in the database's column order, joined by '|'
 // Updates print as "update ID STATE BYTES"; output is flushed line by line.
 #include "IDLService.h"
 
@@ -11,7 +12,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <unistd.h>
 
@@ -21,22 +21,17 @@ namespace {
 
 sp<IDLService> service;
 
-class Printer : public BnDLClient
+struct Printer : public BnDLClient
 {
-public:
     explicit Printer(bool reentrant) : reentrant(reentrant) {}
     void onDownloadUpdate(IDownload d) override
     {
         printf("update %s %d %lld\n", d.uniqueID.c_str(), d.state, (long long)d.amountDownloaded);
-        if (reentrant) {
-            IDownload again;
-            const int found = service->getDownload(d.uniqueID, &again);
-            printf("reentrant %s %d\n", d.uniqueID.c_str(), found);
-        }
+        IDownload again;
+        if (reentrant)
+            printf("reentrant %s %d\n", d.uniqueID.c_str(), service->getDownload(d.uniqueID, &again));
     }
-
-private:
-    bool reentrant;
+    const bool reentrant;
 };
 
 } // namespace
@@ -44,25 +39,31 @@ private:
 int main(int argc, char **argv)
 {
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    if (argc < 2)
-        return 64;
     ProcessState::self()->startThreadPool();
     service = interface_cast<IDLService>(
         defaultServiceManager()->getService(String16("com.velta.DLService")));
     if (service == nullptr)
         return 2;
-    const std::string mode = argv[1];
+    const std::string mode = argc > 1 ? argv[1] : "";
+    IDownload d;
+    if (mode == "record") {
+        if (argc < 3 || service->getDownload(argv[2], &d) != 1)
+            _exit(1);
+        printf("%s|%s|%s|%s|%s|%d|%d|%lld|%lld|%lld\n", d.uniqueID.c_str(), d.clientID.c_str(),
+               d.name.c_str(), d.contentURL.c_str(), d.filePath.c_str(), d.state, d.failureCode,
+               (long long)d.totalSize, (long long)d.amountDownloaded, (long long)d.startTime);
+        fflush(nullptr);
+        _exit(0);
+    }
     if (mode == "storm") {
-        const int rounds = argc > 2 ? atoi(argv[2]) : 100;
-        for (int i = 0; i < rounds; ++i) {
+        for (int i = 0; i < atoi(argc > 2 ? argv[2] : "100"); ++i) {
             std::vector<IDownload *> list;
             if (service->getDownloadList("*", list) < 0)
                 return 3;
-            for (IDownload *d : list) {
-                IDownload one;
-                if (service->getDownload(d->uniqueID, &one) < 0)
+            for (IDownload *r : list) {
+                if (service->getDownload(r->uniqueID, &d) < 0)
                     return 3;
-                delete d;
+                delete r;
             }
             if (service->checkSpaceAvailability("storm", 1) < 0)
                 return 3;

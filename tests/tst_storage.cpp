@@ -1,0 +1,99 @@
+// The database on its own, then behind a real manager; rows read back on the test's connection.
+#include "Download.h"
+#include "DownloadDataBase.h"
+#include "DownloadManager.h"
+#include "Harness.h"
+
+#include <android/log.h>
+
+#include <QtTest>
+
+using Rows = QList<QVariantList>;
+QList<QByteArray> errors;
+
+Rows values(const QList<Download *> &downloads)
+{
+    Rows rows;
+    for (const Download *d : downloads)
+        rows.append({ d->uniqueID, d->clientID, d->name, d->contentURL, d->filePath, d->state,
+            d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid });
+    return rows;
+}
+
+std::unique_ptr<DownloadManager> start(Service &svc, const QString &dbDir)
+{
+    QSettings(svc.path("ini"), QSettings::NativeFormat).setValue("download_database_path", dbDir);
+    QSqlDatabase::removeDatabase(QSqlDatabase::defaultConnection);
+    return std::make_unique<DownloadManager>(svc.path("ini"));
+}
+
+class tst_Storage : public QObject {
+    Q_OBJECT
+private slots:
+    void init()
+    {
+        errors.clear();
+        QSqlDatabase::removeDatabase(QSqlDatabase::defaultConnection);
+        __android_log_set_minimum_priority(ANDROID_LOG_ERROR);
+        __android_log_set_logger([](const __android_logger_data *, const char *m) { errors << m; });
+    }
+
+    void storedRows_data()
+    {
+        QTest::addColumn<QString>("key"); // of a download stored next to one with the key "x"
+        QTest::newRow("single quote") << "it's";
+        QTest::newRow("always true") << "x' OR '1'='1";
+        QTest::newRow("second statement") << "x'); DROP TABLE downloads; --";
+    }
+    void storedRows()
+    {
+        QFETCH(QString, key);
+        Service svc;
+        Download x(nullptr, nullptr, "x", "", "", "http://h", "/x", 1, 1, -1, 0, 9000000000000);
+        Download a(nullptr, nullptr, key, "c", "a", "http://h/a", "/a", 4, 1, 5000000000, 12, 3);
+        Download b(nullptr, nullptr, key, "d", "b", "http://h/b", "/b", 1, 2, 6000000000, 45, 6);
+        Download ab(nullptr, nullptr, key, "c", "b", "http://h/a", "/a", 1, 2, 6000000000, 45, 3);
+        b.ownerUid = 4242; // the other columns a request sets once: a's stay
+        {
+            DownloadDataBase db(nullptr, svc.path("db/dlm_download.db"));
+            for (Download *d : { &x, &a, &b })
+                db.store(d);
+            QCOMPARE(svc.sql("SELECT * FROM downloads ORDER BY rowid"), values({ &x, &ab }));
+            QVERIFY(db.deleteEntry(&b) && !db.deleteEntry(&b) && !db.isDBEntryAvailable(key)
+                && db.isDBEntryAvailable("x") && db.storeDownloadPath(0, key, "/a")
+                && db.storeDownloadPath(0, key, "/b") && db.storeDownloadPath(7, key, "/c"));
+            db.store(&b);
+        }
+        const auto manager = start(svc, svc.path("db"));
+        QCOMPARE(values(manager->getDownloadList("*")), values({ &x, &b }));
+        QCOMPARE(manager->getDownloadPath(key) + manager->getDownloadPath(key, 7), "/b/c");
+        manager->quit();
+        QCOMPARE(svc.sql("PRAGMA journal_mode"), Rows { { "wal" } });
+        QCOMPARE(errors, QList<QByteArray>());
+    }
+
+    void unusableDatabase_data()
+    {
+        QTest::addColumn<QByteArray>("message"); // the row's name: the database directory
+        QTest::newRow("db") << QByteArray("file is not a database");
+        QTest::newRow("no/db") << QByteArray("unable to open database file");
+    }
+    void unusableDatabase()
+    {
+        QFETCH(QByteArray, message);
+        Service svc;
+        const QByteArray garbage = QByteArray("not a database\n").repeated(100);
+        QFile file(svc.path("db/dlm_download.db"));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(garbage) && file.flush());
+        const auto manager = start(svc, svc.path(QTest::currentDataTag()));
+        QVERIFY(!manager->startRefused());
+        QVERIFY(manager->setDownloadPath("a", svc.path()) == DownloadManager::PathStatus::Set);
+        manager->quit();
+        QCOMPARE(errors.size(), 1); // for the file, not for every call
+        QVERIFY2(errors[0].contains(message), errors[0]);
+        QCOMPARE(readFile(file.fileName()), garbage);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Storage)
+#include "tst_storage.moc"
