@@ -185,6 +185,8 @@ Download::Transfer &Download::transfer()
         running = std::make_unique<Transfer>();
         running->stallTimer.setSingleShot(true);
         connect(&running->stallTimer, &QTimer::timeout, this, &Download::transferStalled);
+        running->flushTimer.setSingleShot(true);
+        connect(&running->flushTimer, &QTimer::timeout, this, &Download::flushBatch);
         connect(&running->retry, &RetrySchedule::due, this, &Download::launch);
         if (maxRetries >= 0)
             running->retry.setMaxRetries(maxRetries);
@@ -511,16 +513,26 @@ void Download::dataReadyRead()
     // as the room left, so a buffer of small blocks may stop anywhere past its half, and no
     // notification follows until we read: from the half on, the batch is committed at once.
     if (reply->bytesAvailable() < reply->readBufferSize() / 2) {
-        if (packetLimit() > packetCount) {
-            ++packetCount;
-            return;
-        }
         const qint64 quiet = sinceReport.elapsed();
         const qint64 fresh = amountDownloaded + reply->bytesAvailable() - reportedAmount;
-        if (quiet < reportInterval
-            || (fresh < kReportBytes && quiet < qint64(reportInterval) * kMaxQuietIntervals))
+        const qint64 longest = qint64(reportInterval) * kMaxQuietIntervals;
+        if (packetLimit() > packetCount++ || quiet < reportInterval
+            || (fresh < kReportBytes && quiet < longest)) {
+            // Bytes received just before the link goes quiet are still counted in time.
+            if (reportInterval > 0 && !transfer().flushTimer.isActive())
+                transfer().flushTimer.start(int(qMax<qint64>(longest - quiet, 0)));
             return;
+        }
     }
+    flushBatch();
+}
+
+void Download::flushBatch()
+{
+    transfer().flushTimer.stop();
+    if (attemptSettled || !reply || verdict != ReplyVerdict::Accepted
+        || reply->bytesAvailable() == 0)
+        return;
     packetCount = 0;
     if (!commitData())
         failLocalFile();
