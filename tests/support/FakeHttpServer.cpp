@@ -138,7 +138,12 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
         missing.body = "<html>not found</html>";
         c->resource = missing;
     } else {
-        c->resource = resources.value(request.path);
+        Resource &stored = resources[request.path];
+        c->resource = stored;
+        if (stored.faultyAnswers == 0)
+            c->resource.stallAfter = c->resource.closeAfter = -1;
+        else if (stored.faultyAnswers > 0)
+            --stored.faultyAnswers;
     }
 
     const Resource &r = c->resource;

@@ -324,5 +324,6 @@ bool Service::hangsUp(int fd, const QByteArray &bytes, bool halfClose)
     char buf[4096];
     ssize_t n;
     while ((n = recv(fd, buf, sizeof buf, 0)) > 0) { } // answers before the hang-up are fine
-    return n == 0;
+    // A close with our bytes still unread arrives as a reset instead.
+    return n == 0 || (n < 0 && errno == ECONNRESET);
 }

@@ -1,0 +1,327 @@
+// Faults against the real service: broken servers, stored rows against the files beside them, a
+// kill amid transfers with a full disk, and hostile IPC frames.
+#include "FakeHttpServer.h"
+#include "Harness.h"
+#include "IDLService.h"
+#include "ParcelText.h"
+#include "Wire.h"
+
+#include <QtTest>
+
+#include <csignal>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace android;
+using Res = FakeHttpServer::Resource;
+
+namespace {
+
+constexpr int kEof = 1 << 30, kEofOnHalfClose = kEof + 1; // hangs up instead of answering
+const rlimit kFileSizeLimit {1 << 20, 1 << 20};
+
+// bytes: the content's first bytes in the file and stored; reason: in the one WARN line of a
+// failure; states: the watcher's, without Pending and Progressing.
+struct ServerFault {
+    const char *name;
+    void (*fault)(Res &);
+    const char *end;
+    int state, code, bytes;
+    const char *reason, *ranges, *states;
+};
+const ServerFault kServerFaults[] = {
+    {"cut three times", [](Res &r) { r.closeAfter = 50000, r.faultyAnswers = 3; }, "Completed", 1, 1, 262144, "", "- 50000 100000 150000", "Stalled Stalled Stalled Completed"},
+    {"stalls once", [](Res &r) { r.stallAfter = 90000, r.faultyAnswers = 1; }, "Completed", 1, 1, 262144, "", "- 90000", "Stalled Completed"},
+    {"404", [](Res &r) { r.status = 404; }, "Failed", 8, 2, 0, "HTTP 404", "-", "Failed"},
+    {"503 always", [](Res &r) { r.status = 503; }, "Failed", 8, 2, 0, "HTTP 503", "- - -", "Stalled Stalled Failed"},
+    {"ignores Range", [](Res &r) { r.honorRange = false, r.closeAfter = 120000, r.faultyAnswers = 1; }, "Completed", 1, 1, 262144, "", "- 120000", "Stalled Completed"},
+    {"206 elsewhere", [](Res &r) { r.status = 206, r.closeAfter = 100000, r.faultyAnswers = 1, r.extraHeaders = {{"Content-Range", "bytes 0-262143/262144"}}; }, "Completed", 1, 1, 262144, "", "- 100000 -", "Stalled Completed"},
+    {"body longer", [](Res &r) { r.contentLength = 100000; }, "Completed", 1, 4, 100000, "", "-", "Completed"},
+    {"body shorter", [](Res &r) { r.contentLength = 300000; }, "Completed", 1, 1, 262144, "", "- 262144", "Stalled Completed"},
+    {"redirect", [](Res &r) { r.redirectTo = "?moved"; }, "Completed", 1, 4, 262144, "", "- -", "Completed"},
+    {"TLS", [](Res &) {}, "Failed", 8, 1, 0, "SSL", "", "Failed"},
+    {"directory gone", [](Res &) {}, "Failed", 8, 3, 0, "No such file or directory", "-", "Failed"},
+    {"never answers", [](Res &r) { r.neverAnswer = true; }, "Paused", 4, 4, 0, "", "-", "Paused"},
+};
+
+// A stored row and its file: the stored amount's prefix of the content, then junk, to "file"
+// bytes (-1: none). "resume": not launched at start, resumed by the test.
+struct StoredRow {
+    const char *name;
+    int state, size, total, amount, file;
+    bool resume;
+    const char *end, *ranges, *stored; // stored by the end
+    QByteArray body() const { return FakeHttpServer::makeBody(size, size); }
+    QByteArray onDisk() const { return (body().left(amount) + QByteArray(qMax(file, 0), 'x')).left(qMax(file, 0)); }
+};
+const StoredRow kStoredRows[] = {
+    {"shorter", 32, 65536, 65536, 10000, 512, false, "Completed", "-", "1 4 65536 65536"},
+    {"longer", 32, 65536, 65536, 8000, 70000, false, "Completed", "8000", "1 4 65536 65536"},
+    {"total", 32, 3000, 5000, 1000, 1000, false, "Completed", "1000 -", "1 4 3000 3000"},
+    {"paused", 4, 65536, 65536, 3000, 3000, true, "Completed", "3000", "1 4 65536 65536"},
+    {"completed", 1, 4096, 4096, 4096, 4096, false, "Completed", "", "1 4 4096 4096"},
+    {"failed", 8, 4096, 0, 0, -1, true, "Completed", "-", "1 4 4096 4096"},
+    {"ftp", 32, 4096, 0, 0, -1, true, "Failed", "", "32 4 0 0"},
+    {"symlink", 32, 4096, 4096, 0, 100, false, "Failed", "-", "8 3 0 4096"},
+};
+
+template <typename Row, size_t N> void indexRows(const Row (&table)[N])
+{
+    QTest::addColumn<int>("i");
+    for (size_t i = 0; i < N; ++i)
+        QTest::newRow(table[i].name) << int(i);
+}
+
+// The Range offset of each request for path and below it, "-" for none, "!" for a request
+// without "Accept-Encoding: identity".
+QByteArray ranges(const FakeHttpServer &server, const QByteArray &path)
+{
+    QByteArrayList out;
+    for (const FakeHttpServer::Request &q : server.requests())
+        if (q.path.startsWith(path))
+            out << (q.header("accept-encoding") != "identity" ? "!" : q.header("range").isEmpty() ? "-" : q.header("range").mid(6).chopped(1));
+    return out.join(' ');
+}
+
+QByteArrayList grep(const QList<QByteArray> &lines, const QByteArray &needle)
+{
+    QByteArrayList found;
+    for (const QByteArray &line : lines)
+        if (line.contains(needle))
+            found << line;
+    return found;
+}
+
+// "state code amount total" of each stored row whose identifier is like id, comma-separated.
+QByteArray stored(Service &s, const QByteArray &id)
+{
+    const QString columns = "group_concat(state || ' ' || failureCode || ' ' || amountDownloaded || ' ' || totalSize)";
+    return s.sql("SELECT " + columns + " FROM downloads WHERE uniqueID LIKE ?", {QString(id)}).value(0).value(0).toByteArray();
+}
+
+bool waitStored(Service &s, const QByteArray &id, const QByteArray &prefix)
+{
+    return s.proc.waitFor([&] { return stored(s, id).startsWith(prefix); });
+}
+
+// A call to the service's object: interface token and texts, then raw bytes.
+QByteArray call(uint32_t code, const std::vector<std::string> &texts, const QByteArray &tail = {},
+                const std::vector<wire::Object> &objects = {}, uint64_t target = 0,
+                const String16 &token = IDLService::descriptor)
+{
+    Parcel p;
+    p.writeInterfaceToken(token);
+    for (const std::string &t : texts)
+        dlparcel::writeText(&p, t);
+    p.write(tail.constData(), size_t(tail.size()));
+    const std::vector<uint8_t> bytes = wire::encode({wire::Transact, 1, 0, target, code, 0, 0, {p.data(), p.data() + p.dataSize()}, objects});
+    return QByteArray(reinterpret_cast<const char *>(bytes.data()), int(bytes.size()));
+}
+
+// The status of the reply to bytes, -1 when none comes.
+int replyStatus(int fd, const QByteArray &bytes)
+{
+    send(fd, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL);
+    std::vector<uint8_t> in(wire::kMaxBody);
+    uint32_t command = 0, size = 0;
+    wire::Frame reply;
+    const bool framed = recv(fd, in.data(), wire::kHeaderSize, MSG_WAITALL) == ssize_t(wire::kHeaderSize) && wire::decodeHeader(in.data(), &command, &size);
+    return framed && recv(fd, in.data(), size, MSG_WAITALL) == ssize_t(size) && wire::decodeBody(command, in.data(), size, &reply) ? reply.status : -1;
+}
+
+} // namespace
+
+class tst_Faults : public QObject {
+    Q_OBJECT
+
+    QByteArrayList watched(const QByteArray &id) { return grep(watcher->out().split('\n'), id + ' '); }
+
+    FakeHttpServer server;
+    // Every commit reported, a stall after 1 s, retries after 50 ms, final at the third failure.
+    Service svc {{{"max_retries", "2"}}, {"MAX_PACKET_COUNT=1", "DLM_TRANSFER_TIMEOUT_MS=1000", "DLM_RETRY_BASE_MS=50"}};
+    std::unique_ptr<Child> watcher;
+    Service restored;
+
+private slots:
+    void initTestCase();
+    void serverFaults_data() { indexRows(kServerFaults); }
+    void serverFaults();
+    void queuedDownloadsDoNotTimeOut();
+    void hostileFrames_data();
+    void hostileFrames();
+    void cleanupTestCase() { QCOMPARE(svc.stop(), 0); }
+    void restoredRows_data() { indexRows(kStoredRows); }
+    void restoredRows();
+    void killAndRestart();
+};
+
+void tst_Faults::initTestCase()
+{
+    QVERIFY(svc.start());
+    QCOMPARE(svc.dlctl({"set-path", "dlctl", svc.path("downloads")}).code, 0);
+    watcher = svc.client({DLCTL_BINARY, "watch"});
+    QVERIFY(svc.waitErr("Event client registered"));
+}
+
+void tst_Faults::serverFaults()
+{
+    QFETCH(int, i);
+    const ServerFault &r = kServerFaults[i];
+    const QByteArray name = r.name, end = r.end, id = "f" + QByteArray::number(i + 10), path = '/' + id;
+    server.setBody(path, FakeHttpServer::makeBody(262144, i));
+    server.setBody(path + "?moved", server.resource(path).body);
+    r.fault(server.resource(path));
+    const QString dir = svc.path("downloads/" + id), file = dir + '/' + id;
+    QVERIFY(QDir().mkpath(dir));
+    QCOMPARE(svc.dlctl({"set-path", id, dir}).code, 0);
+    QVERIFY(name != "directory gone" || QDir().rmdir(dir));
+    const QString url = server.url(path).toString().replace("http:", name == "TLS" ? "https:" : "http:");
+    const qsizetype mark = svc.mark();
+    QCOMPARE(svc.dlctl({"create", url, "--client", id, "--id", id}).code, 0);
+    if (end == "Paused" && svc.proc.waitFor([&] { return !server.requestsFor(path).isEmpty(); }))
+        svc.line("pause " + id); // while its request waits for an answer
+    QVERIFY(watcher->waitFor([&] { return watched(id).value(watched(id).size() - 1).contains(' ' + end + ' '); }));
+    QVERIFY(svc.sync());
+    const QByteArray n = QByteArray::number(r.bytes), total = stored(svc, id).split(' ').value(3), name8 = file.toUtf8();
+    QCOMPARE(stored(svc, id), QByteArray::number(r.state) + ' ' + QByteArray::number(r.code) + ' ' + n + ' ' + total);
+    QVERIFY2(watched(id).last().startsWith(id + ' ' + id + ' ' + end + ' ' + n + ' ' + total + ' ' + name8), watched(id).last());
+    QCOMPARE(grep(svc.console(mark), '"' + name8 + '"').last(), "Download update with file: \"" + name8 + "\"  status:  \"" + end + "\"  DL:  " + n + " / " + total + ' ');
+    QByteArray states;
+    for (const QByteArray &line : watched(id))
+        states += line.split(' ').value(2) + ' ';
+    QCOMPARE(states.replace("Pending ", "").replace("Progressing ", "").trimmed(), QByteArray(r.states));
+    QCOMPARE(readFile(file), server.resource(path).body.left(r.bytes));
+    QCOMPARE(ranges(server, path), QByteArray(r.ranges));
+    const QByteArrayList warned = grep(svc.log(mark), "Download " + id + " failed: ");
+    QVERIFY2(warned.size() == int(end == "Failed") && warned.join().contains(r.reason), warned.join());
+}
+
+void tst_Faults::queuedDownloadsDoNotTimeOut()
+{
+    // Seven from one host sending for 1.5 s: the seventh waits for a connection past the timeout.
+    const QByteArrayList ids {"q0", "q1", "q2", "q3", "q4", "q5", "q6"};
+    for (const QByteArray &id : ids) {
+        Res &slow = server.resource('/' + id);
+        slow.body = FakeHttpServer::makeBody(100 * 1024, 77), slow.chunkSize = 1024, slow.chunkDelayMs = 15;
+        QCOMPARE(svc.dlctl({"create", server.url('/' + id).toString(), "--id", id}).code, 0);
+    }
+    for (const QByteArray &id : ids) {
+        QVERIFY(waitStored(svc, id, "1 4 102400 102400")); // code 4: it never failed
+        QCOMPARE(readFile(svc.path("downloads/") + id), server.resource('/' + id).body);
+        QCOMPARE(ranges(server, '/' + id), QByteArray("-"));
+    }
+}
+
+void tst_Faults::hostileFrames_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<int>("answer");
+    const QByteArray binder("\1\0\0\0\0\0\0\0", 8);
+    QTest::newRow("garbage, seed 4242") << FakeHttpServer::makeBody(4096, 4242) << kEof;
+    QTest::newRow("truncated frame") << call(IDLService::GET_DOWNLOAD_LIST, {"*"}).chopped(3) << kEofOnHalfClose;
+    QTest::newRow("huge length") << QByteArray::fromHex("01000000ffffff7f") << kEof;
+    QTest::newRow("unknown command") << QByteArray::fromHex("090000000400000000000000") << kEof;
+    QTest::newRow("reply nobody asked for") << QByteArray::fromHex("0200000014000000" "0100000000000000" "000000000000000000000000") << kEof;
+    QTest::newRow("unknown object kind") << call(IDLService::ADD_CLIENT, {}, binder, {{7, 1}}) << kEof;
+    QTest::newRow("unknown target") << call(IDLService::GET_DOWNLOAD_LIST, {"*"}, {}, {}, 77) << int(BAD_VALUE);
+    QTest::newRow("wrong interface token") << call(IDLService::REMOVE_DOWNLOAD, {"f10"}, {}, {}, 0, String16("com.velta.IDLClient")) << int(PERMISSION_DENIED);
+    QTest::newRow("unknown code") << call(IDLService::LIST_DOWNLOADS_PAGE + 50, {"*"}) << int(UNKNOWN_TRANSACTION);
+    QTest::newRow("text longer than the parcel") << call(IDLService::REMOVE_DOWNLOAD, {}, QByteArray("\xff\xff\xff\x7f", 4)) << int(BAD_VALUE);
+    QTest::newRow("control bytes as URL") << call(IDLService::REQUEST_DOWNLOAD, {"dlctl", std::string("\x01\nforged\0\xff:://\n", 14), "hostile", ""}) << int(NO_ERROR);
+    QTest::newRow("remove all") << call(IDLService::REMOVE_DOWNLOAD, {"all"}) << int(NO_ERROR);
+}
+
+void tst_Faults::hostileFrames()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(int, answer);
+    const Run before = svc.dlctl({"list"});
+    const qsizetype mark = svc.mark();
+    const int fd = svc.rawConnect();
+    QCOMPARE(answer >= kEof ? (Service::hangsUp(fd, bytes, answer == kEofOnHalfClose) ? answer : -1) : replyStatus(fd, bytes), answer);
+    QCOMPARE(svc.dlctl({"list"}).out, before.out); // answered while the connection is open, unchanged
+    close(fd);
+    // A caller's newline is logged escaped, never as a line of its own.
+    QCOMPARE(svc.proc.err().mid(mark).contains("\\x01\\nforged") && !svc.proc.err().mid(mark).contains("\nforged"), bytes.contains("\x01\nforged"));
+}
+
+void tst_Faults::restoredRows()
+{
+    QFETCH(int, i);
+    const StoredRow &r = kStoredRows[i];
+    const QByteArray id = r.name;
+    const QString file = restored.path("downloads/") + r.name;
+    if (restored.proc.pid() < 0) { // every row is stored before one start
+        QVERIFY(restored.start());
+        QCOMPARE(restored.stop(), 0);
+        for (const StoredRow &s : kStoredRows) {
+            const QString url = server.url('/' + QByteArray(s.name)).toString(), path = restored.path("downloads/") + s.name;
+            server.setBody('/' + QByteArray(s.name), s.body());
+            restored.sql("INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state, failureCode, totalSize, amountDownloaded, startTime) VALUES (?, 'app', ?, ?, ?, ?, 4, ?, ?, 1)",
+                         {s.name, s.name, QString(url).replace("http:", QByteArray(s.name) == "ftp" ? "ftp:" : "http:"), path, s.state, s.total, s.amount});
+            // The symlink row's file is a link to a file elsewhere, which must stay as it is.
+            const QString real = QByteArray(s.name) == "symlink" ? restored.path("elsewhere") : path;
+            QFile f(real);
+            QVERIFY(s.file < 0 || (f.open(QIODevice::WriteOnly) && f.write(s.onDisk()) == s.file));
+            QVERIFY(real == path || QFile::link(real, path));
+        }
+        QVERIFY(restored.start());
+    }
+    QCOMPARE(restored.proc.err().contains("Download launched with uniqueID:" + id), r.state == 32 && !r.resume);
+    if (r.resume)
+        restored.line("resume " + id);
+    const QByteArray line = id + " app " + r.end + ' ' + QByteArray(r.stored).split(' ').mid(2).join(' ') + ' ' + file.toUtf8() + '\n';
+    QVERIFY(restored.proc.waitFor([&] { return restored.dlctl({"status", id}).out == line; }));
+    QCOMPARE(ranges(server, '/' + id), QByteArray(r.ranges));
+    QCOMPARE(readFile(file), QByteArray(r.end) == "Completed" ? r.body() : r.onDisk());
+    QCOMPARE(stored(restored, id), QByteArray(r.stored));
+    if (i == int(std::size(kStoredRows)) - 1)
+        QCOMPARE(restored.stop(), 0);
+}
+
+void tst_Faults::killAndRestart()
+{
+    // Each notification commits, so stall points are stored exactly: k0 stops after 96 KiB, k1
+    // after its headers, k2 completes, k3 is paused at 32 KiB, k4 fails with EFBIG at 1 MiB.
+    Service s({}, {"MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0"});
+    QVERIFY(s.start([] { signal(SIGXFSZ, SIG_IGN), setrlimit(RLIMIT_FSIZE, &kFileSizeLimit); }));
+    QCOMPARE(s.dlctl({"set-path", "dlctl", s.path("downloads")}).code, 0);
+    const QByteArrayList ids {"k0", "k1", "k2", "k3", "k4"};
+    const QList<int> stalls {98304, 0, -1, 32768, -1}, sizes {262144, 262144, 4096, 262144, 3 << 20};
+    for (int i = 0; i < 5; ++i) {
+        Res &res = server.resource('/' + ids[i]);
+        res.body = FakeHttpServer::makeBody(sizes[i], i), res.stallAfter = stalls[i], res.chunkSize = i == 4 ? 65536 : 4096, res.chunkDelayMs = 1;
+        QCOMPARE(s.dlctl({"create", server.url('/' + ids[i]).toString(), "--id", ids[i]}).code, 0);
+    }
+    QVERIFY(waitStored(s, "k3", "2 4 32768 "));
+    s.line("pause k3");
+    QVERIFY(waitStored(s, "%", "2 4 98304 262144,2 4 0 262144,1 4 4096 4096,4 4 32768 262144,8 3 "));
+    QVERIFY(s.waitErr("Download k4 failed: cannot write " + s.path("downloads/k4").toUtf8() + ": "));
+    const QByteArray k4 = stored(s, "k4").split(' ').value(2), expected = stored(s, "%");
+    for (bool killed : {false, true}) { // no stored amount runs ahead of its file, alive or killed
+        if (killed)
+            s.kill();
+        QCOMPARE(stored(s, "%"), expected);
+        for (int i = 0; i < 5; ++i) // the stored bytes are in the file, and it holds only content
+            QVERIFY(readFile(s.path("downloads/") + ids[i]).size() >= expected.split(',')[i].split(' ')[2].toInt() && server.resource('/' + ids[i]).body.startsWith(readFile(s.path("downloads/") + ids[i])));
+    }
+    // Repaired, without the limit: the stalled go on from their stored bytes, the others resumed.
+    server.clearRequests();
+    for (const QByteArray &id : ids)
+        server.resource('/' + id).stallAfter = -1;
+    QVERIFY(s.start());
+    s.line("resume k3\nresume k4");
+    QVERIFY(waitStored(s, "%", "1 4 262144 262144,1 4 262144 262144,1 4 4096 4096,1 4 262144 262144,1 3 3145728 3145728"));
+    QCOMPARE(stored(s, "%").count(','), 4); // no other row
+    QByteArray requests;
+    for (const QByteArray &id : ids) {
+        QCOMPARE(readFile(s.path("downloads/") + id), server.resource('/' + id).body);
+        requests += ranges(server, '/' + id) + '|';
+    }
+    QCOMPARE(requests, "98304|-||32768|" + k4 + '|');
+    QCOMPARE(s.stop(), 0);
+}
+
+QTEST_GUILESS_MAIN(tst_Faults)
+#include "tst_faults.moc"
