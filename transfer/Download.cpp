@@ -405,7 +405,12 @@ bool Download::saveToDisk(QByteArray data)
         return false;
     if (data.isEmpty())
         return true;
-    return transfer().file.write(data) == data.size();
+    OwnedFile &file = transfer().file;
+    qint64 written = file.write(data);
+    // A short write sets no error; writing the rest fails with the reason (a full disk, EFBIG).
+    if (written >= 0 && written < data.size())
+        written += qMax<qint64>(0, file.write(data.constData() + written, data.size() - written));
+    return written == data.size();
 }
 
 bool Download::commitData()
