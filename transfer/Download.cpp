@@ -23,6 +23,10 @@ constexpr int kScratchSize = 256 * 1024;
 constexpr int kDefaultPacketLimit = 10;
 constexpr int kDefaultTransferTimeoutMs = 60000;
 constexpr int kDefaultReportIntervalMs = 500;
+// On a slow link a batch also waits for this much content, or for this many intervals, so a
+// download costs a few reports per MiB at any rate.
+constexpr qint64 kReportBytes = 512 * 1024;
+constexpr int kMaxQuietIntervals = 6;
 
 // Transfers between their accepted answer and their end; main thread only.
 int receivingTransfers = 0;
@@ -181,6 +185,8 @@ Download::Transfer &Download::transfer()
         running = std::make_unique<Transfer>();
         running->stallTimer.setSingleShot(true);
         connect(&running->stallTimer, &QTimer::timeout, this, &Download::transferStalled);
+        running->flushTimer.setSingleShot(true);
+        connect(&running->flushTimer, &QTimer::timeout, this, &Download::flushBatch);
         connect(&running->retry, &RetrySchedule::due, this, &Download::launch);
         if (maxRetries >= 0)
             running->retry.setMaxRetries(maxRetries);
@@ -399,7 +405,12 @@ bool Download::saveToDisk(QByteArray data)
         return false;
     if (data.isEmpty())
         return true;
-    return transfer().file.write(data) == data.size();
+    OwnedFile &file = transfer().file;
+    qint64 written = file.write(data);
+    // A short write sets no error; writing the rest fails with the reason (a full disk, EFBIG).
+    if (written >= 0 && written < data.size())
+        written += qMax<qint64>(0, file.write(data.constData() + written, data.size() - written));
+    return written == data.size();
 }
 
 bool Download::commitData()
@@ -507,13 +518,26 @@ void Download::dataReadyRead()
     // as the room left, so a buffer of small blocks may stop anywhere past its half, and no
     // notification follows until we read: from the half on, the batch is committed at once.
     if (reply->bytesAvailable() < reply->readBufferSize() / 2) {
-        if (packetLimit() > packetCount) {
-            ++packetCount;
+        const qint64 quiet = sinceReport.elapsed();
+        const qint64 fresh = amountDownloaded + reply->bytesAvailable() - reportedAmount;
+        const qint64 longest = qint64(reportInterval) * kMaxQuietIntervals;
+        if (packetLimit() > packetCount++ || quiet < reportInterval
+            || (fresh < kReportBytes && quiet < longest)) {
+            // Bytes received just before the link goes quiet are still counted in time.
+            if (reportInterval > 0 && !transfer().flushTimer.isActive())
+                transfer().flushTimer.start(int(qMax<qint64>(longest - quiet, 0)));
             return;
         }
-        if (sinceReport.elapsed() < reportInterval)
-            return;
     }
+    flushBatch();
+}
+
+void Download::flushBatch()
+{
+    transfer().flushTimer.stop();
+    if (attemptSettled || !reply || verdict != ReplyVerdict::Accepted
+        || reply->bytesAvailable() == 0)
+        return;
     packetCount = 0;
     if (!commitData())
         failLocalFile();
@@ -558,6 +582,7 @@ void Download::transferStalled()
 void Download::report()
 {
     sinceReport.start();
+    reportedAmount = amountDownloaded;
     manager->updateDownload(this);
 }
 

@@ -98,6 +98,7 @@ private slots:
     void replyMetaDataChanged();
     void restartStallTimer();
     void transferStalled();
+    void flushBatch();
 
 private:
     // How the current reply's HTTP status was judged; decided once, before any byte is written.
@@ -140,6 +141,8 @@ private:
         // Runs while the request is on the wire; the attempt stalls once the reply has been
         // quiet for stallTimeoutMs since lastActivity, its last notification.
         QTimer stallTimer;
+        // Commits a batch that waits for more notifications than the link sends.
+        QTimer flushTimer;
         RetrySchedule retry;
     };
     Transfer &transfer();
@@ -152,4 +155,5 @@ private:
     // Since the last report: a batch waits for reportInterval ms ("DLM_REPORT_INTERVAL_MS").
     QElapsedTimer sinceReport;
     int reportInterval = 0;
+    qint64 reportedAmount = 0;
 };

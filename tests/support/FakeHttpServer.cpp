@@ -23,7 +23,9 @@ FakeHttpServer::FakeHttpServer(QObject *parent) : QObject(parent)
 
 FakeHttpServer::~FakeHttpServer()
 {
-    dropAll();
+    const auto open = connections.values();
+    for (Connection *c : open)
+        finish(c, true);
 }
 
 quint16 FakeHttpServer::port() const
@@ -61,18 +63,6 @@ QList<FakeHttpServer::Request> FakeHttpServer::requestsFor(const QByteArray &pat
             result.append(r);
     }
     return result;
-}
-
-int FakeHttpServer::openConnections() const
-{
-    return connections.size();
-}
-
-void FakeHttpServer::dropAll()
-{
-    const auto open = connections.values();
-    for (Connection *c : open)
-        finish(c, true);
 }
 
 QByteArray FakeHttpServer::makeBody(qint64 size, quint32 seed)
@@ -130,7 +120,6 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
                                    lines[i].mid(colon + 1).trimmed());
     }
     received.append(request);
-    emit requestReceived(request.path);
 
     if (!resources.contains(request.path)) {
         Resource missing;
@@ -147,10 +136,6 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
     }
 
     const Resource &r = c->resource;
-    if (r.closeWithoutAnswer) {
-        finish(c, true);
-        return;
-    }
     if (r.neverAnswer)
         return;
     QByteArray head;

@@ -30,7 +30,6 @@ public:
         qint64 stallAfter = -1;      // send headers and this many body bytes, then stay silent
         qint64 closeAfter = -1;      // send this many body bytes, then drop the connection
         int faultyAnswers = -1;      // stallAfter and closeAfter hold for this many answers only
-        bool closeWithoutAnswer = false;
         bool neverAnswer = false;    // read the request, then say nothing at all
         QByteArray redirectTo;       // answer 302 with this Location
         qint64 contentLength = -1;   // advertise this length instead of the real one
@@ -60,16 +59,9 @@ public:
     QList<Request> requests() const { return received; }
     QList<Request> requestsFor(const QByteArray &path) const;
     void clearRequests() { received.clear(); }
-    // Connections that are currently open (stalled ones included).
-    int openConnections() const;
-    // Drops every open connection, as a server crash would.
-    void dropAll();
 
     // Deterministic pseudo-random content, so tests can compare exact bytes.
     static QByteArray makeBody(qint64 size, quint32 seed = 1);
-
-signals:
-    void requestReceived(const QByteArray &path);
 
 private:
     struct Connection;
