@@ -164,7 +164,7 @@ private slots:
         FakeHttpServer::Resource &paced = server.resource("/slow.bin"); // still running when paused
         paced.body = slow, paced.chunkSize = 4000, paced.chunkDelayMs = 20;
         server.setBody("/quick.bin", quick);
-        Service svc({}, {"MAX_PACKET_COUNT=-1"}); // a commit per notification
+        Service svc({}, {"MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0"}); // a commit per notification
         QVERIFY(svc.start());
         const QString s = svc.path("downloads/slow.bin"), q = svc.path("downloads/quick.bin");
         svc.line("download_path " + svc.path("downloads").toUtf8() + "\ncreate "
