@@ -12,16 +12,21 @@ using Lines = QList<QByteArray>;
 namespace {
 const QByteArray kNone = "No download found.", kList = "List of downloads:";
 
-QByteArray invalid(const QByteArray &shown) { return "invalid format:  \"" + shown + "\" "; }
+QByteArray invalid(const QByteArray &shown)
+{
+    return "invalid format:  \"" + shown + "\" ";
+}
 
 // A change line; with an identifier, the line a status or list query prints.
 QByteArray line(const QString &path, const char *state, qint64 amount, qint64 total,
-                const QVariant &id = {}, const char *label = "Download:")
+    const QVariant &id = {}, const char *label = "Download:")
 {
-    const QString head = id.isNull() ? "Download update with file: \""
+    const QString head = id.isNull()
+        ? "Download update with file: \""
         : label + ("  uniqueID: \"" + id.toString() + "\"  clientID: \"shell\"  file: \"");
-    return (head + path).toUtf8() + "\"  status:  \"" + state + "\"  DL: " + (id.isNull() ? " " : "")
-        + QByteArray::number(amount) + " / " + QByteArray::number(total) + ' ';
+    return (head + path).toUtf8() + "\"  status:  \"" + state
+        + "\"  DL: " + (id.isNull() ? " " : "") + QByteArray::number(amount) + " / "
+        + QByteArray::number(total) + ' ';
 }
 
 // Every console line in answer to input, as a command with a known answer follows it.
@@ -29,14 +34,17 @@ Lines ask(Service &svc, const QByteArray &input)
 {
     const qsizetype mark = svc.mark(); // a number no earlier answer holds
     svc.line(input + "\ndownload_path sync" + QByteArray::number(mark));
-    const QByteArray done = "Path sync" + QByteArray::number(mark) + " refused: not an absolute path.";
-    return svc.waitErr(done, 1, mark) ? svc.console(mark).mid(0, svc.console(mark).indexOf(done)) : Lines();
+    const QByteArray done
+        = "Path sync" + QByteArray::number(mark) + " refused: not an absolute path.";
+    return svc.waitErr(done, 1, mark) ? svc.console(mark).mid(0, svc.console(mark).indexOf(done))
+                                      : Lines();
 }
 
 struct Start { // a row of startup(); @S is the service's own directory, @F that of one running
     QStringList env;
     bool garbage; // in the database file before the start, and still there after it
-    QByteArray input, out, logged; // input: null when the start fails; logged: once (empty: no stderr)
+    QByteArray input, out,
+        logged; // input: null when the start fails; logged: once (empty: no stderr)
     int exit; // 137: without a console only SIGKILL ends it
 };
 } // namespace
@@ -51,13 +59,15 @@ private slots:
     void initTestCase()
     {
         shell.env << "HOME=" + shell.path("home");
-        QVERIFY(QDir().mkpath(shell.path("home/dl")) && sink.listen(QHostAddress::LocalHost) && shell.start());
+        QVERIFY(QDir().mkpath(shell.path("home/dl")) && sink.listen(QHostAddress::LocalHost)
+            && shell.start());
         help = shell.console(); // once
         QVERIFY(help.value(0) == "Console help:" && help.count(help[0]) == 1);
     }
 
     void cleanupTestCase() { QCOMPARE(shell.stop(), 0); }
 
+    // clang-format off
     void commands_data()
     {
         QTest::addColumn<QByteArray>("input"); // @R, the row's directory, goes after each '|' part
@@ -100,13 +110,15 @@ private slots:
         name("cut to 255 bytes", e300, e125 + ".bin");
         name("cut for the number", e300, e125.chopped(1) + ".bin.0", {e125 + ".bin"});
     }
+    // clang-format on
 
     void commands()
     {
         QFETCH(QByteArray, input);
         QFETCH(Lines, expected);
         QFETCH(QStringList, taken);
-        const QByteArray dir = shell.path("downloads/").toUtf8() + QByteArray::number(shell.mark()); // new per row
+        const QByteArray dir
+            = shell.path("downloads/").toUtf8() + QByteArray::number(shell.mark()); // new per row
         for (const QString &name : taken << QString())
             QVERIFY(QDir().mkpath(dir + '/' + name)); // a directory takes a name as well as a file
         Lines seen;
@@ -117,6 +129,7 @@ private slots:
         QCOMPARE(seen.join('\n').replace(dir, "@R"), expected.join('\n'));
     }
 
+    // clang-format off
     void startup_data()
     {
         QTest::addColumn<Start>("row");
@@ -133,19 +146,23 @@ private slots:
         QTest::newRow("second service, same database") << Start {{"DLM_SETTINGS=@F/bin/downloadmanager.ini"},
             false, {}, join, "Another download service uses the database directory @F/db: not starting", 1};
     }
+    // clang-format on
 
     void startup()
     {
         QFETCH(Start, row);
         Service svc;
-        const auto fill = [&](QString text) { return text.replace("@S", svc.path()).replace("@F", shell.path()); };
+        const auto fill = [&](QString text) {
+            return text.replace("@S", svc.path()).replace("@F", shell.path());
+        };
         svc.env = fill(row.env.join('\n')).split('\n', Qt::SkipEmptyParts);
         QFile db(svc.path("db/dlm_download.db"));
-        QVERIFY(!row.garbage || (db.open(QIODevice::WriteOnly) && db.write("garbage") && db.flush()));
+        QVERIFY(
+            !row.garbage || (db.open(QIODevice::WriteOnly) && db.write("garbage") && db.flush()));
         QCOMPARE(svc.start(), !row.input.isNull());
         if (!row.input.isNull()) {
             QVERIFY(svc.proc.waitFor([&] { return svc.proc.out().size() >= row.out.size(); }));
-            QCOMPARE(svc.dlctl({"list"}).code, 0); // after OnDestroy too
+            QCOMPARE(svc.dlctl({ "list" }).code, 0); // after OnDestroy too
             svc.proc.write(row.input);
             svc.proc.closeInput();
             svc.proc.signal(row.exit == 137 ? SIGKILL : 0);
@@ -153,37 +170,49 @@ private slots:
         QCOMPARE(svc.proc.finish(), row.exit);
         QCOMPARE(svc.proc.out(), row.out);
         QCOMPARE(svc.proc.err().count("Console help:"), row.exit == 0); // none after quit
-        QCOMPARE(svc.proc.err().count(fill(row.logged).toUtf8()), 1); // an empty needle: found once in nothing
+        QCOMPARE(svc.proc.err().count(fill(row.logged).toUtf8()),
+            1); // an empty needle: found once in nothing
         QVERIFY(!row.garbage || readFile(db.fileName()) == "garbage");
     }
 
     void downloadLifecycle()
     {
         FakeHttpServer server;
-        const QByteArray slow = FakeHttpServer::makeBody(400000, 3), quick = FakeHttpServer::makeBody(100000, 9);
+        const QByteArray slow = FakeHttpServer::makeBody(400000, 3),
+                         quick = FakeHttpServer::makeBody(100000, 9);
         FakeHttpServer::Resource &paced = server.resource("/slow.bin"); // still running when paused
         paced.body = slow, paced.chunkSize = 4000, paced.chunkDelayMs = 20;
         server.setBody("/quick.bin", quick);
-        Service svc({}, {"MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0"}); // a commit per notification
+        Service svc(
+            {}, { "MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0" }); // a commit per notification
         QVERIFY(svc.start());
         const QString s = svc.path("downloads/slow.bin"), q = svc.path("downloads/quick.bin");
         svc.line("download_path " + svc.path("downloads").toUtf8() + "\ncreate "
-                 + server.url("/slow.bin").toEncoded() + "\ncreate " + server.url("/quick.bin").toEncoded());
-        QVERIFY(svc.waitErr(line(q, "Completed", 100000, 100000)) && svc.proc.waitFor([&] { return QFileInfo(s).size(); }));
+            + server.url("/slow.bin").toEncoded() + "\ncreate "
+            + server.url("/quick.bin").toEncoded());
+        QVERIFY(svc.waitErr(line(q, "Completed", 100000, 100000))
+            && svc.proc.waitFor([&] { return QFileInfo(s).size(); }));
         const auto ids = svc.sql("SELECT uniqueID FROM downloads ORDER BY rowid");
-        const QByteArray idS = ids.value(0).value(0).toByteArray(), idQ = ids.value(1).value(0).toByteArray();
+        const QByteArray idS = ids.value(0).value(0).toByteArray(),
+                         idQ = ids.value(1).value(0).toByteArray();
 
-        const Lines paused = ask(svc, "pause all\npause " + idS + "\nrestart " + idS); // the last two do nothing
-        const qint64 amount = svc.sql("SELECT amountDownloaded FROM downloads WHERE rowid = 1")[0][0].toLongLong();
+        const Lines paused
+            = ask(svc, "pause all\npause " + idS + "\nrestart " + idS); // the last two do nothing
+        const qint64 amount
+            = svc.sql("SELECT amountDownloaded FROM downloads WHERE rowid = 1")[0][0].toLongLong();
         QCOMPARE(paused.value(paused.size() - 1), line(s, "Paused", amount, 400000));
-        QCOMPARE(svc.proc.err().count("\"Paused\"") + svc.proc.err().count("all has been paused."), 2);
+        QCOMPARE(
+            svc.proc.err().count("\"Paused\"") + svc.proc.err().count("all has been paused."), 2);
         QCOMPARE(readFile(s), slow.left(amount));
 
-        svc.line("resume all"); // slow goes on from where it paused, quick has nothing left to fetch
+        svc.line(
+            "resume all"); // slow goes on from where it paused, quick has nothing left to fetch
         QVERIFY(svc.waitErr(line(s, "Completed", 400000, 400000)));
-        QCOMPARE(server.requestsFor("/slow.bin").last().header("range"), "bytes=" + QByteArray::number(amount) + '-');
-        QCOMPARE(ask(svc, "remove " + idS + "\nremove " + idS + "\nstatus " + idS + "\nstatus " + idQ),
-                 (Lines {kNone, line(q, "Completed", 100000, 100000, idQ, "Download status:")}));
+        QCOMPARE(server.requestsFor("/slow.bin").last().header("range"),
+            "bytes=" + QByteArray::number(amount) + '-');
+        QCOMPARE(
+            ask(svc, "remove " + idS + "\nremove " + idS + "\nstatus " + idS + "\nstatus " + idQ),
+            (Lines { kNone, line(q, "Completed", 100000, 100000, idQ, "Download status:") }));
         QCOMPARE(readFile(s), slow); // completed: the file stays
 
         // The input ends while a restart writes the whole file anew: it goes on, the service idles.
@@ -191,59 +220,73 @@ private slots:
         const qsizetype mark = svc.mark();
         svc.proc.write("restart " + idQ + "\nstatus none"); // the last line without its line end
         svc.proc.closeInput();
-        QVERIFY(svc.waitErr(line(q, "Completed", 100000, 100000), 1, mark) && svc.waitErr(kNone, 2));
+        QVERIFY(
+            svc.waitErr(line(q, "Completed", 100000, 100000), 1, mark) && svc.waitErr(kNone, 2));
         QCOMPARE(svc.console(mark).value(0), line(q, "Pending", 0, 0));
         QCOMPARE(readFile(q), quick);
         QCOMPARE(server.requestsFor("/quick.bin").last().header("range"), QByteArray());
-        QCOMPARE(server.requestsFor("/slow.bin").size() + server.requestsFor("/quick.bin").size(), 4);
+        QCOMPARE(
+            server.requestsFor("/slow.bin").size() + server.requestsFor("/quick.bin").size(), 4);
         const auto cpuTicks = [&] { // user + system, counted after the process name
-            const Lines f = readFile(QString("/proc/%1/stat").arg(svc.proc.pid())).split(')').last().split(' ');
+            const Lines f = readFile(QString("/proc/%1/stat").arg(svc.proc.pid()))
+                                .split(')')
+                                .last()
+                                .split(' ');
             return f.value(12).toLongLong() + f.value(13).toLongLong();
         };
         const qint64 ticks = cpuTicks();
         QTest::qWait(1000); // what is measured is the CPU used meanwhile, not the time
-        QVERIFY2(cpuTicks() - ticks < 20 && svc.proc.running(), "busy or gone after the input ended");
+        QVERIFY2(
+            cpuTicks() - ticks < 20 && svc.proc.running(), "busy or gone after the input ended");
     }
 
     void namesIdentifiersAndRestart()
     {
         FakeHttpServer server;
-        const QByteArray a = FakeHttpServer::makeBody(200000, 1), b = FakeHttpServer::makeBody(150000, 2);
-        const QByteArray pathA = "/a/r%C3%A9sum%C3%A9.pdf?token=SECRET/x", pathB = "/b/r%C3%A9sum%C3%A9.pdf";
+        const QByteArray a = FakeHttpServer::makeBody(200000, 1),
+                         b = FakeHttpServer::makeBody(150000, 2);
+        const QByteArray pathA = "/a/r%C3%A9sum%C3%A9.pdf?token=SECRET/x",
+                         pathB = "/b/r%C3%A9sum%C3%A9.pdf";
         server.setBody(pathA, a);
         server.setBody(pathB, b);
         const QByteArray urlA = server.url(pathA).toEncoded(), urlB = server.url(pathB).toEncoded();
         Service svc;
-        const QString file = svc.path("downloads/r\u00e9sum\u00e9.pdf"), part = svc.path("downloads/p");
+        const QString file = svc.path("downloads/r\u00e9sum\u00e9.pdf"),
+                      part = svc.path("downloads/p");
         QVERIFY(svc.start());
         // In one read: all three exist before any of them has written its file.
-        svc.line("download_path " + svc.path("downloads").toUtf8() + "\ncreate " + urlA + "\ncreate " + urlA
-                 + "\ncreate " + urlB);
+        svc.line("download_path " + svc.path("downloads").toUtf8() + "\ncreate " + urlA
+            + "\ncreate " + urlA + "\ncreate " + urlB);
         QVERIFY(svc.waitErr("status:  \"Completed\"", 3));
         QCOMPARE(readFile(file) + readFile(file + ".0") + readFile(file + ".1"), a + a + b);
 
         // A paused download stored before the start; the database keeps its row at the removal.
         QCOMPARE(svc.stop(), 0);
         QVERIFY(QFile::copy(svc.path("bin/downloadmanager.ini"), part));
-        svc.sql("INSERT INTO downloads VALUES ('p', 'shell', 'n', ?, ?, 4, 4, 1000, 100, 1, 0)", {urlB, part});
+        svc.sql("INSERT INTO downloads VALUES ('p', 'shell', 'n', ?, ?, 4, 4, 1000, 100, 1, 0)",
+            { urlB, part });
         QVERIFY(svc.start());
         svc.line("create " + urlB); // into the directory stored in the first run
         QVERIFY(svc.waitErr("status:  \"Completed\""));
-        const auto id = svc.sql("SELECT uniqueID FROM downloads ORDER BY rowid"); // five, all different
-        QCOMPARE(ask(svc, "list"), (Lines {kList, line(file, "Completed", 200000, 200000, id[0][0]),
-            line(file + ".0", "Completed", 200000, 200000, id[1][0]),
-            line(file + ".1", "Completed", 150000, 150000, id[2][0]), line(part, "Paused", 100, 1000, "p"),
-            line(file + ".2", "Completed", 150000, 150000, id[4][0])}));
+        const auto id
+            = svc.sql("SELECT uniqueID FROM downloads ORDER BY rowid"); // five, all different
+        QCOMPARE(ask(svc, "list"),
+            (Lines { kList, line(file, "Completed", 200000, 200000, id[0][0]),
+                line(file + ".0", "Completed", 200000, 200000, id[1][0]),
+                line(file + ".1", "Completed", 150000, 150000, id[2][0]),
+                line(part, "Paused", 100, 1000, "p"),
+                line(file + ".2", "Completed", 150000, 150000, id[4][0]) }));
         svc.sql("CREATE TRIGGER k BEFORE DELETE ON downloads BEGIN SELECT RAISE(ABORT, 'k'); END");
-        QCOMPARE(ask(svc, "remove p\nstatus p"), Lines {kNone});
-        QVERIFY(svc.proc.err().contains("Unable to delete p from the database") && !QFile::exists(part));
+        QCOMPARE(ask(svc, "remove p\nstatus p"), Lines { kNone });
+        QVERIFY(svc.proc.err().contains("Unable to delete p from the database")
+            && !QFile::exists(part));
         svc.sql("DROP TRIGGER k");
         svc.sql("DELETE FROM downloads WHERE uniqueID = 'p'"); // the row it kept would come back
 
         svc.line("remove all"); // for good: nothing comes back at the next start
         QCOMPARE(svc.stop(), 0);
         QVERIFY(svc.start());
-        QCOMPARE(ask(svc, "list"), (Lines {kList, "No downloads "}));
+        QCOMPARE(ask(svc, "list"), (Lines { kList, "No downloads " }));
         QVERIFY(svc.sql("SELECT uniqueID FROM downloads").isEmpty());
         QCOMPARE(svc.stop(), 0);
     }

@@ -19,7 +19,7 @@ using Res = FakeHttpServer::Resource;
 namespace {
 
 constexpr int kEof = 1 << 30, kEofOnHalfClose = kEof + 1; // hangs up instead of answering
-const rlimit kFileSizeLimit {1 << 20, 1 << 20};
+const rlimit kFileSizeLimit { 1 << 20, 1 << 20 };
 
 // bytes: the content's first bytes in the file and stored; reason: in the one WARN line of a
 // failure; states: the watcher's, without Pending and Progressing.
@@ -30,6 +30,7 @@ struct ServerFault {
     int state, code, bytes;
     const char *reason, *ranges, *states;
 };
+// clang-format off
 const ServerFault kServerFaults[] = {
     {"cut three times", [](Res &r) { r.closeAfter = 50000, r.faultyAnswers = 3; }, "Completed", 1, 1, 262144, "", "- 50000 100000 150000", "Stalled Stalled Stalled Completed"},
     {"stalls once", [](Res &r) { r.stallAfter = 90000, r.faultyAnswers = 1; }, "Completed", 1, 1, 262144, "", "- 90000", "Stalled Completed"},
@@ -44,6 +45,7 @@ const ServerFault kServerFaults[] = {
     {"directory gone", [](Res &) {}, "Failed", 8, 3, 0, "No such file or directory", "-", "Failed"},
     {"never answers", [](Res &r) { r.neverAnswer = true; }, "Paused", 4, 4, 0, "", "-", "Paused"},
 };
+// clang-format on
 
 // A stored row and its file: the stored amount's prefix of the content, then junk, to "file"
 // bytes (-1: none). "resume": not launched at start, resumed by the test.
@@ -53,8 +55,12 @@ struct StoredRow {
     bool resume;
     const char *end, *ranges, *stored; // stored by the end
     QByteArray body() const { return FakeHttpServer::makeBody(size, size); }
-    QByteArray onDisk() const { return (body().left(amount) + QByteArray(qMax(file, 0), 'x')).left(qMax(file, 0)); }
+    QByteArray onDisk() const
+    {
+        return (body().left(amount) + QByteArray(qMax(file, 0), 'x')).left(qMax(file, 0));
+    }
 };
+// clang-format off
 const StoredRow kStoredRows[] = {
     {"shorter", 32, 65536, 65536, 10000, 512, false, "Completed", "-", "1 4 65536 65536"},
     {"longer", 32, 65536, 65536, 8000, 70000, false, "Completed", "8000", "1 4 65536 65536"},
@@ -65,6 +71,7 @@ const StoredRow kStoredRows[] = {
     {"ftp", 32, 4096, 0, 0, -1, true, "Failed", "", "32 4 0 0"},
     {"symlink", 32, 4096, 4096, 0, 100, false, "Failed", "-", "8 3 0 4096"},
 };
+// clang-format on
 
 template <typename Row, size_t N> void indexRows(const Row (&table)[N])
 {
@@ -80,7 +87,9 @@ QByteArray ranges(const FakeHttpServer &server, const QByteArray &path)
     QByteArrayList out;
     for (const FakeHttpServer::Request &q : server.requests())
         if (q.path.startsWith(path))
-            out << (q.header("accept-encoding") != "identity" ? "!" : q.header("range").isEmpty() ? "-" : q.header("range").mid(6).chopped(1));
+            out << (q.header("accept-encoding") != "identity" ? "!"
+                    : q.header("range").isEmpty()             ? "-"
+                                                  : q.header("range").mid(6).chopped(1));
     return out.join(' ');
 }
 
@@ -96,8 +105,12 @@ QByteArrayList grep(const QList<QByteArray> &lines, const QByteArray &needle)
 // "state code amount total" of each stored row whose identifier is like id, comma-separated.
 QByteArray stored(Service &s, const QByteArray &id)
 {
-    const QString columns = "group_concat(state || ' ' || failureCode || ' ' || amountDownloaded || ' ' || totalSize)";
-    return s.sql("SELECT " + columns + " FROM downloads WHERE uniqueID LIKE ?", {QString(id)}).value(0).value(0).toByteArray();
+    const QString columns = "group_concat(state || ' ' || failureCode || ' ' || amountDownloaded "
+                            "|| ' ' || totalSize)";
+    return s.sql("SELECT " + columns + " FROM downloads WHERE uniqueID LIKE ?", { QString(id) })
+        .value(0)
+        .value(0)
+        .toByteArray();
 }
 
 bool waitStored(Service &s, const QByteArray &id, const QByteArray &prefix)
@@ -107,15 +120,16 @@ bool waitStored(Service &s, const QByteArray &id, const QByteArray &prefix)
 
 // A call to the service's object: interface token and texts, then raw bytes.
 QByteArray call(uint32_t code, const std::vector<std::string> &texts, const QByteArray &tail = {},
-                const std::vector<wire::Object> &objects = {}, uint64_t target = 0,
-                const String16 &token = IDLService::descriptor)
+    const std::vector<wire::Object> &objects = {}, uint64_t target = 0,
+    const String16 &token = IDLService::descriptor)
 {
     Parcel p;
     p.writeInterfaceToken(token);
     for (const std::string &t : texts)
         dlparcel::writeText(&p, t);
     p.write(tail.constData(), size_t(tail.size()));
-    const std::vector<uint8_t> bytes = wire::encode({wire::Transact, 1, 0, target, code, 0, 0, {p.data(), p.data() + p.dataSize()}, objects});
+    const std::vector<uint8_t> bytes = wire::encode({ wire::Transact, 1, 0, target, code, 0, 0,
+        { p.data(), p.data() + p.dataSize() }, objects });
     return QByteArray(reinterpret_cast<const char *>(bytes.data()), int(bytes.size()));
 }
 
@@ -126,8 +140,13 @@ int replyStatus(int fd, const QByteArray &bytes)
     std::vector<uint8_t> in(wire::kMaxBody);
     uint32_t command = 0, size = 0;
     wire::Frame reply;
-    const bool framed = recv(fd, in.data(), wire::kHeaderSize, MSG_WAITALL) == ssize_t(wire::kHeaderSize) && wire::decodeHeader(in.data(), &command, &size);
-    return framed && recv(fd, in.data(), size, MSG_WAITALL) == ssize_t(size) && wire::decodeBody(command, in.data(), size, &reply) ? reply.status : -1;
+    const bool framed
+        = recv(fd, in.data(), wire::kHeaderSize, MSG_WAITALL) == ssize_t(wire::kHeaderSize)
+        && wire::decodeHeader(in.data(), &command, &size);
+    return framed && recv(fd, in.data(), size, MSG_WAITALL) == ssize_t(size)
+            && wire::decodeBody(command, in.data(), size, &reply)
+        ? reply.status
+        : -1;
 }
 
 } // namespace
@@ -135,11 +154,15 @@ int replyStatus(int fd, const QByteArray &bytes)
 class tst_Faults : public QObject {
     Q_OBJECT
 
-    QByteArrayList watched(const QByteArray &id) { return grep(watcher->out().split('\n'), id + ' '); }
+    QByteArrayList watched(const QByteArray &id)
+    {
+        return grep(watcher->out().split('\n'), id + ' ');
+    }
 
     FakeHttpServer server;
     // Every commit reported, a stall after 1 s, retries after 50 ms, final at the third failure.
-    Service svc {{{"max_retries", "2"}}, {"MAX_PACKET_COUNT=1", "DLM_TRANSFER_TIMEOUT_MS=1000", "DLM_RETRY_BASE_MS=50"}};
+    Service svc { { { "max_retries", "2" } },
+        { "MAX_PACKET_COUNT=1", "DLM_TRANSFER_TIMEOUT_MS=1000", "DLM_RETRY_BASE_MS=50" } };
     std::unique_ptr<Child> watcher;
     Service restored;
 
@@ -159,8 +182,8 @@ private slots:
 void tst_Faults::initTestCase()
 {
     QVERIFY(svc.start());
-    QCOMPARE(svc.dlctl({"set-path", "dlctl", svc.path("downloads")}).code, 0);
-    watcher = svc.client({DLCTL_BINARY, "watch"});
+    QCOMPARE(svc.dlctl({ "set-path", "dlctl", svc.path("downloads") }).code, 0);
+    watcher = svc.client({ DLCTL_BINARY, "watch" });
     QVERIFY(svc.waitErr("Event client registered"));
 }
 
@@ -168,43 +191,55 @@ void tst_Faults::serverFaults()
 {
     QFETCH(int, i);
     const ServerFault &r = kServerFaults[i];
-    const QByteArray name = r.name, end = r.end, id = "f" + QByteArray::number(i + 10), path = '/' + id;
+    const QByteArray name = r.name, end = r.end, id = "f" + QByteArray::number(i + 10),
+                     path = '/' + id;
     server.setBody(path, FakeHttpServer::makeBody(262144, i));
     server.setBody(path + "?moved", server.resource(path).body);
     r.fault(server.resource(path));
     const QString dir = svc.path("downloads/" + id), file = dir + '/' + id;
     QVERIFY(QDir().mkpath(dir));
-    QCOMPARE(svc.dlctl({"set-path", id, dir}).code, 0);
+    QCOMPARE(svc.dlctl({ "set-path", id, dir }).code, 0);
     QVERIFY(name != "directory gone" || QDir().rmdir(dir));
-    const QString url = server.url(path).toString().replace("http:", name == "TLS" ? "https:" : "http:");
+    const QString url
+        = server.url(path).toString().replace("http:", name == "TLS" ? "https:" : "http:");
     const qsizetype mark = svc.mark();
-    QCOMPARE(svc.dlctl({"create", url, "--client", id, "--id", id}).code, 0);
+    QCOMPARE(svc.dlctl({ "create", url, "--client", id, "--id", id }).code, 0);
     if (end == "Paused" && svc.proc.waitFor([&] { return !server.requestsFor(path).isEmpty(); }))
         svc.line("pause " + id); // while its request waits for an answer
-    QVERIFY(watcher->waitFor([&] { return watched(id).value(watched(id).size() - 1).contains(' ' + end + ' '); }));
+    QVERIFY(watcher->waitFor(
+        [&] { return watched(id).value(watched(id).size() - 1).contains(' ' + end + ' '); }));
     QVERIFY(svc.sync());
-    const QByteArray n = QByteArray::number(r.bytes), total = stored(svc, id).split(' ').value(3), name8 = file.toUtf8();
-    QCOMPARE(stored(svc, id), QByteArray::number(r.state) + ' ' + QByteArray::number(r.code) + ' ' + n + ' ' + total);
-    QVERIFY2(watched(id).last().startsWith(id + ' ' + id + ' ' + end + ' ' + n + ' ' + total + ' ' + name8), watched(id).last());
-    QCOMPARE(grep(svc.console(mark), '"' + name8 + '"').last(), "Download update with file: \"" + name8 + "\"  status:  \"" + end + "\"  DL:  " + n + " / " + total + ' ');
+    const QByteArray n = QByteArray::number(r.bytes), total = stored(svc, id).split(' ').value(3),
+                     name8 = file.toUtf8();
+    QCOMPARE(stored(svc, id),
+        QByteArray::number(r.state) + ' ' + QByteArray::number(r.code) + ' ' + n + ' ' + total);
+    QVERIFY2(watched(id).last().startsWith(
+                 id + ' ' + id + ' ' + end + ' ' + n + ' ' + total + ' ' + name8),
+        watched(id).last());
+    QCOMPARE(grep(svc.console(mark), '"' + name8 + '"').last(),
+        "Download update with file: \"" + name8 + "\"  status:  \"" + end + "\"  DL:  " + n + " / "
+            + total + ' ');
     QByteArray states;
     for (const QByteArray &line : watched(id))
         states += line.split(' ').value(2) + ' ';
-    QCOMPARE(states.replace("Pending ", "").replace("Progressing ", "").trimmed(), QByteArray(r.states));
+    QCOMPARE(
+        states.replace("Pending ", "").replace("Progressing ", "").trimmed(), QByteArray(r.states));
     QCOMPARE(readFile(file), server.resource(path).body.left(r.bytes));
     QCOMPARE(ranges(server, path), QByteArray(r.ranges));
     const QByteArrayList warned = grep(svc.log(mark), "Download " + id + " failed: ");
-    QVERIFY2(warned.size() == int(end == "Failed") && warned.join().contains(r.reason), warned.join());
+    QVERIFY2(
+        warned.size() == int(end == "Failed") && warned.join().contains(r.reason), warned.join());
 }
 
 void tst_Faults::queuedDownloadsDoNotTimeOut()
 {
     // Seven from one host sending for 1.5 s: the seventh waits for a connection past the timeout.
-    const QByteArrayList ids {"q0", "q1", "q2", "q3", "q4", "q5", "q6"};
+    const QByteArrayList ids { "q0", "q1", "q2", "q3", "q4", "q5", "q6" };
     for (const QByteArray &id : ids) {
         Res &slow = server.resource('/' + id);
-        slow.body = FakeHttpServer::makeBody(100 * 1024, 77), slow.chunkSize = 1024, slow.chunkDelayMs = 15;
-        QCOMPARE(svc.dlctl({"create", server.url('/' + id).toString(), "--id", id}).code, 0);
+        slow.body = FakeHttpServer::makeBody(100 * 1024, 77), slow.chunkSize = 1024,
+        slow.chunkDelayMs = 15;
+        QCOMPARE(svc.dlctl({ "create", server.url('/' + id).toString(), "--id", id }).code, 0);
     }
     for (const QByteArray &id : ids) {
         QVERIFY(waitStored(svc, id, "1 4 102400 102400")); // code 4: it never failed
@@ -213,6 +248,7 @@ void tst_Faults::queuedDownloadsDoNotTimeOut()
     }
 }
 
+// clang-format off
 void tst_Faults::hostileFrames_data()
 {
     QTest::addColumn<QByteArray>("bytes");
@@ -231,19 +267,25 @@ void tst_Faults::hostileFrames_data()
     QTest::newRow("control bytes as URL") << call(IDLService::REQUEST_DOWNLOAD, {"dlctl", std::string("\x01\nforged\0\xff:://\n", 14), "hostile", ""}) << int(NO_ERROR);
     QTest::newRow("remove all") << call(IDLService::REMOVE_DOWNLOAD, {"all"}) << int(NO_ERROR);
 }
+// clang-format on
 
 void tst_Faults::hostileFrames()
 {
     QFETCH(QByteArray, bytes);
     QFETCH(int, answer);
-    const Run before = svc.dlctl({"list"});
+    const Run before = svc.dlctl({ "list" });
     const qsizetype mark = svc.mark();
     const int fd = svc.rawConnect();
-    QCOMPARE(answer >= kEof ? (Service::hangsUp(fd, bytes, answer == kEofOnHalfClose) ? answer : -1) : replyStatus(fd, bytes), answer);
-    QCOMPARE(svc.dlctl({"list"}).out, before.out); // answered while the connection is open, unchanged
+    QCOMPARE(answer >= kEof ? (Service::hangsUp(fd, bytes, answer == kEofOnHalfClose) ? answer : -1)
+                            : replyStatus(fd, bytes),
+        answer);
+    QCOMPARE(
+        svc.dlctl({ "list" }).out, before.out); // answered while the connection is open, unchanged
     close(fd);
     // A caller's newline is logged escaped, never as a line of its own.
-    QCOMPARE(svc.proc.err().mid(mark).contains("\\x01\\nforged") && !svc.proc.err().mid(mark).contains("\nforged"), bytes.contains("\x01\nforged"));
+    QCOMPARE(svc.proc.err().mid(mark).contains("\\x01\\nforged")
+            && !svc.proc.err().mid(mark).contains("\nforged"),
+        bytes.contains("\x01\nforged"));
 }
 
 void tst_Faults::restoredRows()
@@ -256,23 +298,31 @@ void tst_Faults::restoredRows()
         QVERIFY(restored.start());
         QCOMPARE(restored.stop(), 0);
         for (const StoredRow &s : kStoredRows) {
-            const QString url = server.url('/' + QByteArray(s.name)).toString(), path = restored.path("downloads/") + s.name;
+            const QString url = server.url('/' + QByteArray(s.name)).toString(),
+                          path = restored.path("downloads/") + s.name;
             server.setBody('/' + QByteArray(s.name), s.body());
-            restored.sql("INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state, failureCode, totalSize, amountDownloaded, startTime) VALUES (?, 'app', ?, ?, ?, ?, 4, ?, ?, 1)",
-                         {s.name, s.name, QString(url).replace("http:", QByteArray(s.name) == "ftp" ? "ftp:" : "http:"), path, s.state, s.total, s.amount});
+            restored.sql("INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, "
+                         "state, failureCode, totalSize, amountDownloaded, startTime) VALUES (?, "
+                         "'app', ?, ?, ?, ?, 4, ?, ?, 1)",
+                { s.name, s.name,
+                    QString(url).replace("http:", QByteArray(s.name) == "ftp" ? "ftp:" : "http:"),
+                    path, s.state, s.total, s.amount });
             // The symlink row's file is a link to a file elsewhere, which must stay as it is.
-            const QString real = QByteArray(s.name) == "symlink" ? restored.path("elsewhere") : path;
+            const QString real
+                = QByteArray(s.name) == "symlink" ? restored.path("elsewhere") : path;
             QFile f(real);
             QVERIFY(s.file < 0 || (f.open(QIODevice::WriteOnly) && f.write(s.onDisk()) == s.file));
             QVERIFY(real == path || QFile::link(real, path));
         }
         QVERIFY(restored.start());
     }
-    QCOMPARE(restored.proc.err().contains("Download launched with uniqueID:" + id), r.state == 32 && !r.resume);
+    QCOMPARE(restored.proc.err().contains("Download launched with uniqueID:" + id),
+        r.state == 32 && !r.resume);
     if (r.resume)
         restored.line("resume " + id);
-    const QByteArray line = id + " app " + r.end + ' ' + QByteArray(r.stored).split(' ').mid(2).join(' ') + ' ' + file.toUtf8() + '\n';
-    QVERIFY(restored.proc.waitFor([&] { return restored.dlctl({"status", id}).out == line; }));
+    const QByteArray line = id + " app " + r.end + ' '
+        + QByteArray(r.stored).split(' ').mid(2).join(' ') + ' ' + file.toUtf8() + '\n';
+    QVERIFY(restored.proc.waitFor([&] { return restored.dlctl({ "status", id }).out == line; }));
     QCOMPARE(ranges(server, '/' + id), QByteArray(r.ranges));
     QCOMPARE(readFile(file), QByteArray(r.end) == "Completed" ? r.body() : r.onDisk());
     QCOMPARE(stored(restored, id), QByteArray(r.stored));
@@ -284,28 +334,36 @@ void tst_Faults::killAndRestart()
 {
     // Each notification commits, so stall points are stored exactly: k0 stops after 96 KiB, k1
     // after its headers, k2 completes, k3 is paused at 32 KiB, k4 fails with EFBIG at 1 MiB.
-    Service s({}, {"MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0"});
+    Service s({}, { "MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0" });
     QVERIFY(s.start([] { signal(SIGXFSZ, SIG_IGN), setrlimit(RLIMIT_FSIZE, &kFileSizeLimit); }));
-    QCOMPARE(s.dlctl({"set-path", "dlctl", s.path("downloads")}).code, 0);
-    const QByteArrayList ids {"k0", "k1", "k2", "k3", "k4"};
-    const QList<int> stalls {98304, 0, -1, 32768, -1}, sizes {262144, 262144, 4096, 262144, 3 << 20};
+    QCOMPARE(s.dlctl({ "set-path", "dlctl", s.path("downloads") }).code, 0);
+    const QByteArrayList ids { "k0", "k1", "k2", "k3", "k4" };
+    const QList<int> stalls { 98304, 0, -1, 32768, -1 },
+        sizes { 262144, 262144, 4096, 262144, 3 << 20 };
     for (int i = 0; i < 5; ++i) {
         Res &res = server.resource('/' + ids[i]);
-        res.body = FakeHttpServer::makeBody(sizes[i], i), res.stallAfter = stalls[i], res.chunkSize = i == 4 ? 65536 : 4096, res.chunkDelayMs = 1;
-        QCOMPARE(s.dlctl({"create", server.url('/' + ids[i]).toString(), "--id", ids[i]}).code, 0);
+        res.body = FakeHttpServer::makeBody(sizes[i], i), res.stallAfter = stalls[i],
+        res.chunkSize = i == 4 ? 65536 : 4096, res.chunkDelayMs = 1;
+        QCOMPARE(
+            s.dlctl({ "create", server.url('/' + ids[i]).toString(), "--id", ids[i] }).code, 0);
     }
     QVERIFY(waitStored(s, "k3", "2 4 32768 "));
     s.line("pause k3");
-    QVERIFY(waitStored(s, "%", "2 4 98304 262144,2 4 0 262144,1 4 4096 4096,4 4 32768 262144,8 3 "));
+    QVERIFY(
+        waitStored(s, "%", "2 4 98304 262144,2 4 0 262144,1 4 4096 4096,4 4 32768 262144,8 3 "));
     QVERIFY(s.waitErr("Download k4 failed: cannot write " + s.path("downloads/k4").toUtf8()
-                      + ": File too large"));
+        + ": File too large"));
     const QByteArray k4 = stored(s, "k4").split(' ').value(2), expected = stored(s, "%");
-    for (bool killed : {false, true}) { // no stored amount runs ahead of its file, alive or killed
+    for (bool killed :
+        { false, true }) { // no stored amount runs ahead of its file, alive or killed
         if (killed)
             s.kill();
         QCOMPARE(stored(s, "%"), expected);
         for (int i = 0; i < 5; ++i) // the stored bytes are in the file, and it holds only content
-            QVERIFY(readFile(s.path("downloads/") + ids[i]).size() >= expected.split(',')[i].split(' ')[2].toInt() && server.resource('/' + ids[i]).body.startsWith(readFile(s.path("downloads/") + ids[i])));
+            QVERIFY(readFile(s.path("downloads/") + ids[i]).size()
+                    >= expected.split(',')[i].split(' ')[2].toInt()
+                && server.resource('/' + ids[i])
+                       .body.startsWith(readFile(s.path("downloads/") + ids[i])));
     }
     // Repaired, without the limit: the stalled go on from their stored bytes, the others resumed.
     server.clearRequests();
@@ -313,7 +371,8 @@ void tst_Faults::killAndRestart()
         server.resource('/' + id).stallAfter = -1;
     QVERIFY(s.start());
     s.line("resume k3\nresume k4");
-    QVERIFY(waitStored(s, "%", "1 4 262144 262144,1 4 262144 262144,1 4 4096 4096,1 4 262144 262144,1 3 3145728 3145728"));
+    QVERIFY(waitStored(s, "%",
+        "1 4 262144 262144,1 4 262144 262144,1 4 4096 4096,1 4 262144 262144,1 3 3145728 3145728"));
     QCOMPARE(stored(s, "%").count(','), 4); // no other row
     QByteArray requests;
     for (const QByteArray &id : ids) {
