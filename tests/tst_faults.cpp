@@ -55,10 +55,7 @@ struct StoredRow {
     bool resume;
     const char *end, *ranges, *stored; // stored by the end
     QByteArray body() const { return FakeHttpServer::makeBody(size, size); }
-    QByteArray onDisk() const
-    {
-        return (body().left(amount) + QByteArray(qMax(file, 0), 'x')).left(qMax(file, 0));
-    }
+    QByteArray onDisk() const { return (body().left(amount) + QByteArray(file, 'x')).left(file); }
 };
 // clang-format off
 const StoredRow kStoredRows[] = {
@@ -80,19 +77,6 @@ template <typename Row, size_t N> void indexRows(const Row (&table)[N])
         QTest::newRow(table[i].name) << int(i);
 }
 
-// The Range offset of each request for path and below it, "-" for none, "!" for a request
-// without "Accept-Encoding: identity".
-QByteArray ranges(const FakeHttpServer &server, const QByteArray &path)
-{
-    QByteArrayList out;
-    for (const FakeHttpServer::Request &q : server.requests())
-        if (q.path.startsWith(path))
-            out << (q.header("accept-encoding") != "identity" ? "!"
-                    : q.header("range").isEmpty()             ? "-"
-                                                  : q.header("range").mid(6).chopped(1));
-    return out.join(' ');
-}
-
 QByteArrayList grep(const QList<QByteArray> &lines, const QByteArray &needle)
 {
     QByteArrayList found;
@@ -105,9 +89,10 @@ QByteArrayList grep(const QList<QByteArray> &lines, const QByteArray &needle)
 // "state code amount total" of each stored row whose identifier is like id, comma-separated.
 QByteArray stored(Service &s, const QByteArray &id)
 {
-    const QString columns = "group_concat(state || ' ' || failureCode || ' ' || amountDownloaded "
-                            "|| ' ' || totalSize)";
-    return s.sql("SELECT " + columns + " FROM downloads WHERE uniqueID LIKE ?", { QString(id) })
+    return s
+        .sql("SELECT group_concat(state||' '||failureCode||' '||amountDownloaded||' '||totalSize)"
+             " FROM downloads WHERE uniqueID LIKE ?",
+            { QString(id) })
         .value(0)
         .value(0)
         .toByteArray();
@@ -154,17 +139,28 @@ int replyStatus(int fd, const QByteArray &bytes)
 class tst_Faults : public QObject {
     Q_OBJECT
 
-    QByteArrayList watched(const QByteArray &id)
-    {
-        return grep(watcher->out().split('\n'), id + ' ');
-    }
-
     FakeHttpServer server;
     // Every commit reported, a stall after 1 s, retries after 50 ms, final at the third failure.
     Service svc { { { "max_retries", "2" } },
         { "MAX_PACKET_COUNT=1", "DLM_TRANSFER_TIMEOUT_MS=1000", "DLM_RETRY_BASE_MS=50" } };
     std::unique_ptr<Child> watcher;
     Service restored;
+
+    QByteArrayList watched(QByteArray id) { return grep(watcher->out().split('\n'), id + ' '); }
+    QByteArray &body(const QByteArray &id) { return server.resource('/' + id).body; }
+    QString url(const QByteArray &id) const { return server.url('/' + id).toString(); }
+    // The Range offset of each request for id and below it, "-" for none, "!" for a request
+    // without "Accept-Encoding: identity".
+    QByteArray ranges(const QByteArray &id) const
+    {
+        QByteArrayList out;
+        for (const FakeHttpServer::Request &q : server.requests())
+            if (q.path.startsWith('/' + id))
+                out << (q.header("accept-encoding") != "identity" ? "!"
+                        : q.header("range").isEmpty()             ? "-"
+                                                      : q.header("range").mid(6).chopped(1));
+        return out.join(' ');
+    }
 
 private slots:
     void initTestCase();
@@ -191,31 +187,29 @@ void tst_Faults::serverFaults()
 {
     QFETCH(int, i);
     const ServerFault &r = kServerFaults[i];
-    const QByteArray name = r.name, end = r.end, id = "f" + QByteArray::number(i + 10),
-                     path = '/' + id;
-    server.setBody(path, FakeHttpServer::makeBody(262144, i));
-    server.setBody(path + "?moved", server.resource(path).body);
-    r.fault(server.resource(path));
+    const QByteArray name = r.name, end = r.end, id = 'f' + QByteArray::number(i + 10);
+    body(id) = body(id + "?moved") = FakeHttpServer::makeBody(262144, i);
+    r.fault(server.resource('/' + id));
     const QString dir = svc.path("downloads/" + id), file = dir + '/' + id;
     QVERIFY(QDir().mkpath(dir));
     QCOMPARE(svc.dlctl({ "set-path", id, dir }).code, 0);
     QVERIFY(name != "directory gone" || QDir().rmdir(dir));
-    const QString url
-        = server.url(path).toString().replace("http:", name == "TLS" ? "https:" : "http:");
     const qsizetype mark = svc.mark();
-    QCOMPARE(svc.dlctl({ "create", url, "--client", id, "--id", id }).code, 0);
-    if (end == "Paused" && svc.proc.waitFor([&] { return !server.requestsFor(path).isEmpty(); }))
+    const QString scheme = name == "TLS" ? "https:" : "http:";
+    QCOMPARE(
+        svc.dlctl({ "create", url(id).replace("http:", scheme), "--client", id, "--id", id }).code,
+        0);
+    if (end == "Paused" && svc.proc.waitFor([&] { return !ranges(id).isEmpty(); }))
         svc.line("pause " + id); // while its request waits for an answer
     QVERIFY(watcher->waitFor(
-        [&] { return watched(id).value(watched(id).size() - 1).contains(' ' + end + ' '); }));
+        [&] { return (QByteArrayList { "" } + watched(id)).last().contains(' ' + end + ' '); }));
     QVERIFY(svc.sync());
-    const QByteArray n = QByteArray::number(r.bytes), total = stored(svc, id).split(' ').value(3),
-                     name8 = file.toUtf8();
-    QCOMPARE(stored(svc, id),
-        QByteArray::number(r.state) + ' ' + QByteArray::number(r.code) + ' ' + n + ' ' + total);
-    QVERIFY2(watched(id).last().startsWith(
-                 id + ' ' + id + ' ' + end + ' ' + n + ' ' + total + ' ' + name8),
-        watched(id).last());
+    const QByteArray row = stored(svc, id), n = QByteArray::number(r.bytes),
+                     total = row.split(' ').value(3), name8 = file.toUtf8(),
+                     last = watched(id).last();
+    QCOMPARE(row, QString::asprintf("%d %d %d ", r.state, r.code, r.bytes).toUtf8() + total);
+    QVERIFY2(
+        last.startsWith(id + ' ' + id + ' ' + end + ' ' + n + ' ' + total + ' ' + name8), last);
     QCOMPARE(grep(svc.console(mark), '"' + name8 + '"').last(),
         "Download update with file: \"" + name8 + "\"  status:  \"" + end + "\"  DL:  " + n + " / "
             + total + ' ');
@@ -224,8 +218,8 @@ void tst_Faults::serverFaults()
         states += line.split(' ').value(2) + ' ';
     QCOMPARE(
         states.replace("Pending ", "").replace("Progressing ", "").trimmed(), QByteArray(r.states));
-    QCOMPARE(readFile(file), server.resource(path).body.left(r.bytes));
-    QCOMPARE(ranges(server, path), QByteArray(r.ranges));
+    QCOMPARE(readFile(file), body(id).left(r.bytes));
+    QCOMPARE(ranges(id), QByteArray(r.ranges));
     const QByteArrayList warned = grep(svc.log(mark), "Download " + id + " failed: ");
     QVERIFY2(
         warned.size() == int(end == "Failed") && warned.join().contains(r.reason), warned.join());
@@ -239,12 +233,12 @@ void tst_Faults::queuedDownloadsDoNotTimeOut()
         Res &slow = server.resource('/' + id);
         slow.body = FakeHttpServer::makeBody(100 * 1024, 77), slow.chunkSize = 1024,
         slow.chunkDelayMs = 15;
-        QCOMPARE(svc.dlctl({ "create", server.url('/' + id).toString(), "--id", id }).code, 0);
+        QCOMPARE(svc.dlctl({ "create", url(id), "--id", id }).code, 0);
     }
     for (const QByteArray &id : ids) {
         QVERIFY(waitStored(svc, id, "1 4 102400 102400")); // code 4: it never failed
-        QCOMPARE(readFile(svc.path("downloads/") + id), server.resource('/' + id).body);
-        QCOMPARE(ranges(server, '/' + id), QByteArray("-"));
+        QCOMPARE(readFile(svc.path("downloads/") + id), body(id));
+        QCOMPARE(ranges(id), QByteArray("-"));
     }
 }
 
@@ -273,19 +267,18 @@ void tst_Faults::hostileFrames()
 {
     QFETCH(QByteArray, bytes);
     QFETCH(int, answer);
-    const Run before = svc.dlctl({ "list" });
+    const QByteArray before = svc.dlctl({ "list" }).out;
     const qsizetype mark = svc.mark();
     const int fd = svc.rawConnect();
     QCOMPARE(answer >= kEof ? (Service::hangsUp(fd, bytes, answer == kEofOnHalfClose) ? answer : -1)
                             : replyStatus(fd, bytes),
         answer);
-    QCOMPARE(
-        svc.dlctl({ "list" }).out, before.out); // answered while the connection is open, unchanged
+    QCOMPARE(svc.dlctl({ "list" }).out, before); // answered while the connection is open, unchanged
     close(fd);
     // A caller's newline is logged escaped, never as a line of its own.
-    QCOMPARE(svc.proc.err().mid(mark).contains("\\x01\\nforged")
-            && !svc.proc.err().mid(mark).contains("\nforged"),
-        bytes.contains("\x01\nforged"));
+    const QByteArray err = svc.proc.err().mid(mark);
+    QCOMPARE(
+        err.contains("\\x01\\nforged") && !err.contains("\nforged"), bytes.contains("\nforged"));
 }
 
 void tst_Faults::restoredRows()
@@ -298,18 +291,16 @@ void tst_Faults::restoredRows()
         QVERIFY(restored.start());
         QCOMPARE(restored.stop(), 0);
         for (const StoredRow &s : kStoredRows) {
-            const QString url = server.url('/' + QByteArray(s.name)).toString(),
-                          path = restored.path("downloads/") + s.name;
-            server.setBody('/' + QByteArray(s.name), s.body());
+            const QByteArray sid = s.name;
+            const QString path = restored.path("downloads/") + s.name;
+            body(sid) = s.body();
             restored.sql("INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, "
                          "state, failureCode, totalSize, amountDownloaded, startTime) VALUES (?, "
                          "'app', ?, ?, ?, ?, 4, ?, ?, 1)",
-                { s.name, s.name,
-                    QString(url).replace("http:", QByteArray(s.name) == "ftp" ? "ftp:" : "http:"),
-                    path, s.state, s.total, s.amount });
+                { s.name, s.name, url(sid).replace("http:", sid == "ftp" ? "ftp:" : "http:"), path,
+                    s.state, s.total, s.amount });
             // The symlink row's file is a link to a file elsewhere, which must stay as it is.
-            const QString real
-                = QByteArray(s.name) == "symlink" ? restored.path("elsewhere") : path;
+            const QString real = sid == "symlink" ? restored.path("elsewhere") : path;
             QFile f(real);
             QVERIFY(s.file < 0 || (f.open(QIODevice::WriteOnly) && f.write(s.onDisk()) == s.file));
             QVERIFY(real == path || QFile::link(real, path));
@@ -323,7 +314,7 @@ void tst_Faults::restoredRows()
     const QByteArray line = id + " app " + r.end + ' '
         + QByteArray(r.stored).split(' ').mid(2).join(' ') + ' ' + file.toUtf8() + '\n';
     QVERIFY(restored.proc.waitFor([&] { return restored.dlctl({ "status", id }).out == line; }));
-    QCOMPARE(ranges(server, '/' + id), QByteArray(r.ranges));
+    QCOMPARE(ranges(id), QByteArray(r.ranges));
     QCOMPARE(readFile(file), QByteArray(r.end) == "Completed" ? r.body() : r.onDisk());
     QCOMPARE(stored(restored, id), QByteArray(r.stored));
     if (i == int(std::size(kStoredRows)) - 1)
@@ -340,12 +331,12 @@ void tst_Faults::killAndRestart()
     const QByteArrayList ids { "k0", "k1", "k2", "k3", "k4" };
     const QList<int> stalls { 98304, 0, -1, 32768, -1 },
         sizes { 262144, 262144, 4096, 262144, 3 << 20 };
+    const auto file = [&](int i) { return readFile(s.path("downloads/") + ids[i]); };
     for (int i = 0; i < 5; ++i) {
         Res &res = server.resource('/' + ids[i]);
         res.body = FakeHttpServer::makeBody(sizes[i], i), res.stallAfter = stalls[i],
         res.chunkSize = i == 4 ? 65536 : 4096, res.chunkDelayMs = 1;
-        QCOMPARE(
-            s.dlctl({ "create", server.url('/' + ids[i]).toString(), "--id", ids[i] }).code, 0);
+        QCOMPARE(s.dlctl({ "create", url(ids[i]), "--id", ids[i] }).code, 0);
     }
     QVERIFY(waitStored(s, "k3", "2 4 32768 "));
     s.line("pause k3");
@@ -354,16 +345,14 @@ void tst_Faults::killAndRestart()
     QVERIFY(s.waitErr("Download k4 failed: cannot write " + s.path("downloads/k4").toUtf8()
         + ": File too large"));
     const QByteArray k4 = stored(s, "k4").split(' ').value(2), expected = stored(s, "%");
-    for (bool killed :
-        { false, true }) { // no stored amount runs ahead of its file, alive or killed
+    // No stored amount runs ahead of its file, alive or killed, and each file holds only content.
+    for (bool killed : { false, true }) {
         if (killed)
             s.kill();
         QCOMPARE(stored(s, "%"), expected);
-        for (int i = 0; i < 5; ++i) // the stored bytes are in the file, and it holds only content
-            QVERIFY(readFile(s.path("downloads/") + ids[i]).size()
-                    >= expected.split(',')[i].split(' ')[2].toInt()
-                && server.resource('/' + ids[i])
-                       .body.startsWith(readFile(s.path("downloads/") + ids[i])));
+        for (int i = 0; i < 5; ++i)
+            QVERIFY(file(i).size() >= expected.split(',')[i].split(' ')[2].toInt()
+                && body(ids[i]).startsWith(file(i)));
     }
     // Repaired, without the limit: the stalled go on from their stored bytes, the others resumed.
     server.clearRequests();
@@ -371,13 +360,15 @@ void tst_Faults::killAndRestart()
         server.resource('/' + id).stallAfter = -1;
     QVERIFY(s.start());
     s.line("resume k3\nresume k4");
-    QVERIFY(waitStored(s, "%",
-        "1 4 262144 262144,1 4 262144 262144,1 4 4096 4096,1 4 262144 262144,1 3 3145728 3145728"));
-    QCOMPARE(stored(s, "%").count(','), 4); // no other row
+    QVERIFY(s.proc.waitFor([&] {
+        return stored(s, "%")
+            == "1 4 262144 262144,1 4 262144 262144,1 4 4096 4096,1 4 262144 262144,1 3 3145728 "
+               "3145728";
+    }));
     QByteArray requests;
-    for (const QByteArray &id : ids) {
-        QCOMPARE(readFile(s.path("downloads/") + id), server.resource('/' + id).body);
-        requests += ranges(server, '/' + id) + '|';
+    for (int i = 0; i < 5; ++i) {
+        QCOMPARE(file(i), body(ids[i]));
+        requests += ranges(ids[i]) + '|';
     }
     QCOMPARE(requests, "98304|-||32768|" + k4 + '|');
     QCOMPARE(s.stop(), 0);
