@@ -1,5 +1,4 @@
-// Faults against the real service: broken servers, stored rows against the files beside them, a
-// kill amid transfers with a full disk, and hostile IPC frames.
+// The real service against broken servers, odd stored rows, a kill on a full disk, hostile IPC.
 #include "FakeHttpServer.h"
 #include "Harness.h"
 #include "IDLService.h"
@@ -84,19 +83,21 @@ QByteArrayList grep(QByteArrayList lines, const QByteArray &needle)
 // "state code amount total" of each stored row whose identifier is like id, comma-separated.
 QByteArray stored(Service &s, const QByteArray &id)
 {
-    const auto rows = s.sql("SELECT group_concat(state||' '||failureCode||' '||amountDownloaded||"
-                            "' '||totalSize) FROM downloads WHERE uniqueID LIKE ?",
-        { QString(id) });
-    return rows.value(0).value(0).toByteArray();
+    const char *sql = "SELECT group_concat(state||' '||failureCode||' '||amountDownloaded||' '||"
+                      "totalSize) FROM downloads WHERE uniqueID LIKE ?";
+    return s.sql(sql, { QString(id) }).value(0).value(0).toByteArray();
 }
 
-bool waitStored(Service &s, const QByteArray &id, const QByteArray &prefix)
+const char *const kInsertRow
+    = "INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state, failureCode, "
+      "totalSize, amountDownloaded, startTime) VALUES (?, 'app', ?, ?, ?, ?, 4, ?, ?, 1)";
+
+bool waitRows(Service &s, const QByteArray &id, const QByteArray &prefix)
 {
     return s.proc.waitFor([&] { return stored(s, id).startsWith(prefix); });
 }
 
-// The Range offset of each request for id and below it, "-" for none, "!" for a request without
-// "Accept-Encoding: identity".
+// Each request's Range offset for id and below ("-": none, "!": no Accept-Encoding: identity).
 QByteArray ranges(const FakeHttpServer &server, const QByteArray &id)
 {
     QByteArrayList out;
@@ -210,20 +211,18 @@ void tst_Faults::serverFaults()
     if (end == "Paused" && svc.proc.waitFor([&] { return !ranges(server, id).isEmpty(); }))
         svc.line("pause " + id); // while its request waits for an answer
     const QByteArray seen = id + ' ' + id + ' ' + end + ' ';
-    QVERIFY(watcher->waitFor([&] { return watcher->out().contains(seen); }));
-    QVERIFY(svc.sync());
+    QVERIFY(watcher->waitFor([&] { return watcher->out().contains(seen); }) && svc.sync());
     const QByteArray row = stored(svc, id), n = QByteArray::number(r.bytes),
-                     total = row.split(' ').value(3), name8 = file.toUtf8();
+                     total = row.split(' ').value(3), name8 = file.toUtf8(), q8 = '"' + name8 + '"';
     QCOMPARE(row, QString::asprintf("%d %d %d ", r.state, r.code, r.bytes).toUtf8() + total);
-    QByteArray states, last;
+    QByteArray trail, last; // the states the watcher saw
     for (const QByteArray &line : grep(watcher->out().split('\n'), id + ' '))
-        states += line.split(' ').value(2) + ' ', last = line;
+        trail += line.split(' ').value(2) + ' ', last = line;
     QVERIFY2(last.startsWith(seen + n + ' ' + total + ' ' + name8), last);
-    QCOMPARE(
-        states.replace("Pending ", "").replace("Progressing ", ""), r.states + QByteArray(" "));
-    QCOMPARE(grep(svc.console(mark), '"' + name8 + '"').last(),
-        "Download update with file: \"" + name8 + "\"  status:  \"" + end + "\"  DL:  " + n + " / "
-            + total + ' ');
+    QCOMPARE(trail.replace("Pending ", "").replace("Progressing ", ""), QByteArray(r.states) + ' ');
+    QCOMPARE(grep(svc.console(mark), q8).last(),
+        "Download update with file: " + q8 + "  status:  \"" + end + "\"  DL:  " + n + " / " + total
+            + ' ');
     QCOMPARE(readFile(file), body(id).left(r.bytes));
     QCOMPARE(ranges(server, id), QByteArray(r.ranges));
     const QByteArrayList warned = grep(svc.log(mark), "Download " + id + " failed: ");
@@ -235,13 +234,12 @@ void tst_Faults::queuedDownloadsDoNotTimeOut()
     // Seven from one host sending for 1.5 s: the seventh waits for a connection past the timeout.
     const QByteArrayList ids { "q0", "q1", "q2", "q3", "q4", "q5", "q6" };
     for (const QByteArray &id : ids) {
-        Res &slow = server.resource('/' + id);
-        slow.body = FakeHttpServer::makeBody(102400, 77), slow.chunkSize = 1024,
-        slow.chunkDelayMs = 15;
+        Res &q = server.resource('/' + id);
+        q.body = FakeHttpServer::makeBody(102400, 77), q.chunkSize = 1024, q.chunkDelayMs = 15;
         QCOMPARE(svc.dlctl({ "create", url(id), "--id", id }).code, 0);
     }
     for (const QByteArray &id : ids) {
-        QVERIFY(waitStored(svc, id, "1 4 102400 102400")); // code 4: it never failed
+        QVERIFY(waitRows(svc, id, "1 4 102400 102400")); // code 4: it never failed
         QCOMPARE(readFile(svc.path("downloads/") + id), body(id));
         QCOMPARE(ranges(server, id), QByteArray("-"));
     }
@@ -254,9 +252,8 @@ void tst_Faults::hostileFrames()
     const QByteArray before = svc.dlctl({ "list" }).out;
     const qsizetype mark = svc.mark();
     const int fd = svc.rawConnect();
-    QCOMPARE(answer >= kEof ? (Service::hangsUp(fd, bytes, answer == kEofOnHalfClose) ? answer : -1)
-                            : replyStatus(fd, bytes),
-        answer);
+    const bool hungUp = answer >= kEof && Service::hangsUp(fd, bytes, answer == kEofOnHalfClose);
+    QCOMPARE(answer < kEof ? replyStatus(fd, bytes) : hungUp ? answer : -1, answer);
     QCOMPARE(svc.dlctl({ "list" }).out, before); // answered while the connection is open
     close(fd);
     // A caller's newline is logged escaped, never as a line of its own.
@@ -274,13 +271,9 @@ void tst_Faults::restoredRows()
         QVERIFY(restored.start() && restored.stop() == 0); // to create the schema
         for (const StoredRow &s : kStoredRows) {
             const QString path = restored.path("downloads/") + s.name;
+            const QString link = (qstrcmp(s.name, "ftp") ? "http" : "ftp") + url(s.name).mid(4);
             body(s.name) = s.body();
-            restored.sql("INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, "
-                         "state, failureCode, totalSize, amountDownloaded, startTime) VALUES (?, "
-                         "'app', ?, ?, ?, ?, 4, ?, ?, 1)",
-                { s.name, s.name,
-                    url(s.name).replace("http:", qstrcmp(s.name, "ftp") ? "http:" : "ftp:"), path,
-                    s.state, s.total, s.amount });
+            restored.sql(kInsertRow, { s.name, s.name, link, path, s.state, s.total, s.amount });
             // The symlink row's file is a link to a file elsewhere, which must stay as it is.
             const QString real = !qstrcmp(s.name, "symlink") ? restored.path("elsewhere") : path;
             QFile f(real);
@@ -320,10 +313,9 @@ void tst_Faults::killAndRestart()
         res.chunkSize = i == 4 ? 65536 : 4096, res.chunkDelayMs = 1;
         QCOMPARE(s.dlctl({ "create", url(ids[i]), "--id", ids[i] }).code, 0);
     }
-    QVERIFY(waitStored(s, "k3", "2 4 32768 "));
+    QVERIFY(waitRows(s, "k3", "2 4 32768 "));
     s.line("pause k3");
-    QVERIFY(
-        waitStored(s, "%", "2 4 98304 262144,2 4 0 262144,1 4 4096 4096,4 4 32768 262144,8 3 "));
+    QVERIFY(waitRows(s, "%", "2 4 98304 262144,2 4 0 262144,1 4 4096 4096,4 4 32768 262144,8 3 "));
     QVERIFY(s.waitErr("Download k4 failed: cannot write " + s.path("downloads/k4").toUtf8()
         + ": File too large"));
     const QByteArray k4 = stored(s, "k4").split(' ').value(2), expected = stored(s, "%");
@@ -340,7 +332,7 @@ void tst_Faults::killAndRestart()
         server.resource('/' + id).stallAfter = -1;
     QVERIFY(s.start());
     s.line("resume k3\nresume k4");
-    QVERIFY(waitStored(s, "%",
+    QVERIFY(waitRows(s, "%",
         "1 4 262144 262144,1 4 262144 262144,1 4 4096 4096,1 4 262144 262144,1 3 3145728 "
         "3145728"));
     QCOMPARE(stored(s, "%").count(','), 4); // no other row
