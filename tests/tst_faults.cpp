@@ -193,6 +193,7 @@ private slots:
     void restoredRows();
 
     void killAndRestart();
+    void connectionFlood();
 };
 
 void tst_Faults::serverFaults()
@@ -345,6 +346,33 @@ void tst_Faults::killAndRestart()
         QCOMPARE(ranges(server, ids[i]), requests[i]);
     }
     QCOMPARE(s.stop(), 0);
+}
+
+void tst_Faults::connectionFlood()
+{
+    // A connection costs its body's bytes only as they arrive; past the per-user cap it ends.
+    Service s;
+    QVERIFY(s.start());
+    const auto rssKiB = [&] {
+        const QByteArray status = readFile(QString("/proc/%1/status").arg(s.proc.pid()));
+        return status.mid(status.indexOf("VmRSS:") + 6).trimmed().split(' ').value(0).toLongLong();
+    };
+    const qint64 before = rssKiB();
+    std::vector<int> fds(300);
+    for (int &fd : fds) { // a call announcing a whole 1 MiB body, then one byte of it
+        QVERIFY((fd = s.rawConnect()) >= 0);
+        send(fd, QByteArray::fromHex("010000000000100000").constData(), 9, MSG_NOSIGNAL);
+    }
+    const auto ended = [&] {
+        char c;
+        return std::count_if(
+            fds.begin(), fds.end(), [&](int fd) { return recv(fd, &c, 1, MSG_DONTWAIT) == 0; });
+    };
+    QVERIFY(s.proc.waitFor([&] { return ended() == 300 - 64; }));
+    QVERIFY2(rssKiB() - before < 32 * 1024, QByteArray::number(rssKiB() - before));
+    for (int fd : fds)
+        close(fd);
+    QVERIFY(s.dlctl({ "list" }).code == 0 && s.stop() == 0);
 }
 
 QTEST_GUILESS_MAIN(tst_Faults)
