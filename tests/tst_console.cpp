@@ -117,6 +117,8 @@ private slots:
         row("garbage database", {{}, 0, join, "quit", "is not a database", true});
         row("/tmp/ by default, not trusted", {{"DLM_SETTINGS=@S/none"}, 0, join,
             "quit\nhelp\nstatus x\n", "/tmp/ is writable by group or others"});
+        row("settings anyone may write", {{"DLM_SETTINGS=/dev/null"}, 0, join, "quit\n",
+            "Settings file /dev/null not used, defaults apply: /dev/null is writable by group"});
         row("second service, same database", {{"DLM_SETTINGS=@F/bin/downloadmanager.ini"}, 1, join,
             {}, "Another download service uses the database directory @F/db: not starting"});
     }
@@ -181,7 +183,9 @@ private slots:
         const QByteArray idS = ids[0][0].toByteArray(), idQ = ids[1][0].toByteArray();
 
         const Lines paused = ask(svc, "pause all\npause " + idS + "\nrestart " + idS);
-        const qint64 amount = svc.sql("SELECT amountDownloaded FROM downloads")[0][0].toLongLong();
+        const qint64 amount
+            = svc.sql("SELECT amountDownloaded FROM downloads WHERE uniqueID = ?", { idS })[0][0]
+                  .toLongLong();
         QVERIFY(paused.endsWith(line(s, "Paused", amount, 400000))); // the last two print nothing
         QCOMPARE(
             svc.proc.err().count("\"Paused\"") + svc.proc.err().count("all has been paused."), 2);
@@ -189,7 +193,8 @@ private slots:
 
         svc.line("resume all"); // slow goes on where it paused, quick has nothing left to fetch
         QVERIFY(svc.waitErr(line(s, "Completed", 400000, 400000)));
-        QCOMPARE(server.requests()[2].header("range"), "bytes=" + QByteArray::number(amount) + '-');
+        QCOMPARE(server.requestsFor("/slow.bin").last().header("range"),
+            "bytes=" + QByteArray::number(amount) + '-');
         QCOMPARE(
             ask(svc, "remove " + idS + "\nremove " + idS + "\nstatus " + idS + "\nstatus " + idQ),
             (Lines { kNone, line(q, "Completed", 100000, 100000, idQ, "Download status:") }));
