@@ -183,9 +183,9 @@ private slots:
         const QByteArray idS = ids[0][0].toByteArray(), idQ = ids[1][0].toByteArray();
 
         const Lines paused = ask(svc, "pause all\npause " + idS + "\nrestart " + idS);
-        const qint64 amount
-            = svc.sql("SELECT amountDownloaded FROM downloads WHERE uniqueID = ?", { idS })[0][0]
-                  .toLongLong();
+        const qint64 amount = svc.sql("SELECT amountDownloaded FROM downloads WHERE uniqueID = ?",
+                                     { QString(idS) })[0][0]
+                                  .toLongLong();
         QVERIFY(paused.endsWith(line(s, "Paused", amount, 400000))); // the last two print nothing
         QCOMPARE(
             svc.proc.err().count("\"Paused\"") + svc.proc.err().count("all has been paused."), 2);
