@@ -30,13 +30,13 @@ Child::~Child()
         ::kill(mPid, SIGKILL);
         waitpid(mPid, &mStatus, 0);
     }
-    for (int fd : {mIn, mOutFd, mErrFd})
+    for (int fd : { mIn, mOutFd, mErrFd })
         if (fd >= 0)
             close(fd);
 }
 
-bool Child::start(const QStringList &argv, const QStringList &env,
-                  const std::function<void()> &beforeExec)
+bool Child::start(
+    const QStringList &argv, const QStringList &env, const std::function<void()> &beforeExec)
 {
     this->~Child();
     new (this) Child;
@@ -80,7 +80,7 @@ bool Child::start(const QStringList &argv, const QStringList &env,
     mIn = in[1];
     mOutFd = out[0];
     mErrFd = err[0];
-    for (int fd : {mOutFd, mErrFd})
+    for (int fd : { mOutFd, mErrFd })
         fcntl(fd, F_SETFL, O_NONBLOCK);
     mOutNote.reset(new QSocketNotifier(mOutFd, QSocketNotifier::Read));
     mErrNote.reset(new QSocketNotifier(mErrFd, QSocketNotifier::Read));
@@ -158,11 +158,11 @@ QByteArray readFile(const QString &path)
 Service::Service(const QMap<QString, QString> &settings, const QStringList &env)
     : settings(settings), env(env)
 {
-    for (const char *sub : {"bin", "db", "downloads", "binder"})
+    for (const char *sub : { "bin", "db", "downloads", "binder" })
         QDir().mkpath(path(sub));
     QFile::copy(QStringLiteral(DLM_SERVICE_BINARY), path("bin/downloadmanager"));
-    QFile::setPermissions(path("bin/downloadmanager"),
-                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QFile::setPermissions(
+        path("bin/downloadmanager"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
 
 QString Service::path(const QString &sub) const
@@ -182,12 +182,13 @@ bool Service::start(const std::function<void()> &beforeExec)
             if (!it.value().isNull())
                 s.setValue(it.key(), it.value());
     }
-    const QStringList base {"DL_CONSOLE_READER_ENABLE=1", "DLM_LOG_LEVEL=d",
-                            "BINDER_SOCKET_DIR=" + path("binder")};
-    if (!proc.start({path("bin/downloadmanager")}, base + env, beforeExec))
+    const QStringList base { "DL_CONSOLE_READER_ENABLE=1", "DLM_LOG_LEVEL=d",
+        "BINDER_SOCKET_DIR=" + path("binder") };
+    if (!proc.start({ path("bin/downloadmanager") }, base + env, beforeExec))
         return false;
     const QStringList all = base + env;
-    const bool console = all.filter("DL_CONSOLE_READER_ENABLE=").last().section('=', 1).toInt() != 0;
+    const bool console
+        = all.filter("DL_CONSOLE_READER_ENABLE=").last().section('=', 1).toInt() != 0;
     return proc.waitFor([&] {
         if (!proc.running())
             return true;
@@ -248,8 +249,9 @@ QList<QByteArray> Service::log(qsizetype from) const
 
 bool Service::waitErr(const QByteArray &needle, int count, qsizetype from)
 {
-    return proc.waitFor([&] { return proc.err().mid(from).count(needle) >= count || !proc.running(); })
-        && proc.err().mid(from).count(needle) >= count;
+    return proc.waitFor([&] {
+        return proc.err().mid(from).count(needle) >= count || !proc.running();
+    }) && proc.err().mid(from).count(needle) >= count;
 }
 
 bool Service::sync()
@@ -261,7 +263,8 @@ bool Service::sync()
 
 Run Service::dlctl(const QStringList &args, const QString &user)
 {
-    const std::unique_ptr<Child> c = client(QStringList {QStringLiteral(DLCTL_BINARY)} + args, user);
+    const std::unique_ptr<Child> c
+        = client(QStringList { QStringLiteral(DLCTL_BINARY) } + args, user);
     Run r;
     r.code = c->finish();
     r.out = c->out();
@@ -272,8 +275,9 @@ Run Service::dlctl(const QStringList &args, const QString &user)
 std::unique_ptr<Child> Service::client(const QStringList &argv, const QString &user)
 {
     auto c = std::make_unique<Child>();
-    const QStringList as = user.isEmpty() ? argv : QStringList {"/usr/sbin/runuser", "-u", user, "--"} + argv;
-    c->start(as, {"BINDER_SOCKET_DIR=" + path("binder")});
+    const QStringList as
+        = user.isEmpty() ? argv : QStringList { "/usr/sbin/runuser", "-u", user, "--" } + argv;
+    c->start(as, { "BINDER_SOCKET_DIR=" + path("binder") });
     return c;
 }
 
@@ -308,7 +312,7 @@ int Service::rawConnect() const
     const QByteArray name = QFile::encodeName(path("binder/com.velta.DLService"));
     memcpy(addr.sun_path, name.constData(), qMin<size_t>(name.size(), sizeof addr.sun_path - 1));
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    timeval timeout {10, 0};
+    timeval timeout { 10, 0 };
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
         close(fd);

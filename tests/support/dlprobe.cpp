@@ -21,15 +21,15 @@ namespace {
 
 sp<IDLService> service;
 
-struct Printer : public BnDLClient
-{
-    explicit Printer(bool reentrant) : reentrant(reentrant) {}
+struct Printer : public BnDLClient {
+    explicit Printer(bool reentrant) : reentrant(reentrant) { }
     void onDownloadUpdate(IDownload d) override
     {
         printf("update %s %d %lld\n", d.uniqueID.c_str(), d.state, (long long)d.amountDownloaded);
         IDownload again;
         if (reentrant)
-            printf("reentrant %s %d\n", d.uniqueID.c_str(), service->getDownload(d.uniqueID, &again));
+            printf(
+                "reentrant %s %d\n", d.uniqueID.c_str(), service->getDownload(d.uniqueID, &again));
     }
     const bool reentrant;
 };
@@ -50,8 +50,8 @@ int main(int argc, char **argv)
         if (argc < 3 || service->getDownload(argv[2], &d) != 1)
             _exit(1);
         printf("%s|%s|%s|%s|%s|%d|%d|%lld|%lld|%lld\n", d.uniqueID.c_str(), d.clientID.c_str(),
-               d.name.c_str(), d.contentURL.c_str(), d.filePath.c_str(), d.state, d.failureCode,
-               (long long)d.totalSize, (long long)d.amountDownloaded, (long long)d.startTime);
+            d.name.c_str(), d.contentURL.c_str(), d.filePath.c_str(), d.state, d.failureCode,
+            (long long)d.totalSize, (long long)d.amountDownloaded, (long long)d.startTime);
         fflush(nullptr);
         _exit(0);
     }
