@@ -357,7 +357,7 @@ void tst_Faults::connectionFlood()
         const QByteArray status = readFile(QString("/proc/%1/status").arg(s.proc.pid()));
         return status.mid(status.indexOf("VmRSS:") + 6).trimmed().split(' ').value(0).toLongLong();
     };
-    const qint64 before = rssKiB();
+    [[maybe_unused]] const qint64 before = rssKiB();
     std::vector<int> fds(300);
     for (int &fd : fds) { // a call announcing a whole 1 MiB body, then one byte of it
         QVERIFY((fd = s.rawConnect()) >= 0);
@@ -369,7 +369,9 @@ void tst_Faults::connectionFlood()
             fds.begin(), fds.end(), [&](int fd) { return recv(fd, &c, 1, MSG_DONTWAIT) == 0; });
     };
     QVERIFY(s.proc.waitFor([&] { return ended() == 300 - 64; }));
+#ifndef __SANITIZE_THREAD__ // its state for each of the connections' threads hides the service's
     QVERIFY2(rssKiB() - before < 32 * 1024, QByteArray::number(rssKiB() - before));
+#endif
     for (int fd : fds)
         close(fd);
     QVERIFY(s.dlctl({ "list" }).code == 0 && s.stop() == 0);
