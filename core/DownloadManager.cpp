@@ -106,8 +106,7 @@ DownloadManager::DownloadManager(const QString &settingsPath)
 
 bool DownloadManager::openDatabase(const QString &directory)
 {
-    const QString file = directory + (directory.endsWith(QLatin1Char('/')) ? "" : "/")
-        + QStringLiteral("dlm_download.db");
+    const QString file = filenames::join(directory, QStringLiteral("dlm_download.db"));
     // Whoever can change these could make the service carry out their rows.
     for (const QString &path : { directory, file, file + QStringLiteral("-wal"),
              file + QStringLiteral("-shm"), file + QStringLiteral("-journal") }) {

@@ -401,11 +401,11 @@ bool Download::prepareFile(qint64 offset)
 
 bool Download::saveToDisk(QByteArray data)
 {
-    if (!transfer().file.isOpen() && !transfer().file.openFresh(filePath, ownerUid))
+    OwnedFile &file = transfer().file;
+    if (!file.isOpen() && !file.openFresh(filePath, ownerUid))
         return false;
     if (data.isEmpty())
         return true;
-    OwnedFile &file = transfer().file;
     qint64 written = file.write(data);
     // A short write sets no error; writing the rest fails with the reason (a full disk, EFBIG).
     if (written >= 0 && written < data.size())
