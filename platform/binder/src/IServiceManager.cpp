@@ -29,7 +29,7 @@ namespace {
 std::string socketDir()
 {
     const char *dir = std::getenv("BINDER_SOCKET_DIR");
-    return dir != nullptr && *dir != '\0' ? dir : "/run/binder";
+    return dir != nullptr && *dir != '\0' ? dir : "/run/downloadmanager";
 }
 
 // False (with a log line) when the path does not fit into sun_path.

@@ -4,9 +4,9 @@
 
 namespace android {
 
-// Services are published as sockets named after the service in $BINDER_SOCKET_DIR
-// (default /run/binder, created mode 0755; sockets are mode 0666: every user may connect and
-// the service judges each call by its caller's uid). There is no service manager process.
+// Services are published as sockets named after the service in $BINDER_SOCKET_DIR (default
+// /run/downloadmanager, created mode 0755; sockets are mode 0666: every user may connect and the
+// service judges each call by its caller's uid). There is no service manager process.
 class IServiceManager : public virtual RefBase {
 public:
     // Publishes `service`; ALREADY_EXISTS when another live process serves `name`. Publishing a
