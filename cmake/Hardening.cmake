@@ -1,7 +1,9 @@
 # Debian's hardening flags for every target, tests included: stack protector, format checks,
 # _FORTIFY_SOURCE, RELRO and BIND_NOW. They are taken from dpkg-buildflags at configure time as
 # the flags hardening=+all adds to hardening=-all, so -g/-O and the build type stay CMake's.
-# PIE is the compiler's default on Debian. Without dpkg-buildflags the build is not hardened.
+# PIE is the compiler's default on Debian. Stack-clash protection and control-flow protection,
+# which later dpkg versions add (and hardening-check asks for), are added where the compiler
+# takes them. Without dpkg-buildflags the build is not hardened.
 option(DLM_HARDENING "Build with dpkg-buildflags' hardening flags" ON)
 
 # dlm_hardening_flags(VAR NAME): the words of dpkg-buildflags' NAME that only hardening adds.
@@ -32,10 +34,20 @@ if(DLM_HARDENING AND DLM_DPKG_BUILDFLAGS)
     else()
         list(TRANSFORM dlm_cpp REPLACE "^(-D_FORTIFY_SOURCE.*)$" "$<$<NOT:$<CONFIG:Debug>>:\\1>")
     endif()
+    include(CheckCXXCompilerFlag)
+    foreach(flag -fstack-clash-protection -fcf-protection)
+        string(MAKE_C_IDENTIFIER "DLM_HAS${flag}" has_flag)
+        check_cxx_compiler_flag(${flag} ${has_flag})
+        if(${has_flag} AND NOT flag IN_LIST dlm_cxx)
+            list(APPEND dlm_cxx ${flag})
+        endif()
+    endforeach()
     add_compile_options(${dlm_cxx} ${dlm_cpp})
     add_link_options(${dlm_ld})
     list(JOIN dlm_cxx " " dlm_shown)
-    message(STATUS "Hardening: ${dlm_shown} (and _FORTIFY_SOURCE where optimized), link: ${dlm_ld}")
+    list(JOIN dlm_ld " " dlm_ld_shown)
+    message(STATUS "Hardening: ${dlm_shown} (_FORTIFY_SOURCE unless Debug or sanitizer), "
+        "link: ${dlm_ld_shown}")
 elseif(DLM_HARDENING)
     message(STATUS "Hardening: dpkg-buildflags not found, built without Debian's hardening flags")
 endif()

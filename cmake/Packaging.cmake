@@ -61,6 +61,8 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME downloadmanager)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT ${DLM_PACKAGE_MAINTAINER})
+# Each package's description has its own first line (the summary).
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -92,13 +94,17 @@ set(CPACK_DEBIAN_LIBDOWNLOADMANAGER-CLIENT0_DESCRIPTION "client library of the d
 Applications link this library to reach the download service (package
 downloadmanager) over its IPC interface: it holds the interface and the IPC
 runtime it needs.")
-# A shlibs file (libdownloadmanager-client 0 libdownloadmanager-client0 (>= version)) and the
-# ldconfig trigger come with the library.
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# A shlibs file and the ldconfig trigger come with the library; its Depends are found at cpack
+# time (cmake/CPackLibraryDepends.cmake.in).
+set(CPACK_DEBIAN_LIBDOWNLOADMANAGER-CLIENT0_PACKAGE_SHLIBDEPS OFF)
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian/shlibs
+    "libdownloadmanager-client 0 libdownloadmanager-client0 (>= ${PROJECT_VERSION})\n")
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_LIBDOWNLOADMANAGER-CLIENT0_PACKAGE_CONTROL_EXTRA
-    ${CMAKE_CURRENT_BINARY_DIR}/debian/triggers)
+    ${CMAKE_CURRENT_BINARY_DIR}/debian/shlibs ${CMAKE_CURRENT_BINARY_DIR}/debian/triggers)
+file(GENERATE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/CPackLibraryDepends.cmake
+    INPUT ${PROJECT_SOURCE_DIR}/cmake/CPackLibraryDepends.cmake.in)
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_BINARY_DIR}/CPackLibraryDepends.cmake)
 
 # Its headers include libutils' and liblog's, and its CMake package finds both libraries.
 set(CPACK_DEBIAN_LIBDOWNLOADMANAGER-CLIENT-DEV_PACKAGE_NAME libdownloadmanager-client-dev)
