@@ -1,9 +1,10 @@
 # Debian's hardening flags for every target, tests included: stack protector, format checks,
 # _FORTIFY_SOURCE, RELRO and BIND_NOW. They are taken from dpkg-buildflags at configure time as
 # the flags hardening=+all adds to hardening=-all, so -g/-O and the build type stay CMake's.
-# PIE is the compiler's default on Debian. Stack-clash protection and control-flow protection,
-# which later dpkg versions add (and hardening-check asks for), are added where the compiler
-# takes them. Without dpkg-buildflags the build is not hardened.
+# PIE is the compiler's default on Debian. Stack-clash and control-flow protection, which later
+# dpkg versions add, are added where the compiler takes them (Debian 12's C start files lack the
+# control-flow mark, so linked programs do not carry it yet). Without dpkg-buildflags the build is
+# not hardened.
 option(DLM_HARDENING "Build with dpkg-buildflags' hardening flags" ON)
 
 # dlm_hardening_flags(VAR NAME): the words of dpkg-buildflags' NAME that only hardening adds.
