@@ -148,6 +148,7 @@ echo "== manual pages"
 man_words() {
     sed -e 's/\\f[BIRP]//g' -e 's/\\-/-/g' "$ROOT/dist/$1"
 }
+page8="$(man_words downloadmanager.8)" page1="$(man_words dlctl.1)"
 # Every setting key (in the README and read by the service) and every environment name of the
 # README is in downloadmanager(8); DLM_ names of the scripts and the build are not the service's.
 keys="$(grep -o 'key `[a-z_]*`' "$ROOT/README.md" | tr -d '`' | cut -d' ' -f2)
@@ -156,12 +157,12 @@ $(grep -ohE '(countSetting|getSettingsValue)\(QStringLiteral\("[a-z_]+"' "$ROOT"
 names="$(grep -oE '\b(DLM|DL|BINDER|MAX|APM)_[A-Z_]+\b' "$ROOT/README.md" |
     grep -vxE 'DLM_(HOME|CHROOT|MIRROR|SANITIZE|HARDENING|BUILD_[A-Z_]+)' || true)"
 for w in $(echo "$keys" "$names" | tr ' ' '\n' | sort -u); do
-    man_words downloadmanager.8 | grep -qw -- "$w" || fail "downloadmanager(8) does not mention $w"
+    grep -qw -- "$w" <<<"$page8" || fail "downloadmanager(8) does not mention $w"
 done
 # Every command and option the README gives dlctl is in dlctl(1).
 for w in $(grep -oE '`dlctl [^`]*`' "$ROOT/README.md" | tr -d '`' | tr ' ' '\n' |
            grep -E '^(--?[a-z][a-z-]*|[a-z][a-z-]+)$' | grep -vx dlctl | sort -u); do
-    man_words dlctl.1 | grep -qE -- "(^|[^a-z-])$w([^a-z-]|$)" || fail "dlctl(1) does not mention $w"
+    grep -qE -- "(^|[^a-z-])$w([^a-z-]|$)" <<<"$page1" || fail "dlctl(1) does not mention $w"
 done
 
 echo "== the packages at work, in a temporary prefix"
