@@ -44,6 +44,7 @@ mkdir "$C/debs"
 cp "$@" "$C/debs/"
 deps="$(for deb in "$@"; do dpkg-deb --field "$deb" Depends; done | tr ',' '\n' |
         sed -e 's/|.*//' -e 's/(.*)//' -e 's/ //g' | grep -v '^libdownloadmanager-client' | sort -u)"
+in_chroot apt-get update -qq >"$WORK/chroot-apt.log" 2>&1 || fail "apt-get update: $(tail -5 "$WORK/chroot-apt.log")"
 # shellcheck disable=SC2086
 in_chroot env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $deps \
     >"$WORK/chroot-apt.log" 2>&1 || fail "dependencies: $(tail -5 "$WORK/chroot-apt.log")"
