@@ -57,8 +57,10 @@ snapshot() {
 snapshot > "$WORK/before"
 
 echo "== install, build the example, download, purge"
+debs=()
+for deb in "$@"; do debs+=("/debs/$(basename "$deb")"); done
 in_chroot env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
-    /debs/*.deb >"$WORK/chroot-apt.log" 2>&1 || fail "apt install: $(tail -5 "$WORK/chroot-apt.log")"
+    "${debs[@]}" >"$WORK/chroot-apt.log" 2>&1 || fail "apt install: $(tail -5 "$WORK/chroot-apt.log")"
 [ "$(readlink "$C/run/binder/com.velta.DLService")" = /run/downloadmanager/com.velta.DLService ] ||
     fail "postinst made no /run/binder link"
 cp -r "$ROOT/examples" "$C/tmp/examples"
