@@ -33,11 +33,9 @@ Lines ask(Service &svc, const QByteArray &input)
     return got.mid(0, got.indexOf(done));
 }
 
-struct Command { // a row of commands()
-    QByteArray input; // @R, the row's directory, goes after each '|' part
-    Lines expected;
-    QStringList taken = {}; // names in @R, new per row, made first
-    QByteArrayList logged = {}; // each ends a log message of the row
+struct Command { // a row of commands(); @R, the row's directory, goes after each '|' part of input
+    QByteArray input; Lines expected;
+    QStringList taken = {}; QByteArrayList logged = {}; // names made in @R first; each ends a log line
 };
 
 struct Start { // a row of startup(); @S is the service's own directory, @F that of one running
@@ -73,21 +71,16 @@ private slots:
         const QByteArray bad2("\xef\xbf\xbd\xef\xbf\xbd"), dp = "download_possible ",
             xs(300000, 'x'), res = dp + "result: ", huge = dp + "99999999999999999999";
         row("parsing", {.input = "Help\nSTATUS x\n  help\n\nstatus abc \ncreate http://h/a b\nhelp x\nhelp ",
-            .expected = Lines {invalid("Help"), invalid("STATUS x"), invalid("  help"), invalid(""),
-                   invalid("status abc "), invalid("create http://h/a b")} + help + help});
+            .expected = Lines {invalid("Help"), invalid("STATUS x"), invalid("  help"), invalid(""), invalid("status abc "), invalid("create http://h/a b")} + help + help});
         row("line ends, escaping, one read", {.input = "Quit\r\nstatus\r\npause x\nlist appA\nremove\n"
-            "status y\n\"a\\n\"\t\x01\x1b[0m\n" + QByteArray("\xff\xfe st\0tus \x7f\n", 12) + xs,
-            .expected = {invalid("Quit"), kNone, kList, "No downloads ", kNone,
+            "status y\n\"a\\n\"\t\x01\x1b[0m\n" + QByteArray("\xff\xfe st\0tus \x7f\n", 12) + xs, .expected = {invalid("Quit"), kNone, kList, "No downloads ", kNone,
             invalid("\"a\\n\"\\t\\x01\\x1b[0m"), invalid(bad2 + " st\\x00tus \\x7f"), invalid(xs)}});
         row("only http(s): refused, nothing made", {.input = "create ftp://h/f\ncreate HTTP://h/f\n"
-            "create httpx://h/f\ncreate\nlist", .expected = {kList, "No downloads "},
-            .logged = {"URL=ftp://h/f", "URL=HTTP://h/f", "URL=httpx://h/f", "URL="}});
+            "create httpx://h/f\ncreate\nlist", .expected = {kList, "No downloads "}, .logged = {"URL=ftp://h/f", "URL=HTTP://h/f", "URL=httpx://h/f", "URL="}});
         row("paths", {.input = "download_path @R/none\ndownload_path\ndownload_path rel\ndownload_path ~/dl",
-            .expected = {"Path @R/none refused: no such directory.", "Path  refused: not an absolute path.",
-             "Path rel refused: not an absolute path.", "Path ~/dl set."}});
+            .expected = {"Path @R/none refused: no such directory.", "Path  refused: not an absolute path.", "Path rel refused: not an absolute path.", "Path ~/dl set."}});
         row("space", {.input = "download_path @R\n" + dp + "100\n" + dp + "9223372036854775807\n" + huge
-            + "\n" + dp + "-1|" + dp + "1", .expected = {"Path @R set.", res + "0.", res + "1.", invalid(huge),
-            invalid(dp + "-1"), res + "2."}});
+            + "\n" + dp + "-1|" + dp + "1", .expected = {"Path @R set.", res + "0.", res + "1.", invalid(huge), invalid(dp + "-1"), res + "2."}});
         // The first change line names the file; the download is removed before it hears anything.
         const QByteArray url = "\ncreate http://127.0.0.1:" + QByteArray::number(sink.serverPort());
         const auto name = [&](const char *tag, auto path, QString file, QStringList taken = {}) {
@@ -113,17 +106,12 @@ private slots:
         const QByteArray join = "DOWNLOAD APM JOIN SUCCESS!!.\n",
             calls = join + QByteArray("@GetFocus()\n@LossFocus()\n@Destroy()\n"
             "@ResourceAvailable()\n@ResourceUnavailable()\n").replace("@", "[DOWNLOAD]On");
-        row("join refused", {.env = {"APM_REFUSE_JOIN=1"}, .exit = 255,
-            .out = "APM client test program aborted.\n"});
-        row("console 0", {.env = {"DL_CONSOLE_READER_ENABLE=0"}, .exit = 137, .kill = true, .out = join,
-            .input = "quit\n", .logged = "settings file : @S/bin/downloadmanager.ini\n"});
+        row("join refused", {.env = {"APM_REFUSE_JOIN=1"}, .exit = 255, .out = "APM client test program aborted.\n"});
+        row("console 0", {.env = {"DL_CONSOLE_READER_ENABLE=0"}, .exit = 137, .kill = true, .out = join, .input = "quit\n", .logged = "settings file : @S/bin/downloadmanager.ini\n"});
         row("console -1, callbacks only print", {.env = {"DL_CONSOLE_READER_ENABLE=-1",
-            "APM_TEST_CALLBACKS=focus,lose_focus,destroy,resource,lose_resource"}, .exit = 0, .out = calls,
-            .input = "quit now\n", .logged = "value @S/db \n"});
-        row("garbage database", {.exit = 0, .out = join, .input = "quit", .logged = "is not a database",
-            .garbage = true});
-        row("/tmp/ by default, not trusted", {.env = {"DLM_SETTINGS=@S/none"}, .exit = 0, .out = join,
-            .input = "quit\nhelp\nstatus x\n", .logged = "/tmp/ is writable by group or others"});
+            "APM_TEST_CALLBACKS=focus,lose_focus,destroy,resource,lose_resource"}, .exit = 0, .out = calls, .input = "quit now\n", .logged = "value @S/db \n"});
+        row("garbage database", {.exit = 0, .out = join, .input = "quit", .logged = "is not a database", .garbage = true});
+        row("/tmp/ by default, not trusted", {.env = {"DLM_SETTINGS=@S/none"}, .exit = 0, .out = join, .input = "quit\nhelp\nstatus x\n", .logged = "/tmp/ is writable by group or others"});
         row("settings anyone may write", {.env = {"DLM_SETTINGS=/dev/null"}, .exit = 0, .out = join,
             .input = "quit\n", .logged = "Settings file /dev/null not used, defaults apply: /dev/null is writable by group"});
         row("second service, same database", {.env = {"DLM_SETTINGS=@F/bin/downloadmanager.ini"}, .exit = 1,
@@ -160,8 +148,7 @@ private slots:
         QVERIFY(!row.garbage || (db.open(QFile::WriteOnly) && db.write("garbage") && db.flush()));
         QCOMPARE(svc.start(), !row.input.isNull());
         if (!row.input.isNull()) {
-            QVERIFY(waitFor("its standard output: " + row.out,
-                [&] { return svc.proc.out().size() >= row.out.size(); }));
+            QVERIFY(waitFor("its standard output: " + row.out, [&] { return svc.proc.out().size() >= row.out.size(); }));
             QCOMPARE(svc.dlctl({ "list" }).code, 0); // after OnDestroy too
             svc.proc.write(row.input);
             svc.proc.closeInput();
@@ -179,8 +166,7 @@ private slots:
         FakeHttpServer server;
         const QByteArray slow = FakeHttpServer::makeBody(400000, 3),
                          quick = FakeHttpServer::makeBody(100000, 9);
-        // Still running when paused.
-        server.setResource("/slow.bin", { .body = slow, .chunkSize = 4000, .chunkDelayMs = 20 });
+        server.setResource("/slow.bin", { .body = slow, .chunkSize = 4000, .chunkDelayMs = 20 }); // still running when paused
         server.setBody("/quick.bin", quick);
         Service svc({}, { "MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0" }); // commit per change
         QVERIFY(svc.start());

@@ -15,23 +15,21 @@ static const QStringList kUsers {"dlmtest-a", "dlmtest-b"};
 
 // A dlctl command as a user, after commands that make the state it needs (whatever they answer:
 // an earlier row may have made it). "URL/" is the server, "@" the service's directory.
+// out: of a --wait only the first and the last line; said: in dlctl's standard error, else the
+// service's since the row began; heard: by dlmtest-b's watcher, which never hears of another's.
 struct Request {
-    const char *user = ""; // root when empty; "a", "b": dlmtest-a, -b (the test runs as root)
+    const char *user = ""; // root when empty; the others need the test to run as root
     QStringList before = {};
-    const char *args;
-    int code = 0;
-    QByteArray out = "";   // of a --wait only the first and the last line
-    QByteArray said = "";  // in dlctl's standard error, else the service's since the row began
-    QByteArray heard = ""; // by dlmtest-b's watcher, which never hears of another's download
-    bool poll = false;     // out is the state the before-commands lead to: asked until it comes
+    const char *args; int code = 0;
+    QByteArray out = "", said = "", heard = "";
+    bool poll = false; // out is the state the before-commands lead to: asked until it comes
 };
 
 // "stuck": a listener that never accepts, its backlog full; "term": SIGTERM in connect().
 struct Reach {
     QString user = {};
     bool stuck = false, term = false;
-    int code;
-    QByteArray said = "";
+    int code; QByteArray said = "";
 };
 
 class tst_Dlctl : public QObject
@@ -50,12 +48,9 @@ private slots:
     void initTestCase()
     {
         const QByteArray body = FakeHttpServer::makeBody(300000, 2);
-        server.setResource("/p.bin", {.body = body, .chunkSize = 8192, .chunkDelayMs = 10,
-                                      .stallAfter = 100000});
-        server.setResource("/w.bin", {.body = body.left(200000), .chunkSize = 8192,
-                                      .chunkDelayMs = 30});
-        server.setResource("/huge", {.body = body.left(4096), .stallAfter = 4096,
-                                     .contentLength = 1LL << 50});
+        server.setResource("/p.bin", {.body = body, .chunkSize = 8192, .chunkDelayMs = 10, .stallAfter = 100000});
+        server.setResource("/w.bin", {.body = body.left(200000), .chunkSize = 8192, .chunkDelayMs = 30});
+        server.setResource("/huge", {.body = body.left(4096), .stallAfter = 4096, .contentLength = 1LL << 50});
         server.setResource("/dlmtest-never", {.neverAnswer = true});
         for (const char *path : {"/a", "/f", "/w2"})
             server.setBody(path, body.left(70000));
@@ -101,8 +96,7 @@ void tst_Dlctl::buildShared()
             QProcess::execute("install", {"-d", "-o", kUsers[user], s.path(user ? "b" : "a")});
         watcher = s.client({"dlctl", "watch"}, kUsers[1]);
         QVERIFY(s.waitErr("Event client registered"));
-        QVERIFY(as(0, "set-path dlctl " + s.path("a")) && as(1, "set-path app " + s.path("b")));
-        QVERIFY(as(0, "set-path app " + s.path("a")));
+        QVERIFY(as(0, "set-path dlctl " + s.path("a")) && as(1, "set-path app " + s.path("b")) && as(0, "set-path app " + s.path("a")));
         QVERIFY(as(0, "create " + url("/p.bin") + " --id theirs"));
         QVERIFY(s.waitErr("DL:  100000 / 300000", 2) && as(1, "pause all"));
     }
@@ -117,10 +111,8 @@ void tst_Dlctl::requests_data()
 {
     QTest::addColumn<Request>("row");
     const auto row = [](const char *name, const Request &r) { QTest::newRow(name) << r; };
-    // clang-format off
     row("paused record", {.args = "status p", .out = "p dlctl Paused 100000 300000 @/downloads/p.bin\n"});
-    row("create and follow", {.args = "create URL/a --id a --wait",
-        .out = "a\na dlctl Completed 70000 70000 @/downloads/a\n", .said = "\"Completed\"  DL:  70000 / 70000"});
+    row("create and follow", {.args = "create URL/a --id a --wait", .out = "a\na dlctl Completed 70000 70000 @/downloads/a\n", .said = "\"Completed\"  DL:  70000 / 70000"});
     row("identifier in use", {.args = "create URL/other --id p", .code = 1, .said = "belongs to another download"});
     row("not an http URL", {.args = "create ftp://h/f", .code = 1, .said = "not an http or https URL"});
     row("relative path", {.args = "set-path app rel", .code = 1, .said = "rel is not an absolute path"});
@@ -129,51 +121,35 @@ void tst_Dlctl::requests_data()
     row("fits elsewhere", {.args = "space 1 --client shm", .out = "0 fits\n"});
     row("a running download reserves its rest", {.args = "space 1", .out = "1 does not fit\n"});
     row("all is no identifier to remove", {.args = "remove all", .code = 1, .said = "no download all"});
-    row("removed", {.before = {"create URL/f --id gone", "remove gone"}, .args = "status gone", .code = 1,
-        .said = "no download gone"});
-    row("unknown client, default directory", {.before = {"create URL/dlmtest-never --client nobody --id nb"},
-        .args = "status nb", .out = "nb nobody Pending 0 0 /tmp/dlmtest-never\n"});
-    row("UTF-8 client and URL", {.before = {"set-path été @/downloads"},
-        .args = "create URL/twö --client été --id two --wait", .out = "two\ntwo été Completed 7 7 @/downloads/twö\n"});
-    row("own directory, own file", {.user = "a", .args = "create URL/f --id own --wait",
-        .out = "own\nown dlctl Completed 70000 70000 @/a/f\n"});
-    row("a directory of root's", {.user = "a", .args = "set-path app @/db", .code = 1, .said = "is not permitted"});
-    row("default directory", {.user = "a", .args = "set-path DEFAULT_CLIENT_ID @/a", .code = 1, .said = "is not permitted"});
-    row("a client's directory per user", {.user = "a", .args = "set-path app @/a"});
-    row("another's directory stays", {.user = "b", .args = "create URL/no --client app --id b --wait", .code = 1,
-        .out = "b\nb app Failed 0 0 @/b/no (failure 2: the server answered with an error status)\n",
-        .heard = "b app Failed 0 0 "});
-    row("another's download unseen", {.user = "b", .args = "status theirs", .code = 1, .said = "no download theirs"});
-    row("another's downloads unlisted", {.user = "b", .before = {"create URL/no --client app --id b --wait"},
-        .args = "list", .out = "b app Failed 0 0 @/b/no\n"});
-    row("pause all of one's own", {.user = "b", .args = "pause all", .said = "all has been paused."});
-    row("root sees all", {.user = "root", .args = "status theirs",
-        .out = "theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
-    row("a user over its limit", {.user = "a", .before = {"create URL/f --id own"}, .args = "create URL/f",
-        .code = 1, .said = "has 2 downloads, its limit"});
-    row("resumed onto a planted link, not followed", {.before = {"resume p"}, .args = "status p",
-        .out = "p dlctl Failed 0 300000 @/downloads/p.bin\n", .said = "Too many levels of symbolic links", .poll = true});
-    // clang-format on
+    row("removed", {.before = {"create URL/f --id gone", "remove gone"}, .args = "status gone", .code = 1, .said = "no download gone"});
+    row("unknown client, default directory", {.before = {"create URL/dlmtest-never --client nobody --id nb"}, .args = "status nb", .out = "nb nobody Pending 0 0 /tmp/dlmtest-never\n"});
+    row("UTF-8 client and URL", {.before = {"set-path été @/downloads"}, .args = "create URL/twö --client été --id two --wait", .out = "two\ntwo été Completed 7 7 @/downloads/twö\n"});
+    row("own directory, own file", {.user = "dlmtest-a", .args = "create URL/f --id own --wait", .out = "own\nown dlctl Completed 70000 70000 @/a/f\n"});
+    row("a directory of root's", {.user = "dlmtest-a", .args = "set-path app @/db", .code = 1, .said = "is not permitted"});
+    row("default directory", {.user = "dlmtest-a", .args = "set-path DEFAULT_CLIENT_ID @/a", .code = 1, .said = "is not permitted"});
+    row("a client's directory per user", {.user = "dlmtest-a", .args = "set-path app @/a"});
+    row("another's directory stays", {.user = "dlmtest-b", .args = "create URL/no --client app --id b --wait", .code = 1, .out = "b\nb app Failed 0 0 @/b/no (failure 2: the server answered with an error status)\n", .heard = "b app Failed 0 0 "});
+    row("another's download unseen", {.user = "dlmtest-b", .args = "status theirs", .code = 1, .said = "no download theirs"});
+    row("another's downloads unlisted", {.user = "dlmtest-b", .before = {"create URL/no --client app --id b --wait"}, .args = "list", .out = "b app Failed 0 0 @/b/no\n"});
+    row("pause all of one's own", {.user = "dlmtest-b", .args = "pause all", .said = "all has been paused."});
+    row("root sees all", {.user = "root", .args = "status theirs", .out = "theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
+    row("a user over its limit", {.user = "dlmtest-a", .before = {"create URL/f --id own"}, .args = "create URL/f", .code = 1, .said = "has 2 downloads, its limit"});
+    row("resumed onto a planted link, not followed", {.before = {"resume p"}, .args = "status p", .out = "p dlctl Failed 0 300000 @/downloads/p.bin\n", .said = "Too many levels of symbolic links", .poll = true});
 }
 
 void tst_Dlctl::requests()
 {
     QFETCH(Request, row);
-    const QString user = row.user;
-    if (!user.isEmpty() && geteuid() != 0)
+    if (*row.user && geteuid() != 0)
         QSKIP("needs root to act as other users");
     if (!shared)
         buildShared();
     if (QTest::currentTestFailed())
         return;
-    QVERIFY2(shared->proc.running(), "the shared service is not running");
     const auto fill = [this](QString text) {
         return text.replace("URL/", url("/")).replace('@', shared->path()).toUtf8();
     };
-    const QString name = user.size() == 1 ? "dlmtest-" + user : user;
-    const auto run = [&](const QString &args) {
-        return shared->dlctl(QString::fromUtf8(fill(args)).split(' '), name);
-    };
+    const auto run = [&](const QString &args) { return shared->dlctl(QString::fromUtf8(fill(args)).split(' '), row.user); };
     const qsizetype mark = shared->mark();
     for (const QString &args : row.before)
         run(args);
@@ -185,8 +161,7 @@ void tst_Dlctl::requests()
         lines.remove(1, lines.size() - 3);
     QCOMPARE(lines.join('\n'), fill(row.out));
     QVERIFY2(r.err.contains(fill(row.said)) || shared->waitErr(fill(row.said), 1, mark), r.err);
-    QVERIFY(!watcher || row.heard.isEmpty()
-            || waitFor("the watcher to hear " + row.heard, [&] { return watcher->out().contains(row.heard); }));
+    QVERIFY(!watcher || row.heard.isEmpty() || waitFor("the watcher to hear " + row.heard, [&] { return watcher->out().contains(row.heard); }));
     QVERIFY(!watcher || !watcher->out().contains("theirs"));
     // A completed file belongs to the caller, as the directory it chose does.
     const QList<QByteArray> last = lines.value(lines.size() - 2).split(' ');
@@ -209,8 +184,7 @@ void tst_Dlctl::watchers()
     QVERIFY(svc.sync());
     const QByteArray last =
         "w dlctl Completed 200000 200000 " + svc.path("downloads/w.bin").toUtf8() + '\n';
-    QVERIFY(waitFor("both watchers to hear " + last,
-                    [&] { return a->out().endsWith(last) && b->out().endsWith(last); }));
+    QVERIFY(waitFor("both watchers to hear " + last, [&] { return a->out().endsWith(last) && b->out().endsWith(last); }));
     QCOMPARE(a->out(), b->out());
     QVERIFY2(a->out().startsWith("w dlctl Pending 0 0 "), a->out());
     const QList<QByteArray> lines = a->out().trimmed().split('\n');
@@ -221,8 +195,7 @@ void tst_Dlctl::watchers()
     QCOMPARE(flood->out().count("update w 16 0"), 16);
     QVERIFY(svc.waitErr("refused: not another process's object"));
     // A query from inside a callback is answered, up to the last update.
-    QVERIFY(waitFor("a query from a callback",
-                    [&] { return nested->out().contains("w 1 200000\nreentrant w 1\n"); }));
+    QVERIFY(waitFor("a query from a callback", [&] { return nested->out().contains("w 1 200000\nreentrant w 1\n"); }));
     // A killed watcher is dropped; the others still hear of every change.
     a->signal(SIGKILL);
     QVERIFY(svc.waitErr("from eventClients"));

@@ -209,16 +209,15 @@ void tst_Faults::serverFaults()
     if (r.pauseAsked && waitFor("its request", [&] { return !ranges(server, id).isEmpty(); }))
         svc.line("pause " + id);
     const QByteArray seen = id + ' ' + id + ' ' + end + ' ';
-    QVERIFY(waitFor("the watcher to hear " + seen, [&] { return watcher->out().contains(seen); })
-        && svc.sync());
+    QVERIFY(waitFor("the watcher to hear " + seen, [&] { return watcher->out().contains(seen); }) && svc.sync());
     const QByteArray row = stored(svc, id), n = QByteArray::number(r.bytes),
                      total = row.split(' ').value(3), name8 = file.toUtf8(), q8 = '"' + name8 + '"';
     QCOMPARE(row, QString::asprintf("%d %d %d ", r.state, r.code, r.bytes).toUtf8() + total);
-    QByteArray trail, last; // the states the watcher saw
-    for (const QByteArray &line : grep(watcher->out().split('\n'), id + ' ')) {
+    QByteArray trail; // the states the watcher saw
+    const QByteArrayList heard = grep(watcher->out().split('\n'), id + ' ');
+    const QByteArray last = heard.value(heard.size() - 1);
+    for (const QByteArray &line : heard)
         trail += line.split(' ').value(2) + ' ';
-        last = line;
-    }
     QVERIFY2(last.startsWith(seen + n + ' ' + total + ' ' + name8), last);
     QCOMPARE(trail.replace("Pending ", "").replace("Progressing ", ""), QByteArray(r.states) + ' ');
     QCOMPARE(grep(svc.console(mark), q8).last(),
@@ -237,8 +236,7 @@ void tst_Faults::queuedDownloadsDoNotTimeOut()
     Service one({}, { "DLM_TRANSFER_TIMEOUT_MS=1000" });
     QVERIFY(one.start() && one.dlctl({ "set-path", "dlctl", one.path("downloads") }).code == 0);
     for (const QByteArray &id : ids) {
-        server.setResource('/' + id,
-            { .body = FakeHttpServer::makeBody(102400, 77), .chunkSize = 1024, .chunkDelayMs = 15 });
+        server.setResource('/' + id, { .body = FakeHttpServer::makeBody(102400, 77), .chunkSize = 1024, .chunkDelayMs = 15 });
         QCOMPARE(one.dlctl({ "create", url(id), "--id", id }).code, 0);
     }
     for (const QByteArray &id : ids) {
@@ -313,8 +311,7 @@ void tst_Faults::killAndRestart()
         sizes[] { 262144, 262144, 4096, 262144, 3 << 20 };
     const auto file = [&](int i) { return readFile(s.path("downloads/") + ids[i]); };
     for (int i = 0; i < 5; ++i) {
-        server.setResource('/' + ids[i], { .body = FakeHttpServer::makeBody(sizes[i], i),
-            .chunkSize = i == 4 ? 65536 : 4096, .chunkDelayMs = 1, .stallAfter = stalls[i] });
+        server.setResource('/' + ids[i], { .body = FakeHttpServer::makeBody(sizes[i], i), .chunkSize = i == 4 ? 65536 : 4096, .chunkDelayMs = 1, .stallAfter = stalls[i] });
         QCOMPARE(s.dlctl({ "create", url(ids[i]), "--id", ids[i] }).code, 0);
     }
     QVERIFY(waitRows(s, "k3", "2 4 32768 "));

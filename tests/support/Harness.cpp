@@ -3,7 +3,6 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QSqlDatabase>
@@ -35,7 +34,7 @@ struct RunDir {
         chmod(QFile::encodeName(dir.path()), 0755);
         QDir().mkpath(dir.path() + "/bin");
         for (const char *from : { DLCTL_BINARY, DLPROBE_BINARY })
-            QFile::copy(from, dir.path() + "/bin/" + QFileInfo(from).fileName());
+            QFile::copy(from, dir.path() + "/bin/" + QString(from).section('/', -1));
         qputenv("BINDER_SOCKET_DIR", QFile::encodeName(dir.path() + "/binder"));
     }
 } const kRun;
@@ -58,6 +57,8 @@ bool waitFor(const QByteArray &what, const std::function<bool()> &done, int seco
 
 void Child::reset()
 {
+    mOutNote.reset();
+    mErrNote.reset();
     if (mPid > 0 && running()) {
         ::kill(mPid, SIGKILL);
         waitpid(mPid, &mStatus, 0);
@@ -66,10 +67,7 @@ void Child::reset()
         if (fd >= 0)
             close(fd);
     mPid = mStatus = mIn = mOutFd = mErrFd = -1;
-    mOut.clear();
-    mErr.clear();
-    mOutNote.reset();
-    mErrNote.reset();
+    mOut = mErr = QByteArray();
 }
 
 bool Child::start(
@@ -192,12 +190,8 @@ Service::Service(const QMap<QString, QString> &settings, const QStringList &env)
 
 Service::~Service()
 {
-    if (!proc.running())
-        return;
-    if (const int code = stop(10); code != 0) {
-        qWarning("the service in %s ended with %d", qPrintable(path()), code);
-        ++badExits;
-    }
+    if (proc.running() && stop(10) != 0)
+        qWarning("the service in %s ended badly (%d so far)", qPrintable(path()), ++badExits);
 }
 
 QString Service::path(const QString &sub) const

@@ -2,8 +2,7 @@
 
 // What the end-to-end scenarios drive: child processes, and the real service in a directory of
 // its own. Every wait runs the Qt event loop, so the in-process fake HTTP server keeps serving.
-// Everything lives in one directory per run under /tmp that every user may enter, with copies of
-// the executables other users run: the checkout and its parents may be closed to them.
+// All in one directory per run under /tmp that every user may enter: the checkout may be closed.
 #include <QByteArray>
 #include <QList>
 #include <QMap>
@@ -114,15 +113,7 @@ private:
 };
 
 // QTEST_GUILESS_MAIN that also fails when a service the test left running ended badly.
-#define DLM_TEST_MAIN(TestObject)                                                                  \
-    int main(int argc, char *argv[])                                                               \
-    {                                                                                              \
-        QCoreApplication app(argc, argv);                                                          \
-        int failed;                                                                                \
-        {                                                                                          \
-            TestObject tc;                                                                         \
-            QTEST_SET_MAIN_SOURCE_PATH                                                             \
-            failed = QTest::qExec(&tc, argc, argv);                                                \
-        }                                                                                          \
-        return failed ? failed : Service::badExits;                                                \
-    }
+// clang-format off
+#define DLM_TEST_MAIN(T) int main(int argc, char *argv[]) { QCoreApplication app(argc, argv); int failed; \
+    { T tc; failed = QTest::qExec(&tc, argc, argv); } return failed ? failed : Service::badExits; }
+// clang-format on
