@@ -98,7 +98,7 @@ void tst_Dlctl::buildShared()
         QVERIFY(s.waitErr("Event client registered"));
         QVERIFY(as(0, "set-path dlctl " + s.path("a")) && as(1, "set-path app " + s.path("b")) && as(0, "set-path app " + s.path("a")));
         QVERIFY(as(0, "create " + url("/p.bin") + " --id theirs"));
-        QVERIFY(s.waitErr("DL:  100000 / 300000", 2) && as(1, "pause all"));
+        QVERIFY(s.waitErr("/a/p.bin\"  status:  \"Progressing\"  DL:  100000 / 300000") && as(1, "pause all"));
     }
     // The record as the interface carries it holds what is stored, member for member.
     const auto probe = s.client({"dlprobe", "record", "p"});
