@@ -22,6 +22,7 @@
 using namespace android;
 
 #define BINDER_LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, DLM_BINDER_TAG, __VA_ARGS__)
+#define BINDER_LOGI(...) __android_log_print(ANDROID_LOG_INFO, DLM_BINDER_TAG, __VA_ARGS__)
 #define BINDER_LOGW(...) __android_log_print(ANDROID_LOG_WARN, DLM_BINDER_TAG, __VA_ARGS__)
 #define BINDER_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, DLM_BINDER_TAG, __VA_ARGS__)
 
@@ -374,7 +375,8 @@ void DLBinderClient::addClient(const sp<IDLClient> &client)
         BINDER_LOGW("Event client %p refused: %s", client.get(), refusal);
         return;
     }
-    BINDER_LOGD("Event client registered %p", client.get());
+    // Who listens is an operator's concern, as the refusal above is.
+    BINDER_LOGI("Event client registered %p", client.get());
     // A client whose process is already gone would never be told dead: do not keep it.
     if (binder->linkToDeath(sp<IBinder::DeathRecipient>(this), nullptr, 0) != android::NO_ERROR)
         binderDied(binder);
@@ -410,7 +412,7 @@ void DLBinderClient::binderDied(const wp<IBinder> &who)
         std::lock_guard<std::mutex> lock(eventClientsMutex);
         for (size_t i = 0; i < eventClients.size(); ++i) {
             if (IInterface::asBinder(eventClients[i].client).get() == binder.get()) {
-                BINDER_LOGD("Removing client %p from eventClients", eventClients[i].client.get());
+                BINDER_LOGI("Removing client %p from eventClients", eventClients[i].client.get());
                 removed = eventClients[i].client;
                 eventClients.erase(eventClients.begin() + long(i));
                 break;

@@ -33,10 +33,16 @@ Lines ask(Service &svc, const QByteArray &input)
     return got.mid(0, got.indexOf(done));
 }
 
+struct Command { // a row of commands(); @R, the row's directory, goes after each '|' part of input
+    QByteArray input; Lines expected;
+    QStringList taken = {}; QByteArrayList logged = {}; // names made in @R first; each ends a log line
+};
+
 struct Start { // a row of startup(); @S is the service's own directory, @F that of one running
-    QStringList env;
-    int exit; // 137: without a console only SIGKILL ends it
-    QByteArray out, input {}, logged {}; // input null: the start fails; logged: once (empty: none)
+    QStringList env = {};
+    int exit;
+    bool kill = false; // without a console only SIGKILL ends it
+    QByteArray out, input = {}, logged = {}; // input null: the start fails; logged: once, if any
     bool garbage = false; // in the database file before the start, and still there after it
 };
 } // namespace
@@ -57,37 +63,29 @@ private slots:
         QVERIFY(help.value(0) == "Console help:" && help.count(help[0]) == 1);
     }
 
-    void cleanupTestCase() { QCOMPARE(shell.stop(), 0); }
-
     // clang-format off
     void commands_data()
     {
-        QTest::addColumn<QByteArray>("input"); // @R, the row's directory, goes after each '|' part
-        QTest::addColumn<Lines>("expected");
-        QTest::addColumn<QStringList>("taken"); // names in @R, new per row, made first
-        const auto row = [](const char *tag, const QByteArray &in, const Lines &out,
-            const QStringList &taken = {}) { QTest::newRow(tag) << in << out << taken; };
+        QTest::addColumn<Command>("row");
+        const auto row = [](const char *tag, const Command &c) { QTest::newRow(tag) << c; };
         const QByteArray bad2("\xef\xbf\xbd\xef\xbf\xbd"), dp = "download_possible ",
             xs(300000, 'x'), res = dp + "result: ", huge = dp + "99999999999999999999";
-        row("parsing", "Help\nSTATUS x\n  help\n\nstatus abc \ncreate http://h/a b\nhelp x\nhelp ",
-            Lines {invalid("Help"), invalid("STATUS x"), invalid("  help"), invalid(""),
-                   invalid("status abc "), invalid("create http://h/a b")} + help + help);
-        row("line ends, escaping, one read", "Quit\r\nstatus\r\npause x\nlist appA\nremove\n"
-            "status y\n\"a\\n\"\t\x01\x1b[0m\n" + QByteArray("\xff\xfe st\0tus \x7f\n", 12) + xs,
-            {invalid("Quit"), kNone, kList, "No downloads ", kNone,
-            invalid("\"a\\n\"\\t\\x01\\x1b[0m"), invalid(bad2 + " st\\x00tus \\x7f"), invalid(xs)});
-        row("only http(s)", "create ftp://h/f\ncreate HTTP://h/f\ncreate httpx://h/f\ncreate", {});
-        row("paths", "download_path @R/none\ndownload_path\ndownload_path rel\ndownload_path ~/dl",
-            {"Path @R/none refused: no such directory.", "Path  refused: not an absolute path.",
-             "Path rel refused: not an absolute path.", "Path ~/dl set."});
-        row("space", "download_path @R\n" + dp + "100\n" + dp + "9223372036854775807\n" + huge
-            + "\n" + dp + "-1|" + dp + "1", {"Path @R set.", res + "0.", res + "1.", invalid(huge),
-            invalid(dp + "-1"), res + "2."});
+        row("parsing", {.input = "Help\nSTATUS x\n  help\n\nstatus abc \ncreate http://h/a b\nhelp x\nhelp ",
+            .expected = Lines {invalid("Help"), invalid("STATUS x"), invalid("  help"), invalid(""), invalid("status abc "), invalid("create http://h/a b")} + help + help});
+        row("line ends, escaping, one read", {.input = "Quit\r\nstatus\r\npause x\nlist appA\nremove\n"
+            "status y\n\"a\\n\"\t\x01\x1b[0m\n" + QByteArray("\xff\xfe st\0tus \x7f\n", 12) + xs, .expected = {invalid("Quit"), kNone, kList, "No downloads ", kNone,
+            invalid("\"a\\n\"\\t\\x01\\x1b[0m"), invalid(bad2 + " st\\x00tus \\x7f"), invalid(xs)}});
+        row("only http(s): refused, nothing made", {.input = "create ftp://h/f\ncreate HTTP://h/f\n"
+            "create httpx://h/f\ncreate\nlist", .expected = {kList, "No downloads "}, .logged = {"URL=ftp://h/f", "URL=HTTP://h/f", "URL=httpx://h/f", "URL="}});
+        row("paths", {.input = "download_path @R/none\ndownload_path\ndownload_path rel\ndownload_path ~/dl",
+            .expected = {"Path @R/none refused: no such directory.", "Path  refused: not an absolute path.", "Path rel refused: not an absolute path.", "Path ~/dl set."}});
+        row("space", {.input = "download_path @R\n" + dp + "100\n" + dp + "9223372036854775807\n" + huge
+            + "\n" + dp + "-1|" + dp + "1", .expected = {"Path @R set.", res + "0.", res + "1.", invalid(huge), invalid(dp + "-1"), res + "2."}});
         // The first change line names the file; the download is removed before it hears anything.
         const QByteArray url = "\ncreate http://127.0.0.1:" + QByteArray::number(sink.serverPort());
         const auto name = [&](const char *tag, auto path, QString file, QStringList taken = {}) {
-            row(tag, "download_path @R" + url + path + "\nremove all",
-                {"Path @R set.", line("@R/" + file, "Pending", 0, 0)}, taken); };
+            row(tag, {.input = "download_path @R" + url + path + "\nremove all",
+                .expected = {"Path @R set.", line("@R/" + file, "Pending", 0, 0)}, .taken = taken}); };
         const QString e125(125, QChar(0xe9));
         const QByteArray e300 = "/" + QByteArray("%C3%A9").repeated(300) + ".bin";
         name("numbered past the taken", "/a.zip", "a.zip.1", {"a.zip", "a.zip.0"});
@@ -108,36 +106,35 @@ private slots:
         const QByteArray join = "DOWNLOAD APM JOIN SUCCESS!!.\n",
             calls = join + QByteArray("@GetFocus()\n@LossFocus()\n@Destroy()\n"
             "@ResourceAvailable()\n@ResourceUnavailable()\n").replace("@", "[DOWNLOAD]On");
-        row("join refused", {{"APM_REFUSE_JOIN=1"}, 255, "APM client test program aborted.\n"});
-        row("console 0", {{"DL_CONSOLE_READER_ENABLE=0"}, 137, join, "quit\n",
-            "settings file : @S/bin/downloadmanager.ini\n"});
-        row("console -1, callbacks only print", {{"DL_CONSOLE_READER_ENABLE=-1",
-            "APM_TEST_CALLBACKS=focus,lose_focus,destroy,resource,lose_resource"}, 0, calls,
-            "quit now\n", "value @S/db \n"});
-        row("garbage database", {{}, 0, join, "quit", "is not a database", true});
-        row("/tmp/ by default, not trusted", {{"DLM_SETTINGS=@S/none"}, 0, join,
-            "quit\nhelp\nstatus x\n", "/tmp/ is writable by group or others"});
-        row("settings anyone may write", {{"DLM_SETTINGS=/dev/null"}, 0, join, "quit\n",
-            "Settings file /dev/null not used, defaults apply: /dev/null is writable by group"});
-        row("second service, same database", {{"DLM_SETTINGS=@F/bin/downloadmanager.ini"}, 1, join,
-            {}, "Another download service uses the database directory @F/db: not starting"});
+        row("join refused", {.env = {"APM_REFUSE_JOIN=1"}, .exit = 255, .out = "APM client test program aborted.\n"});
+        row("console 0", {.env = {"DL_CONSOLE_READER_ENABLE=0"}, .exit = 137, .kill = true, .out = join, .input = "quit\n", .logged = "settings file : @S/bin/downloadmanager.ini\n"});
+        row("console -1, callbacks only print", {.env = {"DL_CONSOLE_READER_ENABLE=-1",
+            "APM_TEST_CALLBACKS=focus,lose_focus,destroy,resource,lose_resource"}, .exit = 0, .out = calls, .input = "quit now\n", .logged = "value @S/db \n"});
+        row("garbage database", {.exit = 0, .out = join, .input = "quit", .logged = "is not a database", .garbage = true});
+        row("/tmp/ by default, not trusted", {.env = {"DLM_SETTINGS=@S/none"}, .exit = 0, .out = join, .input = "quit\nhelp\nstatus x\n", .logged = "/tmp/ is writable by group or others"});
+        row("settings anyone may write", {.env = {"DLM_SETTINGS=/dev/null"}, .exit = 0, .out = join,
+            .input = "quit\n", .logged = "Settings file /dev/null not used, defaults apply: /dev/null is writable by group"});
+        row("second service, same database", {.env = {"DLM_SETTINGS=@F/bin/downloadmanager.ini"}, .exit = 1,
+            .out = join, .logged = "Another download service uses the database directory @F/db: not starting"});
     }
     // clang-format on
 
     void commands()
     {
-        QFETCH(QByteArray, input);
-        QFETCH(Lines, expected);
-        QFETCH(QStringList, taken);
-        const QByteArray dir = shell.path("downloads/" + QString::number(shell.mark())).toUtf8();
-        for (const QString &name : taken << QString())
+        QFETCH(Command, row);
+        const qsizetype mark = shell.mark();
+        const QByteArray dir = shell.path("downloads/" + QString::number(mark)).toUtf8();
+        for (const QString &name : row.taken << QString())
             QVERIFY(QDir().mkpath(dir + '/' + name)); // a directory takes a name as well as a file
         Lines seen;
-        for (const QByteArray &part : input.split('|')) {
+        for (const QByteArray &part : row.input.split('|')) {
             seen += ask(shell, QByteArray(part).replace("@R", dir));
             QVERIFY(QDir(dir).removeRecursively());
         }
-        QCOMPARE(seen.join('\n').replace(dir, "@R"), expected.join('\n'));
+        QCOMPARE(seen.join('\n').replace(dir, "@R"), row.expected.join('\n'));
+        const QByteArray logged = shell.log(mark).join('\n') + '\n';
+        for (const QByteArray &end : row.logged)
+            QVERIFY2(logged.contains(end + '\n'), logged);
     }
 
     void startup()
@@ -151,10 +148,11 @@ private slots:
         QVERIFY(!row.garbage || (db.open(QFile::WriteOnly) && db.write("garbage") && db.flush()));
         QCOMPARE(svc.start(), !row.input.isNull());
         if (!row.input.isNull()) {
-            QVERIFY(svc.proc.waitFor([&] { return svc.proc.out().size() >= row.out.size(); }));
+            QVERIFY(waitFor("its standard output: " + row.out, [&] { return svc.proc.out().size() >= row.out.size(); }));
             QCOMPARE(svc.dlctl({ "list" }).code, 0); // after OnDestroy too
-            svc.proc.write(row.input), svc.proc.closeInput();
-            svc.proc.signal(row.exit == 137 ? SIGKILL : 0);
+            svc.proc.write(row.input);
+            svc.proc.closeInput();
+            svc.proc.signal(row.kill ? SIGKILL : 0);
         }
         QCOMPARE(svc.proc.finish(), row.exit);
         QCOMPARE(svc.proc.out(), row.out);
@@ -168,8 +166,7 @@ private slots:
         FakeHttpServer server;
         const QByteArray slow = FakeHttpServer::makeBody(400000, 3),
                          quick = FakeHttpServer::makeBody(100000, 9);
-        FakeHttpServer::Resource &paced = server.resource("/slow.bin"); // still running when paused
-        paced.body = slow, paced.chunkSize = 4000, paced.chunkDelayMs = 20;
+        server.setResource("/slow.bin", { .body = slow, .chunkSize = 4000, .chunkDelayMs = 20 }); // still running when paused
         server.setBody("/quick.bin", quick);
         Service svc({}, { "MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0" }); // commit per change
         QVERIFY(svc.start());
@@ -178,7 +175,7 @@ private slots:
         svc.line("download_path " + svc.path("downloads").toUtf8() + "\ncreate "
             + server.url("/slow.bin").toEncoded() + "\ncreate "
             + server.url("/quick.bin").toEncoded());
-        QVERIFY(svc.waitErr(qDone) && svc.proc.waitFor([&] { return QFileInfo(s).size(); }));
+        QVERIFY(svc.waitErr(qDone) && waitFor("slow.bin's first bytes", [&] { return QFileInfo(s).size(); }));
         const auto ids = svc.sql("SELECT uniqueID FROM downloads ORDER BY rowid");
         const QByteArray idS = ids[0][0].toByteArray(), idQ = ids[1][0].toByteArray();
 
@@ -217,6 +214,7 @@ private slots:
         const qint64 ticks = cpuTicks();
         QTest::qWait(1000); // what is measured is the CPU used meanwhile, not the time
         QVERIFY2(cpuTicks() - ticks < 20 && svc.proc.running(), "busy or gone after the input end");
+        svc.kill(); // nothing else ends it now
     }
 
     void namesIdentifiersAndRestart()
@@ -224,7 +222,8 @@ private slots:
         FakeHttpServer server;
         const auto a = FakeHttpServer::makeBody(200000, 1), b = FakeHttpServer::makeBody(150000, 2);
         const QByteArray pb = "/b/r%C3%A9sum%C3%A9.pdf", pa = "/a" + pb.mid(2) + "?token=SECRET/x";
-        server.setBody(pa, a), server.setBody(pb, b);
+        server.setBody(pa, a);
+        server.setBody(pb, b);
         const QByteArray urlA = server.url(pa).toEncoded(), urlB = server.url(pb).toEncoded();
         Service svc;
         const QString file = svc.path("downloads/résumé.pdf"), part = svc.path("downloads/p");
@@ -264,5 +263,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(tst_Console)
+DLM_TEST_MAIN(tst_Console)
 #include "tst_console.moc"

@@ -11,10 +11,26 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-// Resources are given by their first members; the others keep their defaults.
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-
 static const QStringList kUsers {"dlmtest-a", "dlmtest-b"};
+
+// A dlctl command as a user, after commands that make the state it needs (whatever they answer:
+// an earlier row may have made it). "URL/" is the server, "@" the service's directory.
+// out: of a --wait only the first and the last line; said: in dlctl's standard error, else the
+// service's since the row began; heard: by dlmtest-b's watcher, which never hears of another's.
+struct Request {
+    const char *user = ""; // root when empty; the others need the test to run as root
+    QStringList before = {};
+    const char *args; int code = 0;
+    QByteArray out = "", said = "", heard = "";
+    bool poll = false; // out is the state the before-commands lead to: asked until it comes
+};
+
+// "stuck": a listener that never accepts, its backlog full; "term": SIGTERM in connect().
+struct Reach {
+    QString user = {};
+    bool stuck = false, term = false;
+    int code; QByteArray said = "";
+};
 
 class tst_Dlctl : public QObject
 {
@@ -24,7 +40,7 @@ class tst_Dlctl : public QObject
     void buildShared();
 
     FakeHttpServer server;
-    std::unique_ptr<Service> shared; // the requests table's service, built by its first row
+    std::unique_ptr<Service> shared; // the requests table's service, built by a row that needs it
     std::unique_ptr<Child> watcher;  // dlmtest-b's dlctl watch on it
     QTemporaryDir shm {"/dev/shm/dlmtest-XXXXXX"}; // another file system
 
@@ -32,11 +48,10 @@ private slots:
     void initTestCase()
     {
         const QByteArray body = FakeHttpServer::makeBody(300000, 2);
-        server.setResource("/p.bin", {body, 200, true, 8192, 10, 100000});
-        server.setResource("/w.bin", {body.left(200000), 200, true, 8192, 30});
-        server.setResource("/huge", {body.left(4096), 200, true, 0, 0, 4096});
-        server.resource("/huge").contentLength = 1LL << 50;
-        server.resource("/dlmtest-never").neverAnswer = true;
+        server.setResource("/p.bin", {.body = body, .chunkSize = 8192, .chunkDelayMs = 10, .stallAfter = 100000});
+        server.setResource("/w.bin", {.body = body.left(200000), .chunkSize = 8192, .chunkDelayMs = 30});
+        server.setResource("/huge", {.body = body.left(4096), .stallAfter = 4096, .contentLength = 1LL << 50});
+        server.setResource("/dlmtest-never", {.neverAnswer = true});
         for (const char *path : {"/a", "/f", "/w2"})
             server.setBody(path, body.left(70000));
         server.setBody("/tw%C3%B6", "second!");
@@ -44,11 +59,8 @@ private slots:
     }
     void cleanupTestCase()
     {
-        // dlmtest-b heard of its own download, never of the other user's.
-        QVERIFY(!watcher || watcher->out().contains(" app Failed "));
-        QVERIFY(!watcher || !watcher->out().contains("theirs"));
         watcher.reset();
-        QVERIFY(!shared || shared->stop() == 0);
+        shared.reset();
         QProcess::execute("sh", {"-c", "(userdel dlmtest-a; userdel dlmtest-b) 2>/dev/null"});
     }
     void requests_data();
@@ -61,7 +73,8 @@ private slots:
 
 // Started under umask 077, every data notification written and reported at once: "huge" wants
 // 2^50 bytes, "p" paused at 100000 of 300000 has its file replaced by a link, client "shm" is on
-// another file system. As root: dlmtest-a's "theirs" stalls in "a"; dlmtest-b watches.
+// another file system. As root: dlmtest-a's "theirs" stalls in "a", untouched by dlmtest-b's
+// "pause all"; dlmtest-b watches, its client "app" in "b" kept when dlmtest-a sets its own.
 void tst_Dlctl::buildShared()
 {
     shared.reset(new Service({{"max_downloads_per_user", "2"}},
@@ -81,15 +94,14 @@ void tst_Dlctl::buildShared()
     if (geteuid() == 0) {
         for (int user = 0; user < 2; ++user)
             QProcess::execute("install", {"-d", "-o", kUsers[user], s.path(user ? "b" : "a")});
-        watcher = s.client({DLCTL_BINARY, "watch"}, kUsers[1]);
+        watcher = s.client({"dlctl", "watch"}, kUsers[1]);
         QVERIFY(s.waitErr("Event client registered"));
-        QVERIFY(as(0, "set-path dlctl " + s.path("a")));
-        QVERIFY(as(1, "set-path app " + s.path("b")));
+        QVERIFY(as(0, "set-path dlctl " + s.path("a")) && as(1, "set-path app " + s.path("b")) && as(0, "set-path app " + s.path("a")));
         QVERIFY(as(0, "create " + url("/p.bin") + " --id theirs"));
-        QVERIFY(s.waitErr("DL:  100000 / 300000", 2));
+        QVERIFY(s.waitErr("/a/p.bin\"  status:  \"Progressing\"  DL:  100000 / 300000") && as(1, "pause all"));
     }
     // The record as the interface carries it holds what is stored, member for member.
-    const auto probe = s.client({DLPROBE_BINARY, "record", "p"});
+    const auto probe = s.client({"dlprobe", "record", "p"});
     const QVariantList row = s.sql("SELECT * FROM downloads WHERE uniqueID = 'p'").value(0);
     QVERIFY(probe->finish() == 0 && row.value(2) == "Shown");
     QCOMPARE(probe->out(), QVariant(row.mid(0, 10)).toStringList().join('|').toUtf8() + '\n');
@@ -97,72 +109,60 @@ void tst_Dlctl::buildShared()
 
 void tst_Dlctl::requests_data()
 {
-    QTest::addColumn<QString>("user"); // root when empty; the others need the test to run as root
-    QTest::addColumn<QString>("args"); // "URL/" is the server, "@" the service's directory
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QByteArray>("out");  // of a --wait only the first and the last line
-    QTest::addColumn<QByteArray>("said"); // in dlctl's standard error, else the service's
-    const auto row = [](const char *name, const QString &user, const QString &args, int code,
-                        const QByteArray &out, const QByteArray &said = {}) {
-        QTest::newRow(name) << user << args << code << out << said;
-    };
-    row("paused record", "", "status p", 0, "p dlctl Paused 100000 300000 @/downloads/p.bin\n");
-    row("create and follow", "", "create URL/a --id a --wait", 0,
-        "a\na dlctl Completed 70000 70000 @/downloads/a\n", "\"Completed\"  DL:  70000 / 70000");
-    row("identifier in use", "", "create URL/other --id p", 1, "", "belongs to another download");
-    row("not an http URL", "", "create ftp://h/f", 1, "", "not an http or https URL");
-    row("relative path", "", "set-path app rel", 1, "", "rel is not an absolute path");
-    row("missing directory", "", "set-path app @/no", 1, "", "@/no is not a directory");
-    row("negative size", "", "space -1", 64, "", "SIZE must be");
-    row("fits elsewhere", "", "space 1 --client shm", 0, "0 fits\n");
-    row("a running download reserves its rest", "", "space 1", 0, "1 does not fit\n");
-    row("all is no identifier to remove", "", "remove all", 1, "", "no download all");
-    row("removed", "", "remove a", 0, "", "Download successfully deleted.");
-    row("unknown client", "", "create URL/dlmtest-never --client nobody --id nb", 0, "nb\n",
-        "Request download client id:nobody url:URL/dlmtest-never unique id:nb name \n");
-    row("its default directory", "", "status nb", 0, "nb nobody Pending 0 0 /tmp/dlmtest-never\n");
-    row("UTF-8 client", "", "set-path été @/downloads", 0, "");
-    row("UTF-8 URL", "", "create URL/twö --client été --id two --wait", 0,
-        "two\ntwo été Completed 7 7 @/downloads/twö\n");
-    row("own directory, own file", "a", "create URL/f --id own --wait", 0,
-        "own\nown dlctl Completed 70000 70000 @/a/f\n");
-    row("a directory of root's", "a", "set-path app @/db", 1, "", "is not permitted");
-    row("default directory", "a", "set-path DEFAULT_CLIENT_ID @/a", 1, "", "is not permitted");
-    row("a client's directory per user", "a", "set-path app @/a", 0, "");
-    row("another's directory stays", "b", "create URL/no --client app --id b --wait", 1,
-        "b\nb app Failed 0 0 @/b/no (failure 2: the server answered with an error status)\n");
-    row("another's download unseen", "b", "status theirs", 1, "", "no download theirs");
-    row("another's downloads unlisted", "b", "list", 0, "b app Failed 0 0 @/b/no\n");
-    row("pause all of one's own", "b", "pause all", 0, "", "all has been paused.");
-    row("root sees all", "root", "status theirs", 0,
-        "theirs dlctl Progressing 100000 300000 @/a/p.bin\n");
-    row("a user over its limit", "a", "create URL/f", 1, "", "has 2 downloads, its limit");
-    row("resumed onto a planted link", "", "resume p", 0, "", "Too many levels of symbolic links");
-    row("the link not followed", "", "status p", 0, "p dlctl Failed 0 300000 @/downloads/p.bin\n");
+    QTest::addColumn<Request>("row");
+    const auto row = [](const char *name, const Request &r) { QTest::newRow(name) << r; };
+    row("paused record", {.args = "status p", .out = "p dlctl Paused 100000 300000 @/downloads/p.bin\n"});
+    row("create and follow", {.args = "create URL/a --id a --wait", .out = "a\na dlctl Completed 70000 70000 @/downloads/a\n", .said = "\"Completed\"  DL:  70000 / 70000"});
+    row("identifier in use", {.args = "create URL/other --id p", .code = 1, .said = "belongs to another download"});
+    row("not an http URL", {.args = "create ftp://h/f", .code = 1, .said = "not an http or https URL"});
+    row("relative path", {.args = "set-path app rel", .code = 1, .said = "rel is not an absolute path"});
+    row("missing directory", {.args = "set-path app @/no", .code = 1, .said = "@/no is not a directory"});
+    row("negative size", {.args = "space -1", .code = 64, .said = "SIZE must be"});
+    row("fits elsewhere", {.args = "space 1 --client shm", .out = "0 fits\n"});
+    row("a running download reserves its rest", {.args = "space 1", .out = "1 does not fit\n"});
+    row("all is no identifier to remove", {.args = "remove all", .code = 1, .said = "no download all"});
+    row("removed", {.before = {"create URL/f --id gone", "remove gone"}, .args = "status gone", .code = 1, .said = "no download gone"});
+    row("unknown client, default directory", {.before = {"create URL/dlmtest-never --client nobody --id nb"}, .args = "status nb", .out = "nb nobody Pending 0 0 /tmp/dlmtest-never\n"});
+    row("UTF-8 client and URL", {.before = {"set-path été @/downloads"}, .args = "create URL/twö --client été --id two --wait", .out = "two\ntwo été Completed 7 7 @/downloads/twö\n"});
+    row("own directory, own file", {.user = "dlmtest-a", .args = "create URL/f --id own --wait", .out = "own\nown dlctl Completed 70000 70000 @/a/f\n"});
+    row("a directory of root's", {.user = "dlmtest-a", .args = "set-path app @/db", .code = 1, .said = "is not permitted"});
+    row("default directory", {.user = "dlmtest-a", .args = "set-path DEFAULT_CLIENT_ID @/a", .code = 1, .said = "is not permitted"});
+    row("a client's directory per user", {.user = "dlmtest-a", .args = "set-path app @/a"});
+    row("another's directory stays", {.user = "dlmtest-b", .args = "create URL/no --client app --id b --wait", .code = 1, .out = "b\nb app Failed 0 0 @/b/no (failure 2: the server answered with an error status)\n", .heard = "b app Failed 0 0 "});
+    row("another's download unseen", {.user = "dlmtest-b", .args = "status theirs", .code = 1, .said = "no download theirs"});
+    row("another's downloads unlisted", {.user = "dlmtest-b", .before = {"create URL/no --client app --id b --wait"}, .args = "list", .out = "b app Failed 0 0 @/b/no\n"});
+    row("pause all of one's own", {.user = "dlmtest-b", .args = "pause all", .said = "all has been paused."});
+    row("root sees all", {.user = "root", .args = "status theirs", .out = "theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
+    row("a user over its limit", {.user = "dlmtest-a", .before = {"create URL/f --id own"}, .args = "create URL/f", .code = 1, .said = "has 2 downloads, its limit"});
+    row("resumed onto a planted link, not followed", {.before = {"resume p"}, .args = "status p", .out = "p dlctl Failed 0 300000 @/downloads/p.bin\n", .said = "Too many levels of symbolic links", .poll = true});
 }
 
 void tst_Dlctl::requests()
 {
-    QFETCH(QString, user);
-    QFETCH(QString, args);
-    QFETCH(int, code);
-    QFETCH(QByteArray, out);
-    QFETCH(QByteArray, said);
-    if (!user.isEmpty() && geteuid() != 0)
+    QFETCH(Request, row);
+    if (*row.user && geteuid() != 0)
         QSKIP("needs root to act as other users");
     if (!shared)
         buildShared();
+    if (QTest::currentTestFailed())
+        return;
     const auto fill = [this](QString text) {
         return text.replace("URL/", url("/")).replace('@', shared->path()).toUtf8();
     };
-    const QString name = user.size() == 1 ? "dlmtest-" + user : user;
-    const Run r = shared->dlctl(QString::fromUtf8(fill(args)).split(' '), name);
-    QCOMPARE(r.code, code);
+    const auto run = [&](const QString &args) { return shared->dlctl(QString::fromUtf8(fill(args)).split(' '), row.user); };
+    const qsizetype mark = shared->mark();
+    for (const QString &args : row.before)
+        run(args);
+    Run r = run(row.args);
+    QVERIFY(!row.poll || waitFor(fill(row.out), [&] { return (r = run(row.args)).out == fill(row.out); }));
+    QVERIFY2(r.code == row.code, r.err);
     QList<QByteArray> lines = r.out.split('\n');
-    if (args.endsWith("--wait")) // the updates before the last one vary in number
+    if (QByteArray(row.args).endsWith("--wait")) // the updates before the last one vary in number
         lines.remove(1, lines.size() - 3);
-    QCOMPARE(lines.join('\n'), fill(out));
-    QVERIFY2(r.err.contains(fill(said)) || shared->waitErr(fill(said)), r.err);
+    QCOMPARE(lines.join('\n'), fill(row.out));
+    QVERIFY2(r.err.contains(fill(row.said)) || shared->waitErr(fill(row.said), 1, mark), r.err);
+    QVERIFY(!watcher || row.heard.isEmpty() || waitFor("the watcher to hear " + row.heard, [&] { return watcher->out().contains(row.heard); }));
+    QVERIFY(!watcher || !watcher->out().contains("theirs"));
     // A completed file belongs to the caller, as the directory it chose does.
     const QList<QByteArray> last = lines.value(lines.size() - 2).split(' ');
     const QFileInfo file(QString::fromUtf8(last.last()));
@@ -173,10 +173,10 @@ void tst_Dlctl::watchers()
 {
     Service svc;
     QVERIFY(svc.start() && svc.dlctl({"set-path", "dlctl", svc.path("downloads")}).code == 0);
-    const auto a = svc.client({DLCTL_BINARY, "watch"}), b = svc.client({DLCTL_BINARY, "watch"});
-    const auto stopped = svc.client({DLCTL_BINARY, "watch"});
-    const auto flood = svc.client({DLPROBE_BINARY, "flood"});
-    const auto nested = svc.client({DLPROBE_BINARY, "reentrant"});
+    const auto a = svc.client({"dlctl", "watch"}), b = svc.client({"dlctl", "watch"});
+    const auto stopped = svc.client({"dlctl", "watch"});
+    const auto flood = svc.client({"dlprobe", "flood"});
+    const auto nested = svc.client({"dlprobe", "reentrant"});
     QVERIFY(svc.waitErr("Event client registered", 20));
     stopped->signal(SIGSTOP);
     // Updates are one-way: a watcher that never reads holds up neither the manager nor dlctl.
@@ -184,64 +184,56 @@ void tst_Dlctl::watchers()
     QVERIFY(svc.sync());
     const QByteArray last =
         "w dlctl Completed 200000 200000 " + svc.path("downloads/w.bin").toUtf8() + '\n';
-    QVERIFY(a->waitFor([&] { return a->out().endsWith(last) && b->out().endsWith(last); }));
+    QVERIFY(waitFor("both watchers to hear " + last, [&] { return a->out().endsWith(last) && b->out().endsWith(last); }));
     QCOMPARE(a->out(), b->out());
     QVERIFY2(a->out().startsWith("w dlctl Pending 0 0 "), a->out());
     const QList<QByteArray> lines = a->out().trimmed().split('\n');
     QVERIFY2(std::is_sorted(lines.begin(), lines.end(), [](auto &x, auto &y) {
                  return x.split(' ')[3].toLongLong() < y.split(' ')[3].toLongLong(); }), a->out());
     // One object counts once, the service's own object never, a connection's objects up to 16.
-    QVERIFY(flood->waitFor([&] { return flood->out().count("update w 1 200000") == 16; }));
+    QVERIFY(waitFor("16 completions", [&] { return flood->out().count("update w 1 200000") == 16; }));
     QCOMPARE(flood->out().count("update w 16 0"), 16);
     QVERIFY(svc.waitErr("refused: not another process's object"));
     // A query from inside a callback is answered, up to the last update.
-    QVERIFY(nested->waitFor([&] { return nested->out().contains("w 1 200000\nreentrant w 1\n"); }));
+    QVERIFY(waitFor("a query from a callback", [&] { return nested->out().contains("w 1 200000\nreentrant w 1\n"); }));
     // A killed watcher is dropped; the others still hear of every change.
     a->signal(SIGKILL);
     QVERIFY(svc.waitErr("from eventClients"));
     QCOMPARE(svc.dlctl({"create", url("/w2"), "--id", "w2", "--wait"}).code, 0);
-    QVERIFY(b->waitFor([&] { return b->out().contains("w2 dlctl Completed 70000 70000 "); }));
+    QVERIFY(waitFor("w2 completed", [&] { return b->out().contains("w2 dlctl Completed 70000 70000 "); }));
     QCOMPARE(svc.stop(), 0);
 }
 
 void tst_Dlctl::reachability_data()
 {
-    // "stuck": a listener that never accepts, its backlog full; "TERM": SIGTERM in connect().
-    QTest::addColumn<QString>("user");
-    QTest::addColumn<QString>("socket");
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QByteArray>("said");
-    QTest::newRow("not running") << "" << "" << 2 << QByteArray("not running");
-    QTest::newRow("closed to the user") << kUsers[0] << "" << 2 << QByteArray("permission denied");
-    QTest::newRow("backlog full") << "" << "stuck" << 2 << QByteArray("not answering");
-    QTest::newRow("SIGTERM while connecting") << "" << "stuck TERM" << 143 << QByteArray();
+    QTest::addColumn<Reach>("row");
+    QTest::newRow("not running") << Reach {.code = 2, .said = "not running"};
+    QTest::newRow("closed to the user") << Reach {.user = kUsers[0], .code = 2, .said = "permission denied"};
+    QTest::newRow("backlog full") << Reach {.stuck = true, .code = 2, .said = "not answering"};
+    QTest::newRow("SIGTERM while connecting") << Reach {.stuck = true, .term = true, .code = 143};
 }
 
 void tst_Dlctl::reachability()
 {
-    QFETCH(QString, user);
-    QFETCH(QString, socket);
-    QFETCH(int, code);
-    QFETCH(QByteArray, said);
-    if (!user.isEmpty() && geteuid() != 0)
+    QFETCH(Reach, row);
+    if (!row.user.isEmpty() && geteuid() != 0)
         QSKIP("needs root to act as other users");
     Service svc; // not started
     sockaddr_un addr {AF_UNIX, {}};
     strcpy(addr.sun_path, qPrintable(svc.path("binder/com.velta.DLService")));
     const auto to = reinterpret_cast<sockaddr *>(&addr);
     std::vector<int> fds {::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    const bool stuck = socket.startsWith("stuck"), term = socket.endsWith("TERM");
-    QVERIFY(!stuck || (bind(fds[0], to, sizeof addr) == 0 && listen(fds[0], 0) == 0));
-    while (stuck && ::connect(fds.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)),
+    QVERIFY(!row.stuck || (bind(fds[0], to, sizeof addr) == 0 && listen(fds[0], 0) == 0));
+    while (row.stuck && ::connect(fds.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)),
                               to, sizeof addr) == 0) { }
-    const auto c = svc.client({DLCTL_BINARY, "list"}, user);
+    const auto c = svc.client({"dlctl", "list"}, row.user);
     const QString syscall = QStringLiteral("/proc/%1/syscall").arg(c->pid());
-    QVERIFY(!term || c->waitFor([&] {
+    QVERIFY(!row.term || waitFor("dlctl in connect()", [&] {
         return readFile(syscall).startsWith(QByteArray::number(SYS_connect) + ' ');
     }));
-    c->signal(term ? SIGTERM : 0);
-    QCOMPARE(c->finish(), code);
-    QVERIFY2(c->err().contains(said), c->err());
+    c->signal(row.term ? SIGTERM : 0);
+    QCOMPARE(c->finish(), row.code);
+    QVERIFY2(c->err().contains(row.said), c->err());
     std::for_each(fds.begin(), fds.end(), close);
 }
 
@@ -257,10 +249,10 @@ void tst_Dlctl::manyStoredAreListed()
     QVERIFY(r.code == 0 && r.out.count('\n') == 20000);
     QVERIFY2(r.out.startsWith("id00000 crowd Paused 0 0 /d/0\n"), r.out.left(200));
     // They pass one reply's bound: the one-reply list is refused, not sent broken.
-    const auto probe = svc.client({DLPROBE_BINARY, "storm", "1"});
+    const auto probe = svc.client({"dlprobe", "storm", "1"});
     QVERIFY(probe->finish() == 3 && svc.waitErr("the records exceed one reply"));
     QCOMPARE(svc.stop(), 0);
 }
 
-QTEST_GUILESS_MAIN(tst_Dlctl)
+DLM_TEST_MAIN(tst_Dlctl)
 #include "tst_dlctl.moc"

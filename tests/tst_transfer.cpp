@@ -19,6 +19,14 @@ struct Recorder : DLBaseClient {
     }
 };
 
+// A commit at every period-th data notification of a body sent 200 bytes each 10 ms, at none
+// before the end with 0; with -1 only the read buffer's bound commits 20 MiB.
+struct Commits {
+    QByteArray limit = ""; // MAX_PACKET_COUNT
+    int interval = 0, period; // DLM_REPORT_INTERVAL_MS
+    QString framing = "length";
+};
+
 class tst_Transfer : public QObject {
     Q_OBJECT
     FakeHttpServer server;
@@ -26,30 +34,23 @@ class tst_Transfer : public QObject {
 private slots:
     void commits_data()
     {
-        // A commit at every period-th data notification of a body sent 200 bytes each 10 ms, at
-        // none before the end with 0; with -1 only the read buffer's bound commits 20 MiB.
-        QTest::addColumn<QString>("limit"); // MAX_PACKET_COUNT
-        QTest::addColumn<int>("interval"); // DLM_REPORT_INTERVAL_MS
-        QTest::addColumn<int>("period");
-        QTest::addColumn<QString>("framing");
-        QTest::newRow("no count") << "" << 0 << 11 << "length";
-        QTest::newRow("count 0") << "0" << 0 << 11 << "length";
-        QTest::newRow("count abc") << "abc" << 0 << 11 << "length";
-        QTest::newRow("count 1") << "1" << 0 << 2 << "length";
-        QTest::newRow("count 3") << "3" << 0 << 4 << "length";
-        QTest::newRow("count -2") << "-2" << 0 << 1 << "length";
-        QTest::newRow("count -2, an hour apart") << "-2" << 3600000 << 0 << "length";
-        QTest::newRow("length") << "1000000" << 0 << -1 << "length";
-        QTest::newRow("chunked") << "-2" << 3600000 << -1 << "chunked";
-        QTest::newRow("ended by close") << "1000000" << 0 << -1 << "close";
+        QTest::addColumn<Commits>("row");
+        QTest::newRow("no count") << Commits {.period = 11};
+        QTest::newRow("count 0") << Commits {.limit = "0", .period = 11};
+        QTest::newRow("count abc") << Commits {.limit = "abc", .period = 11};
+        QTest::newRow("count 1") << Commits {.limit = "1", .period = 2};
+        QTest::newRow("count 3") << Commits {.limit = "3", .period = 4};
+        QTest::newRow("count -2") << Commits {.limit = "-2", .period = 1};
+        QTest::newRow("count -2, an hour apart") << Commits {.limit = "-2", .interval = 3600000, .period = 0};
+        QTest::newRow("length") << Commits {.limit = "1000000", .period = -1};
+        QTest::newRow("chunked") << Commits {.limit = "-2", .interval = 3600000, .period = -1, .framing = "chunked"};
+        QTest::newRow("ended by close") << Commits {.limit = "1000000", .period = -1, .framing = "close"};
     }
     void commits()
     {
-        QFETCH(QString, limit);
-        QFETCH(int, interval);
-        QFETCH(int, period);
-        QFETCH(QString, framing);
-        qputenv("MAX_PACKET_COUNT", limit.toUtf8());
+        QFETCH(Commits, row);
+        const auto [limit, interval, period, framing] = row;
+        qputenv("MAX_PACKET_COUNT", limit);
         qputenv("DLM_REPORT_INTERVAL_MS", QByteArray::number(interval));
         FakeHttpServer::Resource &r = server.resource("/f");
         r.body = FakeHttpServer::makeBody(period < 0 ? 20 << 20 : 8000);
@@ -69,6 +70,7 @@ private slots:
         manager.createDownload("id", "t", "f", server.url("/f").toString(), dir.filePath("f"),
             Download::Pending, 4, 0, 0, 0);
         Download *d = manager.getDownload("id");
+        QVERIFY(d && d->reply);
         connect(d->reply, &QIODevice::readyRead, [] { ++seen; });
         QTRY_VERIFY_WITH_TIMEOUT(!d->reply, 30000); // the first attempt is over
         QCOMPARE(d->state, unsigned(Download::Completed));
@@ -89,19 +91,24 @@ private slots:
 
     void retrySchedule()
     {
-        // Failures: bytes committed, Retry-After (-1: none), delay before jitter (-1: given up).
-        const QList<QList<qint64>> failures { { 0, -1, 1000 }, { 0, -1, 2000 }, { 0, -1, 4000 },
-            { 0, -1, 8000 }, { 0, -1, 16000 }, { 0, -1, 32000 }, { 0, -1, 60000 }, { 0, -1, 60000 },
-            { 0, -1, -1 }, { 100, -1, 1000 }, { 50, -1, 2000 }, { 100, 90000, 90000 },
-            { 100, 7200000, 3600000 }, { 100, 100, 16000 } };
+        // Failures without new bytes: about a second first, then about twice the one before, up
+        // to 60 s; the ninth is given up.
         RetrySchedule retry;
         retry.setMaxRetries(8);
-        for (const QList<qint64> &f : failures) {
-            const qint64 v = f[2], delay = retry.schedule(f[0], f[1]);
-            QVERIFY2(v < 0 ? delay == -1
-                           : delay >= v * 4 / 5 && delay <= qMax(v, qMin(v * 6 / 5, 60000LL)),
-                qPrintable(QString::number(delay)));
-        }
+        QList<qint64> d;
+        QByteArray all; // for a failure's message
+        for (int i = 0; i < 9; ++i)
+            all += QByteArray::number(d.emplace_back(retry.schedule(0, -1))) + ' ';
+        QVERIFY2(d.takeLast() == -1 && d[0] >= 500 && d[0] <= 1500, all);
+        for (int i = 1; i < 7; ++i)
+            QVERIFY2(d[i] >= d[i - 1] * 5 / 4 && d[i] <= d[i - 1] * 3, all);
+        QVERIFY2(*std::max_element(d.begin(), d.end()) <= 60000 && d[7] >= 30000, all);
+        // New bytes start again at the first delay, fewer than before do not.
+        const qint64 fresh = retry.schedule(100, -1), again = retry.schedule(50, -1);
+        QVERIFY(fresh >= 500 && fresh <= 1500 && again >= fresh * 5 / 4);
+        // A server's Retry-After is waited for, an hour at most, and never shortens the backoff.
+        const qint64 asked = retry.schedule(100, 90000), hour = retry.schedule(100, 7200000);
+        QVERIFY(asked >= 90000 && hour > 60000 && hour <= 3600000 && retry.schedule(100, 100) > 1500);
     }
 };
 

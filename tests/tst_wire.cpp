@@ -35,7 +35,7 @@ private slots:
         p.setDataPosition(0);
         QVERIFY(p.readInt64() == INT64_MIN + 3 && p.readStrongBinder() == obj);
         const size_t at = p.dataPosition();
-        auto is = [&](const String16 &t) { return p.setDataPosition(at), p.enforceInterface(t); };
+        const auto is = [&](const String16 &t) { p.setDataPosition(at); return p.enforceInterface(t); };
         QVERIFY(!is(String16(u"ab.c")) && !is(String16(u"ab.c\U0001F600!")) && is(token));
         int64_t past = 42; // four bytes left
         QVERIFY(p.readInt64(&past) == NOT_ENOUGH_DATA && past == 0 && p.readInt32() == -7);

@@ -22,7 +22,7 @@ class FakeHttpServer : public QObject
 public:
     struct Resource
     {
-        QByteArray body;
+        QByteArray body {};
         int status = 200;            // a status other than 200 serves body as the error page
         bool honorRange = true;      // false: answer every Range request with 200 and the full body
         int chunkSize = 0;           // 0: the whole body in one write
@@ -31,11 +31,11 @@ public:
         qint64 closeAfter = -1;      // send this many body bytes, then drop the connection
         int faultyAnswers = -1;      // stallAfter and closeAfter hold for this many answers only
         bool neverAnswer = false;    // read the request, then say nothing at all
-        QByteArray redirectTo;       // answer 302 with this Location
+        QByteArray redirectTo {};    // answer 302 with this Location
         qint64 contentLength = -1;   // advertise this length instead of the real one
         bool chunkedCoding = false;  // "Transfer-Encoding: chunked", one chunk per write
         bool lengthByClose = false;  // no length at all: the body ends when the connection closes
-        QList<QPair<QByteArray, QByteArray>> extraHeaders;
+        QList<QPair<QByteArray, QByteArray>> extraHeaders {};
     };
 
     struct Request

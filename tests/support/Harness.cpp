@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -24,8 +25,40 @@
 
 extern char **environ;
 
-Child::~Child()
+namespace {
+// Made before main: the in-process tests' own manager publishes its socket here too.
+struct RunDir {
+    QTemporaryDir dir { "/tmp/dlmtest-XXXXXX" };
+    RunDir()
+    {
+        chmod(QFile::encodeName(dir.path()), 0755);
+        QDir().mkpath(dir.path() + "/bin");
+        for (const char *from : { DLCTL_BINARY, DLPROBE_BINARY })
+            QFile::copy(from, dir.path() + "/bin/" + QString(from).section('/', -1));
+        qputenv("BINDER_SOCKET_DIR", QFile::encodeName(dir.path() + "/binder"));
+    }
+} const kRun;
+} // namespace
+
+QString runPath(const QString &sub)
 {
+    return kRun.dir.path() + '/' + sub;
+}
+
+bool waitFor(const QByteArray &what, const std::function<bool()> &done, int seconds)
+{
+    for (QDeadlineTimer guard(seconds * 1000); !done(); QTest::qWait(10))
+        if (guard.hasExpired()) {
+            qWarning("gave up after %d s waiting for %s", seconds, what.constData());
+            return false;
+        }
+    return true;
+}
+
+void Child::reset()
+{
+    mOutNote.reset();
+    mErrNote.reset();
     if (mPid > 0 && running()) {
         ::kill(mPid, SIGKILL);
         waitpid(mPid, &mStatus, 0);
@@ -33,13 +66,14 @@ Child::~Child()
     for (int fd : { mIn, mOutFd, mErrFd })
         if (fd >= 0)
             close(fd);
+    mPid = mStatus = mIn = mOutFd = mErrFd = -1;
+    mOut = mErr = QByteArray();
 }
 
 bool Child::start(
     const QStringList &argv, const QStringList &env, const std::function<void()> &beforeExec)
 {
-    this->~Child();
-    new (this) Child;
+    reset();
     std::vector<QByteArray> strings;
     for (const QString &arg : argv)
         strings.push_back(arg.toUtf8());
@@ -116,17 +150,6 @@ void Child::closeInput()
     mIn = -1;
 }
 
-bool Child::waitFor(const std::function<bool()> &done, int guardMs)
-{
-    QDeadlineTimer guard(guardMs);
-    while (!done()) {
-        if (guard.hasExpired())
-            return false;
-        QTest::qWait(10);
-    }
-    return true;
-}
-
 bool Child::running()
 {
     if (mPid > 0 && mStatus == -1 && waitpid(mPid, &mStatus, WNOHANG) != mPid)
@@ -134,9 +157,9 @@ bool Child::running()
     return mPid > 0 && mStatus == -1;
 }
 
-int Child::finish(int guardMs)
+int Child::finish(int seconds)
 {
-    if (!waitFor([this] { return !running(); }, guardMs))
+    if (!waitFor("the end of " + QByteArray::number(mPid), [this] { return !running(); }, seconds))
         return -1;
     drain(mOutFd, mOut);
     drain(mErrFd, mErr);
@@ -165,6 +188,12 @@ Service::Service(const QMap<QString, QString> &settings, const QStringList &env)
         path("bin/downloadmanager"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
 
+Service::~Service()
+{
+    if (proc.running() && stop(10) != 0)
+        qWarning("the service in %s ended badly (%d so far)", qPrintable(path()), ++badExits);
+}
+
 QString Service::path(const QString &sub) const
 {
     return sub.isEmpty() ? mDir.path() : mDir.path() + '/' + sub;
@@ -182,14 +211,14 @@ bool Service::start(const std::function<void()> &beforeExec)
             if (!it.value().isNull())
                 s.setValue(it.key(), it.value());
     }
-    const QStringList base { "DL_CONSOLE_READER_ENABLE=1", "DLM_LOG_LEVEL=d",
+    const QStringList base { "DL_CONSOLE_READER_ENABLE=1",
         "BINDER_SOCKET_DIR=" + path("binder") };
     if (!proc.start({ path("bin/downloadmanager") }, base + env, beforeExec))
         return false;
     const QStringList all = base + env;
     const bool console
         = all.filter("DL_CONSOLE_READER_ENABLE=").last().section('=', 1).toInt() != 0;
-    return proc.waitFor([&] {
+    return waitFor("the service to answer", [&] {
         if (!proc.running())
             return true;
         const int fd = rawConnect();
@@ -199,10 +228,10 @@ bool Service::start(const std::function<void()> &beforeExec)
     }) && proc.running();
 }
 
-int Service::stop()
+int Service::stop(int seconds)
 {
     line("quit");
-    return proc.finish();
+    return proc.finish(seconds);
 }
 
 void Service::kill()
@@ -249,9 +278,11 @@ QList<QByteArray> Service::log(qsizetype from) const
 
 bool Service::waitErr(const QByteArray &needle, int count, qsizetype from)
 {
-    return proc.waitFor([&] {
-        return proc.err().mid(from).count(needle) >= count || !proc.running();
-    }) && proc.err().mid(from).count(needle) >= count;
+    const auto seen = [&] { return proc.err().mid(from).count(needle) >= count; };
+    const QByteArray what = QByteArray::number(count) + " x \"" + needle + "\" from the service";
+    if (waitFor(what, [&] { return seen() || !proc.running(); }) && !seen())
+        qWarning("the service ended before %s", what.constData());
+    return seen();
 }
 
 bool Service::sync()
@@ -263,8 +294,7 @@ bool Service::sync()
 
 Run Service::dlctl(const QStringList &args, const QString &user)
 {
-    const std::unique_ptr<Child> c
-        = client(QStringList { QStringLiteral(DLCTL_BINARY) } + args, user);
+    const std::unique_ptr<Child> c = client(QStringList { "dlctl" } + args, user);
     Run r;
     r.code = c->finish();
     r.out = c->out();
@@ -272,8 +302,10 @@ Run Service::dlctl(const QStringList &args, const QString &user)
     return r;
 }
 
-std::unique_ptr<Child> Service::client(const QStringList &argv, const QString &user)
+std::unique_ptr<Child> Service::client(QStringList argv, const QString &user)
 {
+    if (!argv[0].startsWith('/'))
+        argv[0] = runPath("bin/" + argv[0]);
     auto c = std::make_unique<Child>();
     const QStringList as
         = user.isEmpty() ? argv : QStringList { "/usr/sbin/runuser", "-u", user, "--" } + argv;
