@@ -102,6 +102,13 @@ private slots:
                            : delay >= v * 4 / 5 && delay <= qMax(v, qMin(v * 6 / 5, 60000LL)),
                 qPrintable(QString::number(delay)));
         }
+        // Retry-After 30 s from now, as delay seconds and as each form of an HTTP date.
+        const QDateTime now(QDate(2026, 11, 25), QTime(14, 56, 4), Qt::UTC);
+        for (const char *text : { " 30", "Wed, 25 Nov 2026 14:56:34 GMT",
+                 "Wednesday, 25-Nov-26 14:56:34 GMT", "Wed Nov 25 14:56:34 2026" })
+            QVERIFY2(RetrySchedule::retryAfterMs(text, now) == 30000, text);
+        for (const char *text : { "", "soon", "-5", "Wed, 25 Nov 2026 14:56:34 CET" })
+            QVERIFY2(RetrySchedule::retryAfterMs(text, now) == -1, text);
     }
 };
 
