@@ -10,6 +10,7 @@
 #include <csignal>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace android;
@@ -17,6 +18,7 @@ using Res = FakeHttpServer::Resource;
 
 namespace {
 
+const QString kUser = "dlmtest-a"; // another user, made for the run
 constexpr int kEof = 1 << 30, kEofOnHalfClose = kEof + 1; // hangs up instead of answering
 const rlimit kFileSizeLimit { 1 << 20, 1 << 20 };
 
@@ -43,6 +45,9 @@ const ServerFault kServerFaults[] = {
     {"TLS", [](Res &) {}, "Failed", 8, 1, 0, "SSL", "", "Failed"},
     {"directory gone", [](Res &) {}, "Failed", 8, 3, 0, "No such file or directory", "-", "Failed"},
     {"never answers", [](Res &r) { r.neverAnswer = true; }, "Paused", 4, 4, 0, "", "-", "Paused"},
+    {"header without end", [](Res &r) { r.endlessHeader = true; }, "Failed", 8, 1, 0, "nothing received", "*", "Stalled Stalled Failed"},
+    {"redirect to a closed port", [](Res &r) { r.redirectTo = "http://127.0.0.1:1/"; }, "Failed", 8, 1, 0, "refused", "- - -", "Stalled Stalled Failed"},
+    {"another user's backlog", [](Res &) {}, "Completed", 1, 4, 262144, "", "-", "Completed"},
 };
 
 // A stored row and its file: the stored amount's prefix of the content, then junk, to "file"
@@ -155,6 +160,8 @@ class tst_Faults : public QObject {
 private slots:
     void initTestCase()
     {
+        QProcess::execute("sh", { "-c", "useradd -r " + kUser + " 2>/dev/null" });
+        QVERIFY(chmod(QFile::encodeName(svc.path()), 0755) == 0); // for the other user
         QVERIFY(svc.start() && svc.dlctl({ "set-path", "dlctl", svc.path("downloads") }).code == 0);
         watcher = svc.client({ DLCTL_BINARY, "watch" });
         QVERIFY(svc.waitErr("Event client registered"));
@@ -187,7 +194,11 @@ private slots:
 
     void hostileFrames();
 
-    void cleanupTestCase() { QCOMPARE(svc.stop(), 0); }
+    void cleanupTestCase()
+    {
+        QProcess::execute("userdel", { kUser });
+        QCOMPARE(svc.stop(), 0);
+    }
 
     void restoredRows_data() { indexRows(kStoredRows); }
     void restoredRows();
@@ -206,6 +217,20 @@ void tst_Faults::serverFaults()
     const QString dir = svc.path("downloads/" + id), file = dir + '/' + id;
     QVERIFY(QDir().mkpath(dir) && svc.dlctl({ "set-path", id, dir }).code == 0);
     QVERIFY(name != "directory gone" || QDir().rmdir(dir));
+    const bool backlog = name == "another user's backlog"; // twelve of dlmtest-a's trickle
+    if (backlog && geteuid() != 0)
+        QSKIP("needs root to act as another user");
+    const auto stop = qScopeGuard([&] {
+        server.resource('/' + id).endlessHeader = false;
+        QVERIFY(!backlog || svc.dlctl({ "pause", "all" }, kUser).code == 0);
+    });
+    for (int k = 0; backlog && k < 12; ++k) {
+        Res &slow = server.resource("/backlog");
+        slow.body = QByteArray(1000, 'x'), slow.chunkSize = 1, slow.chunkDelayMs = 1000;
+        QVERIFY(k || QProcess::execute("install", { "-d", "-o", kUser, svc.path(kUser) }) == 0);
+        QVERIFY(k || svc.dlctl({ "set-path", "dlctl", svc.path(kUser) }, kUser).code == 0);
+        QCOMPARE(svc.dlctl({ "create", url("backlog") }, kUser).code, 0);
+    }
     const qsizetype mark = svc.mark();
     const QString link = url(id).replace("http:", name == "TLS" ? "https:" : "http:");
     QCOMPARE(svc.dlctl({ "create", link, "--client", id, "--id", id }).code, 0);

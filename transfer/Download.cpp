@@ -584,8 +584,9 @@ Download::ReplyVerdict Download::checkReply(bool redirectMayFollow)
     const int status = attribute.toInt();
     // The network library follows it; judge the answer it ends on. One it could not follow
     // ends with the network error of the way there (a refused connection, say).
-    if (isRedirectStatus(status) && reply->hasRawHeader("Location")
-        && (redirectMayFollow || reply->error() != QNetworkReply::NoError))
+    if (isRedirectStatus(status)
+        && (redirectMayFollow ? reply->hasRawHeader("Location")
+                              : reply->error() != QNetworkReply::NoError))
         return verdict;
 
     ContentRange range;
@@ -641,8 +642,9 @@ void Download::rejectReply(int status)
     QString reason = QStringLiteral("HTTP %1 %2").arg(status).arg(phrase);
     if (status < 400)
         reason += QStringLiteral(" is not a usable answer");
-    endAttempt(FAILURE_HTTP_STATUS, reason, isPassingStatus(status), RetrySchedule::retryAfterMs(
-        reply->rawHeader("Retry-After"), QDateTime::currentDateTimeUtc()));
+    endAttempt(FAILURE_HTTP_STATUS, reason, isPassingStatus(status),
+        RetrySchedule::retryAfterMs(
+            reply->rawHeader("Retry-After"), QDateTime::currentDateTimeUtc()));
 }
 
 void Download::completeFromRangeAnswer(qint64 completeLength)
