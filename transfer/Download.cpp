@@ -585,8 +585,8 @@ Download::ReplyVerdict Download::checkReply(bool redirectMayFollow)
     // The network library follows it; judge the answer it ends on. One it could not follow
     // ends with the network error of the way there (a refused connection, say).
     if (isRedirectStatus(status)
-        && (redirectMayFollow ? reply->hasRawHeader("Location")
-                              : reply->error() != QNetworkReply::NoError))
+        && (reply->error() != QNetworkReply::NoError
+            || (redirectMayFollow && reply->hasRawHeader("Location"))))
         return verdict;
 
     ContentRange range;
