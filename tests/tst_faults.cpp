@@ -10,6 +10,7 @@
 #include <csignal>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace android;
@@ -17,6 +18,7 @@ using Res = FakeHttpServer::Resource;
 
 namespace {
 
+const QString kUser = "dlmtest-a"; // another user, made for the run
 constexpr int kEof = 1 << 30, kEofOnHalfClose = kEof + 1; // hangs up instead of answering
 const rlimit kFileSizeLimit { 1 << 20, 1 << 20 };
 
@@ -29,6 +31,7 @@ struct ServerFault {
     const char *scheme = "http"; // "https": a TLS handshake the plain server cannot answer
     bool removeDir = false; // the client's directory is gone after it is set
     bool pauseAsked = false; // paused while its request waits for an answer
+    int othersBacklog = 0; // downloads of another user trickling from the same host first
     const char *end;
     int state, code, bytes = 0;
     const char *reason = "", *ranges, *states;
@@ -47,6 +50,9 @@ const ServerFault kServerFaults[] = {
     {.name = "TLS", .scheme = "https", .end = "Failed", .state = 8, .code = 1, .reason = "SSL", .ranges = "", .states = "Failed"},
     {.name = "directory gone", .removeDir = true, .end = "Failed", .state = 8, .code = 3, .reason = "No such file or directory", .ranges = "-", .states = "Failed"},
     {.name = "never answers", .serve = {.neverAnswer = true}, .pauseAsked = true, .end = "Paused", .state = 4, .code = 4, .ranges = "-", .states = "Paused"},
+    {.name = "header without end", .serve = {.endlessHeader = true}, .end = "Failed", .state = 8, .code = 1, .reason = "nothing received", .ranges = "*", .states = "Stalled Stalled Failed"},
+    {.name = "redirect to a closed port", .serve = {.redirectTo = "http://127.0.0.1:1/"}, .end = "Failed", .state = 8, .code = 1, .reason = "refused", .ranges = "- - -", .states = "Stalled Stalled Failed"},
+    {.name = "another user's backlog", .othersBacklog = 12, .end = "Completed", .state = 1, .code = 4, .bytes = 262144, .ranges = "-", .states = "Completed"},
 };
 
 // A stored row and its file: the stored amount's prefix of the content, then junk, to "file"
@@ -154,6 +160,8 @@ class tst_Faults : public QObject {
 private slots:
     void initTestCase()
     {
+        QProcess::execute("sh", { "-c", "useradd -r " + kUser + " 2>/dev/null" });
+        QVERIFY(chmod(QFile::encodeName(svc.path()), 0755) == 0); // for the other user
         QVERIFY(svc.start() && svc.dlctl({ "set-path", "dlctl", svc.path("downloads") }).code == 0);
         watcher = svc.client({ "dlctl", "watch" });
         QVERIFY(svc.waitErr("Event client registered"));
@@ -203,6 +211,19 @@ void tst_Faults::serverFaults()
     const QString dir = svc.path("downloads/" + id), file = dir + '/' + id;
     QVERIFY(QDir().mkpath(dir) && svc.dlctl({ "set-path", id, dir }).code == 0);
     QVERIFY(!r.removeDir || QDir().rmdir(dir));
+    if (r.othersBacklog && geteuid() != 0)
+        QSKIP("needs root to act as another user");
+    const auto stop = qScopeGuard([&] {
+        server.resource('/' + id).endlessHeader = false;
+        QVERIFY(!r.othersBacklog || svc.dlctl({ "pause", "all" }, kUser).code == 0);
+    });
+    if (r.othersBacklog) { // they trickle from the same host before this one is asked for
+        server.setResource("/backlog", { .body = QByteArray(1000, 'x'), .chunkSize = 1, .chunkDelayMs = 1000 });
+        QVERIFY(QProcess::execute("install", { "-d", "-o", kUser, svc.path(kUser) }) == 0);
+        QVERIFY(svc.dlctl({ "set-path", "dlctl", svc.path(kUser) }, kUser).code == 0);
+    }
+    for (int k = 0; k < r.othersBacklog; ++k)
+        QCOMPARE(svc.dlctl({ "create", url("backlog") }, kUser).code, 0);
     const qsizetype mark = svc.mark();
     const QString link = r.scheme + url(id).mid(4);
     QCOMPARE(svc.dlctl({ "create", link, "--client", id, "--id", id }).code, 0);

@@ -109,6 +109,13 @@ private slots:
         // A server's Retry-After is waited for, an hour at most, and never shortens the backoff.
         const qint64 asked = retry.schedule(100, 90000), hour = retry.schedule(100, 7200000);
         QVERIFY(asked >= 90000 && hour > 60000 && hour <= 3600000 && retry.schedule(100, 100) > 1500);
+        // Retry-After 30 s from now, as delay seconds and as each form of an HTTP date.
+        const QDateTime now(QDate(2026, 11, 25), QTime(14, 56, 4), Qt::UTC);
+        for (const char *text : { " 30", "Wed, 25 Nov 2026 14:56:34 GMT",
+                 "Wednesday, 25-Nov-26 14:56:34 GMT", "Wed Nov 25 14:56:34 2026" })
+            QVERIFY2(RetrySchedule::retryAfterMs(text, now) == 30000, text);
+        for (const char *text : { "", "soon", "-5", "Wed, 25 Nov 2026 14:56:34 CET" })
+            QVERIFY2(RetrySchedule::retryAfterMs(text, now) == -1, text);
     }
 };
 

@@ -129,20 +129,6 @@ bool isPassingNetworkError(QNetworkReply::NetworkError error)
     }
 }
 
-// "Retry-After" as delay seconds or an HTTP date; -1 when absent or unreadable.
-qint64 retryAfterMs(QNetworkReply *reply)
-{
-    const QByteArray value = reply->rawHeader("Retry-After").trimmed();
-    if (value.isEmpty())
-        return -1;
-    bool ok = false;
-    const qint64 seconds = value.toLongLong(&ok, 10);
-    if (ok)
-        return seconds >= 0 ? qMin<qint64>(seconds, 24 * 3600) * 1000 : -1;
-    const QDateTime when = QDateTime::fromString(QString::fromLatin1(value), Qt::RFC2822Date);
-    return when.isValid() ? qMax<qint64>(0, QDateTime::currentDateTimeUtc().msecsTo(when)) : -1;
-}
-
 bool isRedirectStatus(int status)
 {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
@@ -300,8 +286,8 @@ void Download::launch()
     verdict = ReplyVerdict::Unchecked;
     rangeTotal = -1;
     attemptSettled = false;
-    RequestQueue::instance().enter(
-        this, RequestQueue::originOf(contentURL), [this, request] { sendRequest(request); });
+    RequestQueue::instance().enter(this, ownerUid, RequestQueue::originOf(contentURL),
+        [this, request] { sendRequest(request); });
     state = Pending;
     report();
 }
@@ -316,8 +302,10 @@ void Download::sendRequest(const QNetworkRequest &request)
     connect(reply, &QNetworkReply::downloadProgress, this, &Download::downloadProgress);
     connect(reply, &QNetworkReply::readyRead, this, &Download::dataReadyRead);
     connect(reply, &QNetworkReply::metaDataChanged, this, &Download::replyMetaDataChanged);
-    // The request is on the wire from its connection attempt (a new socket) or its sending (a
-    // reused one); a redirect may queue again.
+    // On the wire from now (the queue hands over no more than the library has connections), and
+    // silent until its whole header is in: a header that never ends, or a library too busy
+    // reading it to say anything, stalls like a silent server. A redirect may queue again.
+    restartStallTimer();
     connect(reply, &QNetworkReply::socketStartedConnecting, this, &Download::restartStallTimer);
     connect(reply, &QNetworkReply::requestSent, this, &Download::restartStallTimer);
     connect(reply, &QNetworkReply::redirected, &transfer().stallTimer, &QTimer::stop);
@@ -594,8 +582,12 @@ Download::ReplyVerdict Download::checkReply(bool redirectMayFollow)
     if (!attribute.isValid())
         return verdict; // no answer yet, or none at all: the network error decides
     const int status = attribute.toInt();
-    if (redirectMayFollow && isRedirectStatus(status) && reply->hasRawHeader("Location"))
-        return verdict; // the network library follows it; judge the answer it ends on
+    // The network library follows it; judge the answer it ends on. One it could not follow
+    // ends with the network error of the way there (a refused connection, say).
+    if (isRedirectStatus(status)
+        && (reply->error() != QNetworkReply::NoError
+            || (redirectMayFollow && reply->hasRawHeader("Location"))))
+        return verdict;
 
     ContentRange range;
     const bool hasRange = parseContentRange(reply->rawHeader("Content-Range"), &range);
@@ -650,7 +642,9 @@ void Download::rejectReply(int status)
     QString reason = QStringLiteral("HTTP %1 %2").arg(status).arg(phrase);
     if (status < 400)
         reason += QStringLiteral(" is not a usable answer");
-    endAttempt(FAILURE_HTTP_STATUS, reason, isPassingStatus(status), retryAfterMs(reply));
+    endAttempt(FAILURE_HTTP_STATUS, reason, isPassingStatus(status),
+        RetrySchedule::retryAfterMs(
+            reply->rawHeader("Retry-After"), QDateTime::currentDateTimeUtc()));
 }
 
 void Download::completeFromRangeAnswer(qint64 completeLength)

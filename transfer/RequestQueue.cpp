@@ -3,6 +3,8 @@
 #include <QTimer>
 #include <QUrl>
 
+#include <algorithm>
+
 RequestQueue &RequestQueue::instance()
 {
     static RequestQueue queue;
@@ -18,19 +20,26 @@ QString RequestQueue::originOf(const QString &url)
         + QString::number(port);
 }
 
-void RequestQueue::enter(const void *owner, const QString &origin, std::function<void()> start)
+bool RequestQueue::Origin::mayStart(uint uid) const
+{
+    if (running >= kPerOrigin)
+        return false;
+    if (uid == 0)
+        return held.value(0) < kPerOrigin - 1;
+    return held.value(uid) < kPerUser && running - held.value(0) < kForUsers;
+}
+
+void RequestQueue::enter(
+    const void *owner, uint uid, const QString &origin, std::function<void()> start)
 {
     leave(owner);
     Origin &entry = origins[origin];
-    // Never ahead of a request that waits: its slot is on the way.
-    const bool wait = entry.running >= kPerOrigin || !entry.waiting.isEmpty();
-    owners.insert(owner, { origin, wait });
-    if (wait) {
-        entry.waiting.append({ owner, std::move(start) });
-        return;
-    }
-    ++entry.running;
-    start();
+    owners.insert(owner, { origin, uid, true });
+    entry.waiting[uid].append({ owner, std::move(start) });
+    if (!entry.turns.contains(uid))
+        entry.turns.append(uid);
+    // A slot given back is already promised to a request that waits: the turns decide.
+    startWaiting(origin);
 }
 
 void RequestQueue::leave(const void *owner)
@@ -38,32 +47,50 @@ void RequestQueue::leave(const void *owner)
     const auto found = owners.constFind(owner);
     if (found == owners.constEnd())
         return;
-    const QString origin = found.value().first;
-    const bool waiting = found.value().second;
+    const Owner left = found.value();
     owners.erase(found);
-    Origin &entry = origins[origin];
-    if (waiting) {
-        entry.waiting.removeIf([owner](const auto &w) { return w.first == owner; });
+    Origin &entry = origins[left.origin];
+    if (left.waiting) {
+        auto &queue = entry.waiting[left.uid];
+        queue.removeIf([owner](const auto &w) { return w.first == owner; });
+        if (queue.isEmpty()) {
+            entry.waiting.remove(left.uid);
+            entry.turns.removeOne(left.uid);
+        }
     } else {
         --entry.running;
+        if (--entry.held[left.uid] == 0)
+            entry.held.remove(left.uid);
         // Started from the event loop, not from inside the caller (often a transfer that is
         // ending); "pause all" drops every waiting request before any of them would start.
-        if (!entry.waiting.isEmpty())
-            QTimer::singleShot(0, [this, origin] { startWaiting(origin); });
+        if (!entry.turns.isEmpty())
+            QTimer::singleShot(0, [this, origin = left.origin] { startWaiting(origin); });
     }
-    if (entry.running == 0 && entry.waiting.isEmpty())
-        origins.remove(origin);
+    if (entry.running == 0 && entry.turns.isEmpty())
+        origins.remove(left.origin);
 }
 
 void RequestQueue::startWaiting(const QString &origin)
 {
     for (;;) {
         const auto entry = origins.find(origin);
-        if (entry == origins.end() || entry->running >= kPerOrigin || entry->waiting.isEmpty())
+        if (entry == origins.end())
             return;
-        auto [owner, start] = entry->waiting.takeFirst();
-        owners[owner].second = false;
+        const auto next = std::find_if(entry->turns.cbegin(), entry->turns.cend(),
+            [&](uint uid) { return entry->mayStart(uid); });
+        if (next == entry->turns.cend())
+            return;
+        const uint uid = *next;
+        entry->turns.erase(next);
+        auto &queue = entry->waiting[uid];
+        auto [owner, start] = queue.takeFirst();
+        if (queue.isEmpty())
+            entry->waiting.remove(uid);
+        else
+            entry->turns.append(uid); // its next request waits for its next turn
+        owners[owner].waiting = false;
         ++entry->running;
+        ++entry->held[uid];
         start(); // may enter or leave: the entry is looked up again
     }
 }

@@ -1,6 +1,6 @@
 #include "RetrySchedule.h"
 
-#include <QDateTime>
+#include <QLocale>
 #include <QRandomGenerator>
 
 namespace {
@@ -15,6 +15,33 @@ qint64 baseDelayMs()
     return (ok && value > 0) ? qMin(value, kLongestBackoffMs) : kDefaultBaseMs;
 }
 } // namespace
+
+qint64 RetrySchedule::retryAfterMs(const QByteArray &value, const QDateTime &now)
+{
+    const QByteArray text = value.simplified();
+    if (text.isEmpty())
+        return -1;
+    bool ok = false;
+    const qint64 seconds = text.toLongLong(&ok, 10);
+    if (ok)
+        return seconds >= 0 ? qMin<qint64>(seconds, 24 * 3600) * 1000 : -1;
+    // Always GMT, in English: "Sun, 06 Nov 1994 08:49:37 GMT", the obsolete
+    // "Sunday, 06-Nov-94 08:49:37 GMT" and "Sun Nov 6 08:49:37 1994" (RFC 9110, 5.6.7). The
+    // weekday is left out: Qt would check it against a two-digit year's century.
+    const QString date
+        = QString::fromLatin1(text.mid(text.indexOf(text.contains(',') ? ',' : ' ') + 1));
+    for (const char *format :
+        { "dd MMM yyyy hh:mm:ss 'GMT'", "dd-MMM-yy hh:mm:ss 'GMT'", "MMM d hh:mm:ss yyyy" }) {
+        QDateTime when = QLocale::c().toDateTime(date.trimmed(), QLatin1String(format));
+        if (!when.isValid())
+            continue;
+        when.setTimeSpec(Qt::UTC);
+        if (when.date().year() < 1970) // a two-digit year is never in the past century
+            when = when.addYears(100);
+        return qBound(qint64(0), now.msecsTo(when), qint64(24 * 3600 * 1000));
+    }
+    return -1;
+}
 
 RetrySchedule::RetrySchedule(QObject *parent) : QObject(parent)
 {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QByteArray>
+#include <QDateTime>
 #include <QObject>
 #include <QTimer>
 
@@ -15,6 +17,10 @@ public:
     static constexpr int kDefaultMaxRetries = 5;
 
     explicit RetrySchedule(QObject *parent = nullptr);
+
+    // A "Retry-After" value, delay seconds or an HTTP date in any of its three forms, as
+    // milliseconds from now (a day at most, 0 for a date past); -1 when absent or unreadable.
+    static qint64 retryAfterMs(const QByteArray &value, const QDateTime &now);
 
     void setMaxRetries(int count) { maxRetries = count; }
     // Plans the attempt after a failed one that had committed committedBytes in all; retryAfterMs

@@ -130,7 +130,7 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
         Resource &stored = resources[request.path];
         c->resource = stored;
         if (stored.faultyAnswers == 0)
-            c->resource.stallAfter = c->resource.closeAfter = -1;
+            c->resource.stallAfter = c->resource.closeAfter = -1, c->resource.endlessHeader = false;
         else if (stored.faultyAnswers > 0)
             --stored.faultyAnswers;
     }
@@ -172,8 +172,19 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
     head += "Content-Type: application/octet-stream\r\nConnection: close\r\n";
     for (const auto &h : r.extraHeaders)
         head += h.first + ": " + h.second + "\r\n";
-    head += "\r\n";
-    socket->write(head);
+    if (r.endlessHeader) { // never more than 64 KiB on their way
+        c->timer = new QTimer(this);
+        connect(c->timer, &QTimer::timeout, socket, [this, c, socket, path = request.path] {
+            if (!resources.value(path).endlessHeader) // ended by the test
+                finish(c, false);
+            else if (socket->bytesToWrite() < 65536)
+                socket->write("X-Pad: " + QByteArray(1000, 'x') + "\r\n");
+        });
+        c->timer->start(r.chunkDelayMs);
+        socket->write(head);
+        return;
+    }
+    socket->write(head + "\r\n");
     c->body = body;
     respond(c);
 }

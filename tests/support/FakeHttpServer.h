@@ -29,7 +29,8 @@ public:
         int chunkDelayMs = 0;        // pause between chunks, driven by a timer
         qint64 stallAfter = -1;      // send headers and this many body bytes, then stay silent
         qint64 closeAfter = -1;      // send this many body bytes, then drop the connection
-        int faultyAnswers = -1;      // stallAfter and closeAfter hold for this many answers only
+        int faultyAnswers = -1;      // stallAfter, closeAfter, endlessHeader: this many answers
+        bool endlessHeader = false;  // header lines, one each chunkDelayMs, until turned off
         bool neverAnswer = false;    // read the request, then say nothing at all
         QByteArray redirectTo {};    // answer 302 with this Location
         qint64 contentLength = -1;   // advertise this length instead of the real one
