@@ -37,10 +37,11 @@ private slots:
         server.setResource("/huge", {body.left(4096), 200, true, 0, 0, 4096});
         server.resource("/huge").contentLength = 1LL << 50;
         server.resource("/dlmtest-never").neverAnswer = true;
-        for (const char *path : {"/a", "/f", "/w2"})
+        for (const char *path : {"/a", "/f", "/w2", "/dlmtest-0600"})
             server.setBody(path, body.left(70000));
         server.setBody("/tw%C3%B6", "second!");
         QProcess::execute("sh", {"-c", "(useradd -r dlmtest-a; useradd -r dlmtest-b) 2>/dev/null"});
+        QFile::remove("/tmp/dlmtest-0600");
     }
     void cleanupTestCase()
     {
@@ -59,9 +60,11 @@ private slots:
     void manyStoredAreListed();
 };
 
-// Started under umask 077, every data notification written and reported at once: "huge" wants
+// Started under umask 027, every data notification written and reported at once: "huge" wants
 // 2^50 bytes, "p" paused at 100000 of 300000 has its file replaced by a link, client "shm" is on
-// another file system. As root: dlmtest-a's "theirs" stalls in "a"; dlmtest-b watches.
+// another file system, n1 and n2 wait for one name in one directory spelled two ways. As root:
+// dlmtest-a's "theirs" stalls in "a"; root's "swap" paused in "a/dl", which dlmtest-a then
+// replaces by a link to root's "db"; dlmtest-b watches.
 void tst_Dlctl::buildShared()
 {
     shared.reset(new Service({{"max_downloads_per_user", "2"}},
@@ -71,7 +74,8 @@ void tst_Dlctl::buildShared()
         return s.dlctl(args.split(' '), user < 0 ? QString() : kUsers[user]).code == 0;
     };
     QVERIFY(chmod(QFile::encodeName(s.path()), 0755) == 0 && QDir().rmdir(s.path("binder")));
-    QVERIFY(s.start([] { umask(077); }) && as(-1, "set-path dlctl " + s.path("downloads")));
+    QVERIFY(chmod(QFile::encodeName(s.path("db")), 0700) == 0);
+    QVERIFY(s.start([] { umask(027); }) && as(-1, "set-path dlctl " + s.path("downloads")));
     QVERIFY(as(-1, "set-path shm " + shm.path()) && as(-1, "create " + url("/huge")));
     QVERIFY(as(-1, "create " + url("/p.bin") + " --id p --name Shown"));
     QVERIFY(s.waitErr("DL:  100000 / 300000") && as(-1, "pause p") && s.waitErr("\"Paused\""));
@@ -87,7 +91,18 @@ void tst_Dlctl::buildShared()
         QVERIFY(as(1, "set-path app " + s.path("b")));
         QVERIFY(as(0, "create " + url("/p.bin") + " --id theirs"));
         QVERIFY(s.waitErr("DL:  100000 / 300000", 2));
+        QProcess::execute("install", {"-d", "-o", kUsers[0], s.path("a/dl")});
+        QVERIFY(as(-1, "set-path sys " + s.path("a/dl")));
+        QVERIFY(as(-1, "create " + url("/p.bin") + " --client sys --id swap"));
+        QVERIFY(s.waitErr("DL:  100000 / 300000", 3) && as(-1, "pause swap"));
+        QVERIFY(QDir().rename(s.path("a/dl"), s.path("a/dl.old")));
+        QFile secret(s.path("db/p.bin"));
+        QVERIFY(QFile::link(s.path("db"), s.path("a/dl")) && secret.open(QIODevice::WriteOnly));
+        QVERIFY(secret.write("root's") == 6);
     }
+    QVERIFY(as(-1, "set-path dots " + s.path() + "/./downloads//"));
+    for (const QString &n : QStringList {"n1", "n2 --client dots"})
+        QVERIFY(as(-1, "create " + url("/dlmtest-never") + " --id " + n) && as(-1, "pause " + n.left(2)));
     // The record as the interface carries it holds what is stored, member for member.
     const auto probe = s.client({DLPROBE_BINARY, "record", "p"});
     const QVariantList row = s.sql("SELECT * FROM downloads WHERE uniqueID = 'p'").value(0);
@@ -134,6 +149,17 @@ void tst_Dlctl::requests_data()
     row("another's download unseen", "b", "status theirs", 1, "", "no download theirs");
     row("another's downloads unlisted", "b", "list", 0, "b app Failed 0 0 @/b/no\n");
     row("pause all of one's own", "b", "pause all", 0, "", "all has been paused.");
+    row("a file outside one's directory is private", "b",
+        "create URL/dlmtest-0600 --client other --id fb --wait", 0,
+        "fb\nfb other Completed 70000 70000 /tmp/dlmtest-0600\n");
+    row("what lies below a closed directory", "a", "set-path app @/db/none", 1, "", "not permitted");
+    row("resumed through a swapped directory", "root", "resume swap", 0, "",
+        "swap failed: cannot write @/a/dl/p.bin: Too many levels of symbolic links");
+    row("the swapped directory not followed", "root", "status swap", 0,
+        "swap sys Failed 0 300000 @/a/dl/p.bin\n");
+    row("removed through a swapped directory", "root", "remove swap", 0, "");
+    row("one file however the directory is spelled", "", "status n2", 0,
+        "n2 dots Paused 0 0 @/downloads/dlmtest-never.0\n");
     row("root sees all", "root", "status theirs", 0,
         "theirs dlctl Progressing 100000 300000 @/a/p.bin\n");
     row("a user over its limit", "a", "create URL/f", 1, "", "has 2 downloads, its limit");
@@ -163,10 +189,15 @@ void tst_Dlctl::requests()
         lines.remove(1, lines.size() - 3);
     QCOMPARE(lines.join('\n'), fill(out));
     QVERIFY2(r.err.contains(fill(said)) || shared->waitErr(fill(said)), r.err);
-    // A completed file belongs to the caller, as the directory it chose does.
+    // A completed file belongs to the caller, as the directory it chose does; one in the default
+    // directory only the caller reads. No row touches root's file behind a swapped directory.
     const QList<QByteArray> last = lines.value(lines.size() - 2).split(' ');
     const QFileInfo file(QString::fromUtf8(last.last()));
-    QVERIFY(last.value(2) != "Completed" || file.ownerId() == QFileInfo(file.path()).ownerId());
+    struct stat st {};
+    const bool fallback = file.path() == "/tmp" && stat(last.last(), &st) == 0;
+    QVERIFY(last.value(2) != "Completed" || (fallback ? (st.st_mode & 0777) == 0600
+                                                      : file.ownerId() == QFileInfo(file.path()).ownerId()));
+    QCOMPARE(readFile(shared->path("db/p.bin")), QByteArray(geteuid() == 0 ? "root's" : ""));
 }
 
 void tst_Dlctl::watchers()

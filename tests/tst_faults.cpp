@@ -64,6 +64,7 @@ const StoredRow kStoredRows[] = {
     {"failed", 8, 4096, 0, 0, -1, true, "Completed", "-", "1 4 4096 4096"},
     {"ftp", 32, 4096, 0, 0, -1, true, "Failed", "", "32 4 0 0"},
     {"symlink", 32, 4096, 4096, 0, 100, false, "Failed", "-", "8 3 0 4096"},
+    {"replaced", 32, 4096, 4096, 1000, 2000, false, "Failed", "-", "8 3 0 4096"},
 };
 // clang-format on
 
@@ -283,6 +284,8 @@ void tst_Faults::restoredRows()
             QFile f(real);
             QVERIFY(s.file < 0 || (f.open(QIODevice::WriteOnly) && f.write(s.onDisk()) == s.file));
             QVERIFY(real == path || QFile::link(real, path));
+            if (!qstrcmp(s.name, "replaced")) // stored as created, then replaced by another file
+                restored.sql("INSERT INTO download_extra VALUES ('replaced', 1, 1)");
         }
         QVERIFY(restored.start());
     }
