@@ -65,8 +65,8 @@ QString storedRowFault(const Download *download)
 DownloadManager::PathStatus resolveDirectory(uint uid, const QString &path, QString *canonical)
 {
     const FsIdentity identity(uid);
-    char *real = identity.active() ? ::realpath(QFile::encodeName(path).constData(), nullptr)
-                                   : nullptr;
+    char *real
+        = identity.active() ? ::realpath(QFile::encodeName(path).constData(), nullptr) : nullptr;
     if (!real)
         return !identity.active() || errno == EACCES ? DownloadManager::PathStatus::NotPermitted
                                                      : DownloadManager::PathStatus::NotADirectory;
@@ -152,8 +152,7 @@ bool DownloadManager::openDatabase(const QString &directory)
 void DownloadManager::loadDownloadPaths()
 {
     if (database) {
-        for (const DownloadDataBase::StoredPath &stored : database->downloadPaths())
-        {
+        for (const DownloadDataBase::StoredPath &stored : database->downloadPaths()) {
             // Stored canonical; cleaned, never resolved again: a link that appeared since is
             // not followed, and the download's open refuses it.
             const PathKey key(stored.ownerUid, stored.clientID);
@@ -303,18 +302,14 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
 }
 
 void DownloadManager::createDownload(const QString &uniqueID, const QString &clientID,
-                                     const QString &name, const QString &contentURL,
-                                     const QString &filePath, unsigned int state,
-                                     unsigned int failureCode, long long totalSize,
-                                     long long amountDownloaded, long long startTime,
-                                     uint ownerUid, const FileIdentity &fileIdentity)
+    const QString &name, const QString &contentURL, const QString &filePath, unsigned int state,
+    unsigned int failureCode, long long totalSize, long long amountDownloaded, long long startTime,
+    uint ownerUid, const FileIdentity &fileIdentity)
 {
     // Reserved by its canonical form, as new paths are.
-    const QString canonical =
-        QDir::isAbsolutePath(filePath) ? QDir::cleanPath(filePath) : filePath;
-    Download *download =
-        new Download(this, networkManager, uniqueID, clientID, name, contentURL, canonical, state,
-                     failureCode, totalSize, amountDownloaded, startTime);
+    const QString canonical = QDir::isAbsolutePath(filePath) ? QDir::cleanPath(filePath) : filePath;
+    Download *download = new Download(this, networkManager, uniqueID, clientID, name, contentURL,
+        canonical, state, failureCode, totalSize, amountDownloaded, startTime);
     download->setMaxRetries(maxRetries);
     download->ownerUid = ownerUid;
     download->fileIdentity = fileIdentity;
@@ -383,7 +378,7 @@ DownloadManager::PathStatus DownloadManager::setDownloadPath(const QString &clie
     // Relative paths would land in whatever the service's working directory is.
     if (!QDir::isAbsolutePath(given)) {
         DLM_LOGE("Download path \"%s\" of %s refused: not an absolute path",
-                 given.toLocal8Bit().constData(), clientID.toLocal8Bit().constData());
+            given.toLocal8Bit().constData(), clientID.toLocal8Bit().constData());
         return PathStatus::NotAbsolute;
     }
     // Canonical, so that no two spellings of one directory give one file to two downloads.
@@ -391,8 +386,8 @@ DownloadManager::PathStatus DownloadManager::setDownloadPath(const QString &clie
     const PathStatus status = resolveDirectory(ownerUid, given, &stored);
     if (status != PathStatus::Set) {
         DLM_LOGE("Download path \"%s\" of %s refused for uid %u: %s",
-                 given.toLocal8Bit().constData(), clientID.toLocal8Bit().constData(), ownerUid,
-                 status == PathStatus::NotPermitted ? "not permitted" : "no such directory");
+            given.toLocal8Bit().constData(), clientID.toLocal8Bit().constData(), ownerUid,
+            status == PathStatus::NotPermitted ? "not permitted" : "no such directory");
         return status;
     }
     DLM_LOGD("clientID = %s Download path=%s", clientID.toLocal8Bit().constData(),
@@ -536,8 +531,8 @@ bool DownloadManager::mayTouch(uint callerUid, const Download *download)
     return callerUid == 0 || download->ownerUid == callerUid;
 }
 
-bool DownloadManager::inChosenDirectory(uint ownerUid, const QString &clientID,
-                                        const QString &filePath) const
+bool DownloadManager::inChosenDirectory(
+    uint ownerUid, const QString &clientID, const QString &filePath) const
 {
     const PathKey key(ownerUid, clientID);
     return chosenPaths.contains(key) && QFileInfo(filePath).path() == downloadPaths.value(key);

@@ -66,10 +66,9 @@ public:
     // A stored row comes back as it was, unless its URL is not http(s) or its path not one
     // these rules give: that one is logged and stays Failed, never launched nor resumed.
     void createDownload(const QString &uniqueID, const QString &clientID, const QString &name,
-                        const QString &contentURL, const QString &filePath, unsigned int state,
-                        unsigned int failureCode, long long totalSize, long long amountDownloaded,
-                        long long startTime, uint ownerUid = 0,
-                        const FileIdentity &fileIdentity = {});
+        const QString &contentURL, const QString &filePath, unsigned int state,
+        unsigned int failureCode, long long totalSize, long long amountDownloaded,
+        long long startTime, uint ownerUid = 0, const FileIdentity &fileIdentity = {});
     // 32 lowercase hexadecimal characters, different on every call.
     QString getUniqueID(const QString &url);
     QString getFileName(const QString &clientID, const QString &url, uint ownerUid = 0);

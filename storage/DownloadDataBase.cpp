@@ -304,8 +304,8 @@ bool DownloadDataBase::deleteEntry(Download *download)
     return run(query, QStringLiteral("DELETE FROM download_extra WHERE uniqueID = ?"),
                { download->uniqueID })
         && run(query,
-               QStringLiteral("DELETE FROM ") + kTable + QStringLiteral(" WHERE uniqueID = ?"),
-               { download->uniqueID });
+            QStringLiteral("DELETE FROM ") + kTable + QStringLiteral(" WHERE uniqueID = ?"),
+            { download->uniqueID });
 }
 
 void DownloadDataBase::getDownloadList()
@@ -325,10 +325,10 @@ void DownloadDataBase::getDownloadList()
     QSet<QString> clientIDs;
     while (query.next()) {
         const QString clientID = *clientIDs.insert(query.value(1).toString());
-        manager->createDownload(query.value(0).toString(), clientID,
-            query.value(2).toString(), query.value(3).toString(), query.value(4).toString(),
-            query.value(5).toUInt(), query.value(6).toUInt(), query.value(7).toLongLong(),
-            query.value(8).toLongLong(), query.value(9).toLongLong(), query.value(10).toUInt(),
+        manager->createDownload(query.value(0).toString(), clientID, query.value(2).toString(),
+            query.value(3).toString(), query.value(4).toString(), query.value(5).toUInt(),
+            query.value(6).toUInt(), query.value(7).toLongLong(), query.value(8).toLongLong(),
+            query.value(9).toLongLong(), query.value(10).toUInt(),
             FileIdentity { query.value(11).toULongLong(), query.value(12).toULongLong(),
                 query.value(13).toBool() });
     }

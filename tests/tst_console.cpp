@@ -134,12 +134,14 @@ private slots:
         for (const QString &name : taken << QString())
             QVERIFY(QDir().mkpath(dir + '/' + name)); // a directory takes a name as well as a file
         // @A: more than may be used, less than is free counting root's reserve (if there is one).
-        struct statvfs fs {};
+        struct statvfs fs { };
         QVERIFY(statvfs(dir, &fs) == 0);
         const auto beyond = (fs.f_bavail + (fs.f_bfree - fs.f_bavail) / 2) * fs.f_bsize + 1;
         Lines seen;
         for (const QByteArray &part : input.split('|')) {
-            seen += ask(shell, QByteArray(part).replace("@R", dir).replace("@A", QByteArray::number(quint64(beyond))));
+            seen += ask(shell,
+                QByteArray(part).replace("@R", dir).replace(
+                    "@A", QByteArray::number(quint64(beyond))));
             QVERIFY(QDir(dir).removeRecursively());
         }
         QCOMPARE(seen.join('\n').replace(dir, "@R"), expected.join('\n'));

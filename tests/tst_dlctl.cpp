@@ -102,7 +102,8 @@ void tst_Dlctl::buildShared()
     }
     QVERIFY(as(-1, "set-path dots " + s.path() + "/./downloads//"));
     for (const QString &n : QStringList {"n1", "n2 --client dots"})
-        QVERIFY(as(-1, "create " + url("/dlmtest-never") + " --id " + n) && as(-1, "pause " + n.left(2)));
+        QVERIFY(as(-1, "create " + url("/dlmtest-never") + " --id " + n)
+            && as(-1, "pause " + n.left(2)));
     // The record as the interface carries it holds what is stored, member for member.
     const auto probe = s.client({DLPROBE_BINARY, "record", "p"});
     const QVariantList row = s.sql("SELECT * FROM downloads WHERE uniqueID = 'p'").value(0);
@@ -152,7 +153,8 @@ void tst_Dlctl::requests_data()
     row("a file outside one's directory is private", "b",
         "create URL/dlmtest-0600 --client other --id fb --wait", 0,
         "fb\nfb other Completed 70000 70000 /tmp/dlmtest-0600\n");
-    row("what lies below a closed directory", "a", "set-path app @/db/none", 1, "", "not permitted");
+    row("what lies below a closed directory", "a", "set-path app @/db/none", 1, "",
+        "not permitted");
     row("resumed through a swapped directory", "root", "resume swap", 0, "",
         "swap failed: cannot write @/a/dl/p.bin: Too many levels of symbolic links");
     row("the swapped directory not followed", "root", "status swap", 0,
@@ -193,10 +195,11 @@ void tst_Dlctl::requests()
     // directory only the caller reads. No row touches root's file behind a swapped directory.
     const QList<QByteArray> last = lines.value(lines.size() - 2).split(' ');
     const QFileInfo file(QString::fromUtf8(last.last()));
-    struct stat st {};
+    struct stat st { };
     const bool fallback = file.path() == "/tmp" && stat(last.last(), &st) == 0;
-    QVERIFY(last.value(2) != "Completed" || (fallback ? (st.st_mode & 0777) == 0600
-                                                      : file.ownerId() == QFileInfo(file.path()).ownerId()));
+    QVERIFY(last.value(2) != "Completed"
+        || (fallback ? (st.st_mode & 0777) == 0600
+                     : file.ownerId() == QFileInfo(file.path()).ownerId()));
     QCOMPARE(readFile(shared->path("db/p.bin")), QByteArray(geteuid() == 0 ? "root's" : ""));
 }
 

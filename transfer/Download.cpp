@@ -392,7 +392,8 @@ void Download::failLocalFile()
 bool Download::prepareFile(qint64 offset)
 {
     // Unbuffered: a committed byte is in the file before it is counted and stored.
-    if (!transfer().file.isOpen() && !transfer().file.openExisting(filePath, ownerUid, &fileIdentity))
+    if (!transfer().file.isOpen()
+        && !transfer().file.openExisting(filePath, ownerUid, &fileIdentity))
         return false;
     if (transfer().file.size() < offset)
         return false;

@@ -119,8 +119,8 @@ bool OwnedFile::removeAs(const QString &path, uid_t owner, const FileIdentity &i
         && judge(st, as.uid(), identity) == 0 && unlinkat(at.dir, at.name.constData(), 0) == 0;
 }
 
-bool OwnedFile::adopt(int fd, uid_t owner, FileIdentity *identity, bool created, bool empty,
-                      QIODevice::OpenMode mode)
+bool OwnedFile::adopt(
+    int fd, uid_t owner, FileIdentity *identity, bool created, bool empty, QIODevice::OpenMode mode)
 {
     if (fd < 0)
         return fail(errno);

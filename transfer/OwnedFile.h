@@ -37,6 +37,6 @@ public:
 
 private:
     bool adopt(int fd, uid_t owner, FileIdentity *identity, bool created, bool empty,
-               QIODevice::OpenMode mode);
+        QIODevice::OpenMode mode);
     bool fail(int why); // keeps why's text as the error string
 };
