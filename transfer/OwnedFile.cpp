@@ -38,6 +38,11 @@ int openDirectory(const QByteArray &path)
             continue;
         const int next = part == ".." ? (errno = ELOOP, -1)
                                       : ::openat(fd, part.constData(), kDirFlags | O_NOFOLLOW);
+        struct stat st { };
+        // A link is named as openat2 names it, not "not a directory".
+        if (next < 0 && errno == ENOTDIR
+            && fstatat(fd, part.constData(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode))
+            errno = ELOOP;
         const int why = errno;
         ::close(fd);
         errno = why;
