@@ -6,7 +6,8 @@
 class DLTools
 {
 public:
-    // Free bytes of the file system holding path (blocks reserved for root included), or -1.
+    // Bytes of the file system holding path that may still be used (blocks reserved for root
+    // excluded: the installed service cannot use them), or -1.
     long long getAvailableSize(QString path);
     // Identifier of the device (file system) that holds path, or -1 when path cannot be read.
     long long getDeviceID(const QString &path);

@@ -11,7 +11,7 @@ long long DLTools::getAvailableSize(QString path)
     struct statvfs info;
     if (statvfs(native.constData(), &info) != 0)
         return -1;
-    return static_cast<long long>(info.f_bsize) * static_cast<long long>(info.f_bfree);
+    return static_cast<long long>(info.f_bsize) * static_cast<long long>(info.f_bavail);
 }
 
 long long DLTools::getDeviceID(const QString &path)

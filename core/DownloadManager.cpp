@@ -29,6 +29,7 @@
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -57,13 +58,26 @@ QString storedRowFault(const Download *download)
     return QString();
 }
 
-// The kernel's answer for that user: with AT_EACCESS it judges the file-system identity.
-bool writableBy(uint uid, const QString &directory)
+// The directory path names, resolved to its canonical form as uid: what the uid could not
+// search stays hidden (NotPermitted whether it exists or not), and the uid must be able to
+// write and search the directory itself (with AT_EACCESS the kernel judges the file-system
+// identity). Root's directory may lie under another user's: every file is reached without links.
+DownloadManager::PathStatus resolveDirectory(uint uid, const QString &path, QString *canonical)
 {
     const FsIdentity identity(uid);
-    return identity.active()
-        && faccessat(AT_FDCWD, QFile::encodeName(directory).constData(), W_OK | X_OK, AT_EACCESS)
-        == 0;
+    char *real
+        = identity.active() ? ::realpath(QFile::encodeName(path).constData(), nullptr) : nullptr;
+    if (!real)
+        return !identity.active() || errno == EACCES ? DownloadManager::PathStatus::NotPermitted
+                                                     : DownloadManager::PathStatus::NotADirectory;
+    *canonical = QFile::decodeName(real);
+    struct stat st { };
+    const bool directory = ::stat(real, &st) == 0 && S_ISDIR(st.st_mode);
+    const bool writable = uid == 0 || faccessat(AT_FDCWD, real, W_OK | X_OK, AT_EACCESS) == 0;
+    free(real);
+    if (!directory)
+        return DownloadManager::PathStatus::NotADirectory;
+    return writable ? DownloadManager::PathStatus::Set : DownloadManager::PathStatus::NotPermitted;
 }
 
 // An installed service is told where its settings are (the unit names the file under /etc);
@@ -138,8 +152,13 @@ bool DownloadManager::openDatabase(const QString &directory)
 void DownloadManager::loadDownloadPaths()
 {
     if (database) {
-        for (const DownloadDataBase::StoredPath &stored : database->downloadPaths())
-            downloadPaths.insert(PathKey(stored.ownerUid, stored.clientID), stored.path);
+        for (const DownloadDataBase::StoredPath &stored : database->downloadPaths()) {
+            // Stored canonical; cleaned, never resolved again: a link that appeared since is
+            // not followed, and the download's open refuses it.
+            const PathKey key(stored.ownerUid, stored.clientID);
+            downloadPaths.insert(key, QDir::cleanPath(stored.path));
+            chosenPaths.insert(key);
+        }
     }
     ensureDownloadPath(kDefaultClientID, kDefaultPath);
 }
@@ -271,6 +290,7 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     download->setMaxRetries(maxRetries);
     download->filePath = filePath;
     download->ownerUid = ownerUid;
+    download->privateFile = !inChosenDirectory(ownerUid, clientID, filePath);
     download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
              download->uniqueID.toLocal8Bit().constData(),
@@ -282,18 +302,19 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
 }
 
 void DownloadManager::createDownload(const QString &uniqueID, const QString &clientID,
-                                     const QString &name, const QString &contentURL,
-                                     const QString &filePath, unsigned int state,
-                                     unsigned int failureCode, long long totalSize,
-                                     long long amountDownloaded, long long startTime,
-                                     uint ownerUid)
+    const QString &name, const QString &contentURL, const QString &filePath, unsigned int state,
+    unsigned int failureCode, long long totalSize, long long amountDownloaded, long long startTime,
+    uint ownerUid, const FileIdentity &fileIdentity)
 {
-    Download *download =
-        new Download(this, networkManager, uniqueID, clientID, name, contentURL, filePath, state,
-                     failureCode, totalSize, amountDownloaded, startTime);
+    // Reserved by its canonical form, as new paths are.
+    const QString canonical = QDir::isAbsolutePath(filePath) ? QDir::cleanPath(filePath) : filePath;
+    Download *download = new Download(this, networkManager, uniqueID, clientID, name, contentURL,
+        canonical, state, failureCode, totalSize, amountDownloaded, startTime);
     download->setMaxRetries(maxRetries);
     download->ownerUid = ownerUid;
-    reservedPaths.insert(filePath);
+    download->fileIdentity = fileIdentity;
+    download->privateFile = !inChosenDirectory(ownerUid, clientID, canonical);
+    reservedPaths.insert(canonical);
     downloads.append(download);
     const QString fault = storedRowFault(download);
     if (!fault.isEmpty()) {
@@ -351,28 +372,28 @@ DownloadManager::PathStatus DownloadManager::setDownloadPath(const QString &clie
                  ownerUid);
         return PathStatus::NotPermitted;
     }
-    QString stored = path;
-    if (stored.startsWith(QLatin1String("~/")))
-        stored.replace(QLatin1Char('~'), QDir::homePath());
+    QString given = path;
+    if (given.startsWith(QLatin1String("~/")))
+        given.replace(QLatin1Char('~'), QDir::homePath());
     // Relative paths would land in whatever the service's working directory is.
-    if (!QDir::isAbsolutePath(stored)) {
+    if (!QDir::isAbsolutePath(given)) {
         DLM_LOGE("Download path \"%s\" of %s refused: not an absolute path",
-                 stored.toLocal8Bit().constData(), clientID.toLocal8Bit().constData());
+            given.toLocal8Bit().constData(), clientID.toLocal8Bit().constData());
         return PathStatus::NotAbsolute;
     }
-    if (!QFileInfo(stored).isDir()) {
-        DLM_LOGE("Download path \"%s\" of %s refused: no such directory",
-                 stored.toLocal8Bit().constData(), clientID.toLocal8Bit().constData());
-        return PathStatus::NotADirectory;
-    }
-    if (ownerUid != 0 && !writableBy(ownerUid, stored)) {
-        DLM_LOGE("Download path \"%s\" of %s refused: uid %u may not write there",
-                 stored.toLocal8Bit().constData(), clientID.toLocal8Bit().constData(), ownerUid);
-        return PathStatus::NotPermitted;
+    // Canonical, so that no two spellings of one directory give one file to two downloads.
+    QString stored;
+    const PathStatus status = resolveDirectory(ownerUid, given, &stored);
+    if (status != PathStatus::Set) {
+        DLM_LOGE("Download path \"%s\" of %s refused for uid %u: %s",
+            given.toLocal8Bit().constData(), clientID.toLocal8Bit().constData(), ownerUid,
+            status == PathStatus::NotPermitted ? "not permitted" : "no such directory");
+        return status;
     }
     DLM_LOGD("clientID = %s Download path=%s", clientID.toLocal8Bit().constData(),
              stored.toLocal8Bit().constData());
     downloadPaths.insert(PathKey(ownerUid, clientID), stored);
+    chosenPaths.insert(PathKey(ownerUid, clientID));
     if (database)
         database->storeDownloadPath(ownerUid, clientID, stored);
     return PathStatus::Set;
@@ -383,7 +404,7 @@ void DownloadManager::ensureDownloadPath(const QString &clientID, const QString 
 {
     const PathKey key(ownerUid, clientID);
     if (!downloadPaths.contains(key))
-        downloadPaths.insert(key, path);
+        downloadPaths.insert(key, QDir::cleanPath(path));
 }
 
 QString DownloadManager::getDownloadPath(const QString &clientID, uint ownerUid)
@@ -510,6 +531,13 @@ bool DownloadManager::mayTouch(uint callerUid, const Download *download)
     return callerUid == 0 || download->ownerUid == callerUid;
 }
 
+bool DownloadManager::inChosenDirectory(
+    uint ownerUid, const QString &clientID, const QString &filePath) const
+{
+    const PathKey key(ownerUid, clientID);
+    return chosenPaths.contains(key) && QFileInfo(filePath).path() == downloadPaths.value(key);
+}
+
 Download *DownloadManager::find(const QString &uniqueID) const
 {
     for (Download *download : downloads) {
@@ -571,6 +599,7 @@ void DownloadManager::discard(Download *download)
                  download->uniqueID.toLocal8Bit().constData());
     const QString path = download->filePath;
     const uint owner = download->ownerUid;
+    const FileIdentity identity = download->fileIdentity;
     // A completed file is the user's content; anything else is litter.
     const bool keepFile = download->state == Download::Completed;
     delete download;
@@ -581,7 +610,7 @@ void DownloadManager::discard(Download *download)
     reservedPaths.remove(path);
     // As the owner: a name the owner could not remove stays.
     if (!keepFile)
-        OwnedFile::removeAs(path, owner);
+        OwnedFile::removeAs(path, owner, identity);
 }
 
 // ---- Requests from other threads ----

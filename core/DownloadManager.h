@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DirectoryLock.h"
+#include "OwnedFile.h"
 
 #include <QHash>
 #include <QList>
@@ -65,16 +66,17 @@ public:
     // A stored row comes back as it was, unless its URL is not http(s) or its path not one
     // these rules give: that one is logged and stays Failed, never launched nor resumed.
     void createDownload(const QString &uniqueID, const QString &clientID, const QString &name,
-                        const QString &contentURL, const QString &filePath, unsigned int state,
-                        unsigned int failureCode, long long totalSize, long long amountDownloaded,
-                        long long startTime, uint ownerUid = 0);
+        const QString &contentURL, const QString &filePath, unsigned int state,
+        unsigned int failureCode, long long totalSize, long long amountDownloaded,
+        long long startTime, uint ownerUid = 0, const FileIdentity &fileIdentity = {});
     // 32 lowercase hexadecimal characters, different on every call.
     QString getUniqueID(const QString &url);
     QString getFileName(const QString &clientID, const QString &url, uint ownerUid = 0);
     // Stores an existing absolute directory (a leading "~/" is the home directory) for the
-    // client of that uid, in memory and in the database; anything else is refused and changes
-    // nothing. A uid other than 0 must be able to write and search the directory itself, and
-    // may not set "DEFAULT_CLIENT_ID" (NotPermitted).
+    // client of that uid, in memory and in the database, in canonical form (realpath); anything
+    // else is refused and changes nothing. It is resolved as that uid, so below a directory the
+    // uid may not search every path is NotPermitted. A uid other than 0 must be able to write
+    // and search the directory itself, and may not set "DEFAULT_CLIENT_ID" (NotPermitted).
     PathStatus setDownloadPath(const QString &clientID, const QString &path, uint ownerUid = 0);
     // Gives the client this directory, in memory only, unless it has one already.
     void ensureDownloadPath(const QString &clientID, const QString &path, uint ownerUid = 0);
@@ -126,6 +128,8 @@ private:
     int countSetting(const QString &key, int defaultValue);
     void loadDownloadPaths();
     Download *find(const QString &uniqueID) const;
+    // Whether filePath lies in the directory the owner chose for the client.
+    bool inChosenDirectory(uint ownerUid, const QString &clientID, const QString &filePath) const;
     bool identifierInUse(const QString &uniqueID) const;
     // Aborts, unstores and destroys a download that is no longer in the list.
     void discard(Download *download);
@@ -139,7 +143,9 @@ private:
     QList<Download *> downloads;
     QList<DLBaseClient *> clients;
     DownloadDataBase *database;
+    // Canonical directories; chosenPaths are those a uid set itself (not defaults).
     QHash<PathKey, QString> downloadPaths;
+    QSet<PathKey> chosenPaths;
     // File paths of the live downloads, so that a new download never shares one.
     QSet<QString> reservedPaths;
     QSettings *settings;

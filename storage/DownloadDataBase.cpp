@@ -20,6 +20,9 @@ const QString kUpsert = QStringLiteral(
     "ON CONFLICT(uniqueID) DO UPDATE SET state = excluded.state, name = excluded.name, "
     "failureCode = excluded.failureCode, totalSize = excluded.totalSize, "
     "amountDownloaded = excluded.amountDownloaded");
+const QString kExtra = QStringLiteral(
+    "INSERT OR REPLACE INTO download_extra (uniqueID, fileDevice, fileInode) VALUES (?, ?, ?)");
+constexpr int kSchemaVersion = 1;
 const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
 
 QByteArray local(const QString &text)
@@ -85,18 +88,39 @@ bool DownloadDataBase::open(const QString &path)
         close();
         return false;
     }
+    if (!migrate()) {
+        close();
+        return false;
+    }
     useWriteAheadLog();
     // Rows are written and read in order: a small page cache costs nothing, 2 MiB stays resident.
     QSqlQuery cache;
     run(cache, QStringLiteral("PRAGMA cache_size=-256"), {});
     upsert = QSqlQuery(db);
     exists = QSqlQuery(db);
+    extra = QSqlQuery(db);
     exists.setForwardOnly(true);
-    if (!prepare(upsert, kUpsert) || !prepare(exists, kExists)) {
+    if (!prepare(upsert, kUpsert) || !prepare(exists, kExists) || !prepare(extra, kExtra)) {
         close();
         return false;
     }
     return true;
+}
+
+bool DownloadDataBase::migrate()
+{
+    QSqlQuery query;
+    if (!run(query, QStringLiteral("PRAGMA user_version"), {}))
+        return false;
+    const int version = query.next() ? query.value(0).toInt() : 0;
+    query.finish();
+    // Version 1: the identity of each download's file. Rows without one are older downloads.
+    return version >= kSchemaVersion
+        || (run(query,
+                QStringLiteral("CREATE TABLE IF NOT EXISTS download_extra (uniqueID TEXT PRIMARY "
+                               "KEY, fileDevice INTEGER NOT NULL, fileInode INTEGER NOT NULL)"),
+                {})
+            && run(query, QStringLiteral("PRAGMA user_version = %1").arg(kSchemaVersion), {}));
 }
 
 bool DownloadDataBase::useWriteAheadLog()
@@ -155,7 +179,9 @@ void DownloadDataBase::close()
     flush();
     flushTimer.stop();
     writtenState.clear();
+    writtenIdentity.clear();
     upsert = QSqlQuery();
+    extra = QSqlQuery();
     exists = QSqlQuery();
     if (db.isOpen())
         db.close();
@@ -212,7 +238,10 @@ void DownloadDataBase::store(Download *download)
         return;
     pending.insert(download);
     const auto written = writtenState.constFind(download);
-    if (written == writtenState.constEnd() || written.value() != download->state)
+    const auto identity = writtenIdentity.constFind(download);
+    // A file's identity is stored the moment it is created: it guards every later open.
+    if (written == writtenState.constEnd() || written.value() != download->state
+        || (identity != writtenIdentity.constEnd() && identity.value() != download->fileIdentity))
         flush();
     else if (!flushTimer.isActive())
         flushTimer.start();
@@ -247,6 +276,14 @@ bool DownloadDataBase::write(Download *download)
                 download->amountDownloaded, download->startTime, download->ownerUid }))
         return false;
     writtenState.insert(download, download->state);
+    // An older download's row gets one once its file is known.
+    const FileIdentity &file = download->fileIdentity;
+    const auto identity = writtenIdentity.constFind(download);
+    if (identity == writtenIdentity.constEnd() ? file.unrecorded : identity.value() == file)
+        return true;
+    if (!exec(extra, kExtra, { download->uniqueID, file.device, file.inode }))
+        return false;
+    writtenIdentity.insert(download, file);
     return true;
 }
 
@@ -254,6 +291,7 @@ void DownloadDataBase::forget(Download *download)
 {
     pending.remove(download);
     writtenState.remove(download);
+    writtenIdentity.remove(download);
 }
 
 bool DownloadDataBase::deleteEntry(Download *download)
@@ -263,9 +301,11 @@ bool DownloadDataBase::deleteEntry(Download *download)
     if (!isDBEntryAvailable(download->uniqueID))
         return false;
     QSqlQuery query;
-    return run(query,
-        QStringLiteral("DELETE FROM ") + kTable + QStringLiteral(" WHERE uniqueID = ?"),
-        { download->uniqueID });
+    return run(query, QStringLiteral("DELETE FROM download_extra WHERE uniqueID = ?"),
+               { download->uniqueID })
+        && run(query,
+            QStringLiteral("DELETE FROM ") + kTable + QStringLiteral(" WHERE uniqueID = ?"),
+            { download->uniqueID });
 }
 
 void DownloadDataBase::getDownloadList()
@@ -274,8 +314,9 @@ void DownloadDataBase::getDownloadList()
     query.setForwardOnly(true);
     if (!run(query,
             QStringLiteral("SELECT uniqueID, clientID, name, contentURL, filePath, state, "
-                           "failureCode, totalSize, amountDownloaded, startTime, ownerUid FROM ")
-                + kTable,
+                           "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
+                           "fileDevice, fileInode, fileInode IS NULL FROM ")
+                + kTable + QStringLiteral(" LEFT JOIN download_extra USING (uniqueID)"),
             {}))
         return;
     // Each row goes to the manager at once: launching it updates that same row on this
@@ -284,10 +325,12 @@ void DownloadDataBase::getDownloadList()
     QSet<QString> clientIDs;
     while (query.next()) {
         const QString clientID = *clientIDs.insert(query.value(1).toString());
-        manager->createDownload(query.value(0).toString(), clientID,
-            query.value(2).toString(), query.value(3).toString(), query.value(4).toString(),
-            query.value(5).toUInt(), query.value(6).toUInt(), query.value(7).toLongLong(),
-            query.value(8).toLongLong(), query.value(9).toLongLong(), query.value(10).toUInt());
+        manager->createDownload(query.value(0).toString(), clientID, query.value(2).toString(),
+            query.value(3).toString(), query.value(4).toString(), query.value(5).toUInt(),
+            query.value(6).toUInt(), query.value(7).toLongLong(), query.value(8).toLongLong(),
+            query.value(9).toLongLong(), query.value(10).toUInt(),
+            FileIdentity { query.value(11).toULongLong(), query.value(12).toULongLong(),
+                query.value(13).toBool() });
     }
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "OwnedFile.h"
+
 #include <QHash>
 #include <QList>
 #include <QSet>
@@ -14,7 +16,9 @@ class DownloadManager;
 
 // The "downloads" table in SQLite, one row per download with its owner's uid (a column added in
 // place to older files, their rows read as root's), and the "download_paths" table, one
-// directory per (owner uid, client id), on Qt's default connection. Main thread only. Every
+// directory per (owner uid, client id), and the "download_extra" table, the per-download values
+// "downloads" has no column for (the identity of the file it created), on Qt's default
+// connection; PRAGMA user_version counts the schema's migrations. Main thread only. Every
 // failure is a false result (and one ERROR line in the platform log).
 //
 // Reports are written behind: store() marks a row changed and every changed row is written in
@@ -65,6 +69,8 @@ private:
     // Runs a statement prepared once for the connection with these values.
     bool exec(QSqlQuery &query, const QString &statement, const QVariantList &values);
     bool write(Download *download);
+    // Brings an older file's schema up to this version; false when it cannot be.
+    bool migrate();
 
     QSqlDatabase db;
     DownloadManager *manager;
@@ -74,5 +80,7 @@ private:
     // Downloads whose row is behind, and the state last written for each stored download.
     QSet<Download *> pending;
     QHash<const Download *, unsigned> writtenState;
+    QHash<const Download *, FileIdentity> writtenIdentity;
+    QSqlQuery extra;
     QTimer flushTimer;
 };

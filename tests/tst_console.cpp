@@ -5,6 +5,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <sys/statvfs.h>
 
 using Lines = QList<QByteArray>;
 
@@ -80,7 +81,7 @@ private slots:
         row("paths", {.input = "download_path @R/none\ndownload_path\ndownload_path rel\ndownload_path ~/dl",
             .expected = {"Path @R/none refused: no such directory.", "Path  refused: not an absolute path.", "Path rel refused: not an absolute path.", "Path ~/dl set."}});
         row("space", {.input = "download_path @R\n" + dp + "100\n" + dp + "9223372036854775807\n" + huge
-            + "\n" + dp + "-1|" + dp + "1", .expected = {"Path @R set.", res + "0.", res + "1.", invalid(huge), invalid(dp + "-1"), res + "2."}});
+            + "\n" + dp + "-1\n" + dp + "@A|" + dp + "1", .expected = {"Path @R set.", res + "0.", res + "1.", invalid(huge), invalid(dp + "-1"), res + "1.", res + "2."}});
         // The first change line names the file; the download is removed before it hears anything.
         const QByteArray url = "\ncreate http://127.0.0.1:" + QByteArray::number(sink.serverPort());
         const auto name = [&](const char *tag, auto path, QString file, QStringList taken = {}) {
@@ -126,9 +127,13 @@ private slots:
         const QByteArray dir = shell.path("downloads/" + QString::number(mark)).toUtf8();
         for (const QString &name : row.taken << QString())
             QVERIFY(QDir().mkpath(dir + '/' + name)); // a directory takes a name as well as a file
+        // @A: more than may be used, less than is free counting root's reserve (if there is one).
+        struct statvfs fs { };
+        QVERIFY(statvfs(dir, &fs) == 0);
+        const auto beyond = (fs.f_bavail + (fs.f_bfree - fs.f_bavail) / 2) * fs.f_bsize + 1;
         Lines seen;
         for (const QByteArray &part : row.input.split('|')) {
-            seen += ask(shell, QByteArray(part).replace("@R", dir));
+            seen += ask(shell, QByteArray(part).replace("@R", dir).replace("@A", QByteArray::number(quint64(beyond))));
             QVERIFY(QDir(dir).removeRecursively());
         }
         QCOMPARE(seen.join('\n').replace(dir, "@R"), row.expected.join('\n'));

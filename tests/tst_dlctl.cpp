@@ -52,11 +52,12 @@ private slots:
         server.setResource("/w.bin", {.body = body.left(200000), .chunkSize = 8192, .chunkDelayMs = 30});
         server.setResource("/huge", {.body = body.left(4096), .stallAfter = 4096, .contentLength = 1LL << 50});
         server.setResource("/dlmtest-never", {.neverAnswer = true});
-        for (const char *path : {"/a", "/f", "/w2"})
+        for (const char *path : {"/a", "/f", "/w2", "/dlmtest-0600"})
             server.setBody(path, body.left(70000));
         server.setBody("/tw%C3%B6", "second!");
         // Kept after the run: the scenarios that run beside this one act as them too.
         QProcess::execute("sh", {"-c", "(useradd -r dlmtest-a; useradd -r dlmtest-b) 2>/dev/null"});
+        QFile::remove("/tmp/dlmtest-0600");
     }
     void cleanupTestCase()
     {
@@ -71,10 +72,12 @@ private slots:
     void manyStoredAreListed();
 };
 
-// Started under umask 077, every data notification written and reported at once: "huge" wants
+// Started under umask 027, every data notification written and reported at once: "huge" wants
 // 2^50 bytes, "p" paused at 100000 of 300000 has its file replaced by a link, client "shm" is on
-// another file system. As root: dlmtest-a's "theirs" stalls in "a", untouched by dlmtest-b's
-// "pause all"; dlmtest-b watches, its client "app" in "b" kept when dlmtest-a sets its own.
+// another file system, n1 and n2 wait for one name in one directory spelled two ways. As root:
+// dlmtest-a's "theirs" stalls in "a", untouched by dlmtest-b's "pause all"; root's "swap" paused
+// in "a/dl", which dlmtest-a then replaces by a link to root's "db"; dlmtest-b watches, its client
+// "app" in "b" kept when dlmtest-a sets its own.
 void tst_Dlctl::buildShared()
 {
     shared.reset(new Service({{"max_downloads_per_user", "2"}},
@@ -84,7 +87,8 @@ void tst_Dlctl::buildShared()
         return s.dlctl(args.split(' '), user < 0 ? QString() : kUsers[user]).code == 0;
     };
     QVERIFY(chmod(QFile::encodeName(s.path()), 0755) == 0 && QDir().rmdir(s.path("binder")));
-    QVERIFY(s.start([] { umask(077); }) && as(-1, "set-path dlctl " + s.path("downloads")));
+    QVERIFY(chmod(QFile::encodeName(s.path("db")), 0700) == 0);
+    QVERIFY(s.start([] { umask(027); }) && as(-1, "set-path dlctl " + s.path("downloads")));
     QVERIFY(as(-1, "set-path shm " + shm.path()) && as(-1, "create " + url("/huge")));
     QVERIFY(as(-1, "create " + url("/p.bin") + " --id p --name Shown"));
     QVERIFY(s.waitErr("DL:  100000 / 300000") && as(-1, "pause p") && s.waitErr("\"Paused\""));
@@ -99,7 +103,19 @@ void tst_Dlctl::buildShared()
         QVERIFY(as(0, "set-path dlctl " + s.path("a")) && as(1, "set-path app " + s.path("b")) && as(0, "set-path app " + s.path("a")));
         QVERIFY(as(0, "create " + url("/p.bin") + " --id theirs"));
         QVERIFY(s.waitErr("/a/p.bin\"  status:  \"Progressing\"  DL:  100000 / 300000") && as(1, "pause all"));
+        QProcess::execute("install", {"-d", "-o", kUsers[0], s.path("a/dl")});
+        QVERIFY(as(-1, "set-path sys " + s.path("a/dl")));
+        QVERIFY(as(-1, "create " + url("/p.bin") + " --client sys --id swap"));
+        QVERIFY(s.waitErr("/a/dl/p.bin\"  status:  \"Progressing\"  DL:  100000 / 300000") && as(-1, "pause swap"));
+        QVERIFY(QDir().rename(s.path("a/dl"), s.path("a/dl.old")));
+        QFile secret(s.path("db/p.bin"));
+        QVERIFY(QFile::link(s.path("db"), s.path("a/dl")) && secret.open(QIODevice::WriteOnly));
+        QVERIFY(secret.write("root's") == 6);
     }
+    QVERIFY(as(-1, "set-path dots " + s.path() + "/./downloads//"));
+    for (const QString &n : QStringList {"n1", "n2 --client dots"})
+        QVERIFY(as(-1, "create " + url("/dlmtest-never") + " --id " + n)
+            && as(-1, "pause " + n.left(2)));
     // The record as the interface carries it holds what is stored, member for member.
     const auto probe = s.client({"dlprobe", "record", "p"});
     const QVariantList row = s.sql("SELECT * FROM downloads WHERE uniqueID = 'p'").value(0);
@@ -135,6 +151,11 @@ void tst_Dlctl::requests_data()
     row("root sees all", {.user = "root", .args = "status theirs", .out = "theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
     row("a user over its limit", {.user = "dlmtest-a", .before = {"create URL/f --id own"}, .args = "create URL/f", .code = 1, .said = "has 2 downloads, its limit"});
     row("resumed onto a planted link, not followed", {.before = {"resume p"}, .args = "status p", .out = "p dlctl Failed 0 300000 @/downloads/p.bin\n", .said = "Too many levels of symbolic links", .poll = true});
+    row("a file outside one's directory is private", {.user = "dlmtest-b", .args = "create URL/dlmtest-0600 --client other --id fb --wait", .out = "fb\nfb other Completed 70000 70000 /tmp/dlmtest-0600\n"});
+    row("what lies below a closed directory", {.user = "dlmtest-a", .args = "set-path app @/db/none", .code = 1, .said = "@/db/none is not permitted"});
+    row("resumed through a swapped directory", {.user = "root", .args = "resume swap", .said = "swap failed: cannot write @/a/dl/p.bin: Too many levels of symbolic links"});
+    row("removed through a swapped directory", {.user = "root", .args = "remove swap"});
+    row("one file however the directory is spelled", {.args = "status n2", .out = "n2 dots Paused 0 0 @/downloads/dlmtest-never.0\n"});
 }
 
 void tst_Dlctl::requests()
@@ -163,10 +184,16 @@ void tst_Dlctl::requests()
     QVERIFY2(r.err.contains(fill(row.said)) || shared->waitErr(fill(row.said), 1, mark), r.err);
     QVERIFY(!watcher || row.heard.isEmpty() || waitFor("the watcher to hear " + row.heard, [&] { return watcher->out().contains(row.heard); }));
     QVERIFY(!watcher || !watcher->out().contains("theirs"));
-    // A completed file belongs to the caller, as the directory it chose does.
+    // A completed file belongs to the caller, as the directory it chose does; one in the default
+    // directory only the caller reads. No row touches root's file behind a swapped directory.
     const QList<QByteArray> last = lines.value(lines.size() - 2).split(' ');
     const QFileInfo file(QString::fromUtf8(last.last()));
-    QVERIFY(last.value(2) != "Completed" || file.ownerId() == QFileInfo(file.path()).ownerId());
+    struct stat st { };
+    const bool fallback = file.path() == "/tmp" && stat(last.last(), &st) == 0;
+    QVERIFY(last.value(2) != "Completed"
+        || (fallback ? (st.st_mode & 0777) == 0600
+                     : file.ownerId() == QFileInfo(file.path()).ownerId()));
+    QCOMPARE(readFile(shared->path("db/p.bin")), QByteArray(geteuid() == 0 ? "root's" : ""));
 }
 
 void tst_Dlctl::watchers()

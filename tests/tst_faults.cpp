@@ -62,6 +62,7 @@ struct StoredRow {
     const char *scheme = "http";
     int state, size, total, amount, file;
     bool linked = false; // the file is a link to one elsewhere, which must stay as it is
+    bool replaced = false; // stored as created, then replaced by another file
     bool resume = false; // not launched at start, resumed by the test
     const char *end, *ranges, *stored; // stored by the end
     QByteArray body() const { return FakeHttpServer::makeBody(size, size); }
@@ -76,6 +77,7 @@ const StoredRow kStoredRows[] = {
     {.name = "failed", .state = 8, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .end = "Completed", .ranges = "-", .stored = "1 4 4096 4096"},
     {.name = "ftp", .scheme = "ftp", .state = 32, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .end = "Failed", .ranges = "", .stored = "32 4 0 0"},
     {.name = "symlink", .state = 32, .size = 4096, .total = 4096, .amount = 0, .file = 100, .linked = true, .end = "Failed", .ranges = "-", .stored = "8 3 0 4096"},
+    {.name = "replaced", .state = 32, .size = 4096, .total = 4096, .amount = 1000, .file = 2000, .replaced = true, .end = "Failed", .ranges = "-", .stored = "8 3 0 4096"},
 };
 // clang-format on
 
@@ -301,6 +303,8 @@ void tst_Faults::restoredRows()
             QFile f(real);
             QVERIFY(s.file < 0 || (f.open(QIODevice::WriteOnly) && f.write(s.onDisk()) == s.file));
             QVERIFY(real == path || QFile::link(real, path));
+            if (s.replaced)
+                restored.sql("INSERT INTO download_extra VALUES ('replaced', 1, 1)");
         }
         QVERIFY(restored.start());
     }

@@ -380,7 +380,8 @@ void Download::failLocalFile()
 bool Download::prepareFile(qint64 offset)
 {
     // Unbuffered: a committed byte is in the file before it is counted and stored.
-    if (!transfer().file.isOpen() && !transfer().file.openExisting(filePath, ownerUid))
+    if (!transfer().file.isOpen()
+        && !transfer().file.openExisting(filePath, ownerUid, &fileIdentity))
         return false;
     if (transfer().file.size() < offset)
         return false;
@@ -390,7 +391,8 @@ bool Download::prepareFile(qint64 offset)
 bool Download::saveToDisk(QByteArray data)
 {
     OwnedFile &file = transfer().file;
-    if (!file.isOpen() && !file.openFresh(filePath, ownerUid))
+    if (!file.isOpen()
+        && !file.openFresh(filePath, ownerUid, &fileIdentity, privateFile ? 0600 : 0666))
         return false;
     if (data.isEmpty())
         return true;

@@ -85,6 +85,10 @@ public:
     // Who created it (root for the console and for rows stored before owners were kept): its
     // file is opened and removed with this user's file-system identity.
     uint ownerUid = 0;
+    // The file this download created; only that file is opened again, emptied or removed.
+    FileIdentity fileIdentity;
+    // Created 0600 rather than by the umask: it is not in a directory its owner chose.
+    bool privateFile = false;
 
     int packetCount;
 

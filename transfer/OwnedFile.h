@@ -4,21 +4,39 @@
 
 #include <sys/types.h>
 
+// The file a download created, by device and inode; inode 0 while it has none.
+struct FileIdentity {
+    quint64 device = 0;
+    quint64 inode = 0;
+    // Stored before identities were kept: the owner's own regular file with a single name at
+    // the download's path is taken as its file, and recorded from then on.
+    bool unrecorded = false;
+    bool operator==(const FileIdentity &o) const
+    {
+        return device == o.device && inode == o.inode && unrecorded == o.unrecorded;
+    }
+    bool operator!=(const FileIdentity &o) const { return !(*this == o); }
+};
+
 // A download's file, opened the way its owner could open it: under the owner's file-system
 // identity (FsIdentity), so the kernel judges every permission and a new file belongs to the
-// owner. Never through a symbolic link, and only a regular file of that owner with a single
-// name: nobody can make the service write into a file other than the one it created. Opened
-// unbuffered, so a written byte is in the file before it is counted.
+// owner. No component of the path is followed through a symbolic link (openat2 with
+// RESOLVE_NO_SYMLINKS, or one openat(O_NOFOLLOW) per component where the kernel lacks it), and
+// the file is then reached through that directory's descriptor. Only the file the download
+// created is opened again, emptied or removed: its identity is recorded at creation and checked
+// every time after. Opened unbuffered, so a written byte is in the file before it is counted.
 class OwnedFile : public QFile {
 public:
-    // An existing file, read and write, for a transfer that goes on from a stored offset.
-    bool openExisting(const QString &path, uid_t owner);
-    // A new file created exclusively, or else an existing one (checked as above) emptied.
-    bool openFresh(const QString &path, uid_t owner);
-    // Unlinks path as its owner would: the name only, a symbolic link itself.
-    static bool removeAs(const QString &path, uid_t owner);
+    // The download's existing file, read and write, for a transfer that goes on from an offset.
+    bool openExisting(const QString &path, uid_t owner, FileIdentity *identity);
+    // A new file created exclusively with mode (before the umask), else the download's own file
+    // emptied. *identity is the created or checked file's.
+    bool openFresh(const QString &path, uid_t owner, FileIdentity *identity, mode_t mode);
+    // Unlinks path as its owner would, only when it is the download's own file.
+    static bool removeAs(const QString &path, uid_t owner, const FileIdentity &identity);
 
 private:
-    bool adopt(int fd, uid_t expectedOwner, bool empty, QIODevice::OpenMode mode);
-    bool fail(); // keeps errno's text as the error string
+    bool adopt(int fd, uid_t owner, FileIdentity *identity, bool created, bool empty,
+        QIODevice::OpenMode mode);
+    bool fail(int why); // keeps why's text as the error string
 };
