@@ -5,6 +5,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -134,8 +135,14 @@ void tst_Dlctl::requests_data()
     row("another's download unseen", "b", "status theirs", 1, "", "no download theirs");
     row("another's downloads unlisted", "b", "list", 0, "b app Failed 0 0 @/b/no\n");
     row("pause all of one's own", "b", "pause all", 0, "", "all has been paused.");
-    row("root sees all", "root", "status theirs", 0,
-        "theirs dlctl Progressing 100000 300000 @/a/p.bin\n");
+    row("a user's identifiers are its own", "b", "create URL/no --client app --id p", 0, "p\n");
+    row("root's identifier a user holds", "", "create URL/dlmtest-never --id b", 0, "b\n");
+    row("root sees all", "root", "status A:theirs", 0,
+        "A:theirs dlctl Progressing 100000 300000 @/a/p.bin\n");
+    row("an identifier too long", "a", "status " + QString(257, 'x'), 1, "", "longer than the");
+    row("controls escaped", "", "create URL/no --id e\x1b\xc2\x85\xe2\x80\xae --wait", 1,
+        "e\\x1b\\u0085\\u202e\ne\\x1b\\u0085\\u202e dlctl Failed 0 0 @/downloads/no (failure 2: "
+        "the server answered with an error status)\n", "uniqueID:e\\x1b\\u0085\\u202e url");
     row("a user over its limit", "a", "create URL/f", 1, "", "has 2 downloads, its limit");
     row("resumed onto a planted link", "", "resume p", 0, "", "Too many levels of symbolic links");
     row("the link not followed", "", "status p", 0, "p dlctl Failed 0 300000 @/downloads/p.bin\n");
@@ -152,7 +159,9 @@ void tst_Dlctl::requests()
         QSKIP("needs root to act as other users");
     if (!shared)
         buildShared();
-    const auto fill = [this](QString text) {
+    const passwd *a = getpwnam("dlmtest-a"); // "A:" is the prefix of dlmtest-a's identifiers
+    const auto fill = [this, a](QString text) {
+        text.replace("A:", QString::number(a ? a->pw_uid : 0) + ':');
         return text.replace("URL/", url("/")).replace('@', shared->path()).toUtf8();
     };
     const QString name = user.size() == 1 ? "dlmtest-" + user : user;
@@ -206,7 +215,8 @@ void tst_Dlctl::watchers()
 
 void tst_Dlctl::reachability_data()
 {
-    // "stuck": a listener that never accepts, its backlog full; "TERM": SIGTERM in connect().
+    // "stuck": a listener that never accepts, its backlog full; "TERM": SIGTERM in connect();
+    // "silent": connected, never answered.
     QTest::addColumn<QString>("user");
     QTest::addColumn<QString>("socket");
     QTest::addColumn<int>("code");
@@ -215,6 +225,7 @@ void tst_Dlctl::reachability_data()
     QTest::newRow("closed to the user") << kUsers[0] << "" << 2 << QByteArray("permission denied");
     QTest::newRow("backlog full") << "" << "stuck" << 2 << QByteArray("not answering");
     QTest::newRow("SIGTERM while connecting") << "" << "stuck TERM" << 143 << QByteArray();
+    QTest::newRow("call never answered") << "" << "silent" << 2 << QByteArray("did not answer list");
 }
 
 void tst_Dlctl::reachability()
@@ -231,7 +242,9 @@ void tst_Dlctl::reachability()
     const auto to = reinterpret_cast<sockaddr *>(&addr);
     std::vector<int> fds {::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     const bool stuck = socket.startsWith("stuck"), term = socket.endsWith("TERM");
-    QVERIFY(!stuck || (bind(fds[0], to, sizeof addr) == 0 && listen(fds[0], 0) == 0));
+    const bool silent = socket == "silent";
+    QVERIFY(!(stuck || silent) || (bind(fds[0], to, sizeof addr) == 0 && listen(fds[0], 0) == 0));
+    qputenv("DLCTL_TIMEOUT_MS", silent ? "500" : "");
     while (stuck && ::connect(fds.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)),
                               to, sizeof addr) == 0) { }
     const auto c = svc.client({DLCTL_BINARY, "list"}, user);
@@ -252,9 +265,13 @@ void tst_Dlctl::manyStoredAreListed()
     svc.sql("WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 19999) "
             "INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state) "
             "SELECT printf('id%05d', i), 'crowd', 'n', 'http://h/', '/d/' || i, 4 FROM n");
+    // A row too large for any reply is shown cut, and named as any other.
+    svc.sql("INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state) VALUES "
+            "('id10000x', 'crowd', 'n', 'http://h/' || hex(zeroblob(1 << 19)), '/d/x', 4)");
     QVERIFY(svc.start());
     const Run r = svc.dlctl({"list"});
-    QVERIFY(r.code == 0 && r.out.count('\n') == 20000);
+    QVERIFY(r.code == 0 && r.out.count('\n') == 20001);
+    QVERIFY(svc.dlctl({"status", "id10000x"}).code == 0 && svc.dlctl({"remove", "id10000x"}).code == 0);
     QVERIFY2(r.out.startsWith("id00000 crowd Paused 0 0 /d/0\n"), r.out.left(200));
     // They pass one reply's bound: the one-reply list is refused, not sent broken.
     const auto probe = svc.client({DLPROBE_BINARY, "storm", "1"});
