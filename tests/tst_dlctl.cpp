@@ -181,6 +181,7 @@ void tst_Dlctl::requests()
 void tst_Dlctl::watchers()
 {
     Service svc;
+    QVERIFY(chmod(QFile::encodeName(svc.path()), 0755) == 0 && QDir().rmdir(svc.path("binder")));
     QVERIFY(svc.start() && svc.dlctl({"set-path", "dlctl", svc.path("downloads")}).code == 0);
     const auto a = svc.client({DLCTL_BINARY, "watch"}), b = svc.client({DLCTL_BINARY, "watch"});
     const auto stopped = svc.client({DLCTL_BINARY, "watch"});
@@ -210,6 +211,14 @@ void tst_Dlctl::watchers()
     QVERIFY(svc.waitErr("from eventClients"));
     QCOMPARE(svc.dlctl({"create", url("/w2"), "--id", "w2", "--wait"}).code, 0);
     QVERIFY(b->waitFor([&] { return b->out().contains("w2 dlctl Completed 70000 70000 "); }));
+    // A user's watchers have a share below the total; its create --wait then asks instead.
+    std::unique_ptr<Child> floods[3];
+    for (auto &flood : floods)
+        flood = svc.client({DLPROBE_BINARY, "flood"}, kUsers[0]);
+    QVERIFY(svc.waitErr("its user's limit of event clients is reached"));
+    QProcess::execute("install", {"-d", "-o", kUsers[0], svc.path("a")});
+    QCOMPARE(svc.dlctl({"set-path", "dlctl", svc.path("a")}, kUsers[0]).code, 0);
+    QCOMPARE(svc.dlctl({"create", url("/w2"), "--id", "u", "--wait"}, kUsers[0]).code, 0);
     QCOMPARE(svc.stop(), 0);
 }
 
