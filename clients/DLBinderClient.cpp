@@ -182,8 +182,8 @@ void DLBinderClient::createDownload(const std::string &clientID, const std::stri
     post([=](DownloadManager *m) {
         // A refusal is logged; the one-way caller has nobody to tell.
         if (uid == 0 || id.isEmpty() || !CallerView::find(m, id, uid))
-            m->createDownload(client, address, CallerView::storedId(id, uid), displayName, nullptr,
-                              uid);
+            m->createDownload(
+                client, address, CallerView::storedId(id, uid), displayName, nullptr, uid);
     });
 }
 
@@ -291,10 +291,10 @@ int DLBinderClient::listDownloadsPage(const std::string &clientID, const std::st
             if (cursor.isEmpty() || shown > cursor)
                 downloads.emplace_back(shown, d);
         }
-        const auto last = downloads.begin()
-            + std::min<qsizetype>(kPageRecords, qsizetype(downloads.size()));
+        const auto last
+            = downloads.begin() + std::min<qsizetype>(kPageRecords, qsizetype(downloads.size()));
         std::partial_sort(downloads.begin(), last, downloads.end(),
-                          [](const Shown &a, const Shown &b) { return a.first < b.first; });
+            [](const Shown &a, const Shown &b) { return a.first < b.first; });
         std::vector<IDownload> result;
         size_t bytes = 0;
         for (auto it = downloads.begin(); it != last; ++it) {
@@ -351,14 +351,14 @@ int32_t DLBinderClient::requestDownload(const std::string &clientID, const std::
     if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes)
         return TEXT_TOO_LONG;
     using Answer = std::pair<int32_t, QString>;
-    const Answer answer = askManager<Answer>(
-        Answer(DEAD_OBJECT, QString()), [client, address, id, displayName, uid](DownloadManager *m) {
+    const Answer answer = askManager<Answer>(Answer(DEAD_OBJECT, QString()),
+        [client, address, id, displayName, uid](DownloadManager *m) {
             // Its own identifiers only: another user's with the same name do not matter.
             if (uid != 0 && !id.isEmpty() && CallerView::find(m, id, uid))
                 return Answer(REQUEST_ID_IN_USE, QString());
             QString created;
-            const auto status = m->createDownload(client, address, CallerView::storedId(id, uid),
-                                                  displayName, &created, uid);
+            const auto status = m->createDownload(
+                client, address, CallerView::storedId(id, uid), displayName, &created, uid);
             return Answer(int32_t(status), CallerView::shownId(created, uid));
         });
     if (uniqueIDOut)
@@ -391,8 +391,9 @@ void DLBinderClient::addClient(const sp<IDLClient> &client)
             refusal = "its connection's limit of event clients is reached";
         else if (!refusal && uid != 0 && sameUid >= kMaxEventClientsPerUid)
             refusal = "its user's limit of event clients is reached";
-        else if (!refusal && (eventClients.size() >= kMaxEventClients
-                              || (uid != 0 && others + kEventClientsRootReserve >= kMaxEventClients)))
+        else if (!refusal
+            && (eventClients.size() >= kMaxEventClients
+                || (uid != 0 && others + kEventClientsRootReserve >= kMaxEventClients)))
             refusal = "the limit of event clients is reached";
         if (!refusal)
             eventClients.push_back({ client, uid });

@@ -43,11 +43,11 @@ public:
 
     // Status of requestDownload; negative values mean the call did not reach the service.
     enum DownloadRequestStatus : int32_t {
-        REQUEST_CREATED = 0,      // created; *uniqueIDOut holds its identifier
-        REQUEST_BAD_URL = 1,      // not an http or https URL
-        REQUEST_ID_IN_USE = 2,    // the given identifier belongs to another download
+        REQUEST_CREATED = 0, // created; *uniqueIDOut holds its identifier
+        REQUEST_BAD_URL = 1, // not an http or https URL
+        REQUEST_ID_IN_USE = 2, // the given identifier belongs to another download
         REQUEST_BAD_ARGUMENT = 3, // an argument is unusable (see the service's log)
-        REQUEST_REFUSED = 4,      // not permitted or over a limit (the service's log says which)
+        REQUEST_REFUSED = 4, // not permitted or over a limit (the service's log says which)
     };
     // Status of setDownloadPath; negative values mean the call did not reach the service.
     enum DownloadPathStatus : int32_t {

@@ -9,9 +9,9 @@ namespace {
 size_t decode(const unsigned char *p, size_t n, uint32_t *cp)
 {
     const size_t len = p[0] >= 0xc2 && p[0] <= 0xdf ? 2
-        : p[0] >= 0xe0 && p[0] <= 0xef           ? 3
-        : p[0] >= 0xf0 && p[0] <= 0xf4           ? 4
-                                                 : 0;
+        : p[0] >= 0xe0 && p[0] <= 0xef              ? 3
+        : p[0] >= 0xf0 && p[0] <= 0xf4              ? 4
+                                                    : 0;
     if (len == 0 || len > n)
         return 0;
     *cp = p[0] & (0x7f >> len);
@@ -45,7 +45,7 @@ std::string escapeText(const char *text, size_t length)
             std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
             out += escaped;
         } else if ((cp >= 0x80 && cp <= 0x9f) || (cp >= 0x202a && cp <= 0x202e)
-                   || (cp >= 0x2066 && cp <= 0x2069)) {
+            || (cp >= 0x2066 && cp <= 0x2069)) {
             std::snprintf(escaped, sizeof escaped, "\\u%04x", unsigned(cp));
             out += escaped;
         } else {

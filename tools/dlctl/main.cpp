@@ -37,33 +37,32 @@ std::atomic<bool> endsByItself { false };
 int usage(FILE *out, int status)
 {
     fprintf(out,
-            "usage: dlctl COMMAND [ARGS]\n"
-            "       dlctl --help | --version\n"
-            "  create URL [--client ID] [--id ID] [--name NAME] [--wait]\n"
-            "  pause ID|all        resume ID|all        remove ID\n"
-            "  list [CLIENT]       status ID\n"
-            "  space SIZE [--client ID]\n"
-            "  set-path CLIENT PATH\n"
-            "  watch\n"
-            "create prints the new download's identifier; records print as:\n"
-            "  ID CLIENT STATE BYTES TOTAL FILE\n"
-            "watch and create --wait add after FILE, in parentheses, the meaning of a Failed\n"
-            "download's failure code or the time of a Stalled download's next attempt.\n"
-            "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
-            "  2 the server answered with an error status, 3 the local file could not be opened\n"
-            "  or written, 4 none (a new download).\n"
-            "The service is found in $BINDER_SOCKET_DIR (default /run/binder). Each call waits at\n"
-            "most $DLCTL_TIMEOUT_MS milliseconds for its answer (default 15000).\n"
-            "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
-            "or not answering, 64 usage, 128+N ended by signal N.\n");
+        "usage: dlctl COMMAND [ARGS]\n"
+        "       dlctl --help | --version\n"
+        "  create URL [--client ID] [--id ID] [--name NAME] [--wait]\n"
+        "  pause ID|all        resume ID|all        remove ID\n"
+        "  list [CLIENT]       status ID\n"
+        "  space SIZE [--client ID]\n"
+        "  set-path CLIENT PATH\n"
+        "  watch\n"
+        "create prints the new download's identifier; records print as:\n"
+        "  ID CLIENT STATE BYTES TOTAL FILE\n"
+        "watch and create --wait add after FILE, in parentheses, the meaning of a Failed\n"
+        "download's failure code or the time of a Stalled download's next attempt.\n"
+        "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
+        "  2 the server answered with an error status, 3 the local file could not be opened\n"
+        "  or written, 4 none (a new download).\n"
+        "The service is found in $BINDER_SOCKET_DIR (default /run/binder). Each call waits at\n"
+        "most $DLCTL_TIMEOUT_MS milliseconds for its answer (default 15000).\n"
+        "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
+        "or not answering, 64 usage, 128+N ended by signal N.\n");
     return status;
 }
 
 // Every call to the service has a deadline: a service that accepted the connection but does not
 // answer (stopped, or stuck) ends dlctl with status 2 instead of holding it for ever. One thread
 // waits for the armed deadline; waiting for updates is not a call and is not armed.
-class CallDeadline
-{
+class CallDeadline {
 public:
     static void arm(const char *call)
     {
@@ -95,9 +94,9 @@ private:
             if (!armed)
                 changed.wait(lock);
             else if (changed.wait_until(lock, deadline) == std::cv_status::timeout && armed
-                     && std::chrono::steady_clock::now() >= deadline) {
+                && std::chrono::steady_clock::now() >= deadline) {
                 fprintf(stderr, "dlctl: the download service did not answer %s within %lld ms\n",
-                        armed, static_cast<long long>(timeout().count()));
+                    armed, static_cast<long long>(timeout().count()));
                 fflush(nullptr);
                 _exit(2);
             }
@@ -271,9 +270,10 @@ sp<IDLService> connectService(const sp<UpdateQueue> &events)
 int notAnswered(const char *call, int status)
 {
     if (status == IDLService::TEXT_TOO_LONG) {
-        fprintf(stderr, "dlctl: refused: an argument is longer than the service accepts (%zu bytes "
-                        "for an identifier or client, %zu for a URL, %zu for a path)\n",
-                IDLService::kMaxIdBytes, IDLService::kMaxUrlBytes, IDLService::kMaxPathBytes);
+        fprintf(stderr,
+            "dlctl: refused: an argument is longer than the service accepts (%zu bytes "
+            "for an identifier or client, %zu for a URL, %zu for a path)\n",
+            IDLService::kMaxIdBytes, IDLService::kMaxUrlBytes, IDLService::kMaxPathBytes);
         return 1;
     }
     fprintf(stderr, "dlctl: the download service did not answer %s (status %d)\n", call, status);

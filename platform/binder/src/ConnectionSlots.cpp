@@ -45,9 +45,11 @@ std::shared_ptr<void> ConnectionSlots::take(uid_t uid, pid_t pid)
             mPerUid.erase(uid);
     }
     __android_log_print(ANDROID_LOG_WARN, "binder",
-        "refusing a connection from pid %d uid %u: %s limit of %zu connections reached",
-        int(pid), unsigned(uid), processFull ? "the process's" : "its user's",
-        !processFull ? mMaxPerUid : root ? mMaxTotal : mMaxTotal - mRootReserve);
+        "refusing a connection from pid %d uid %u: %s limit of %zu connections reached", int(pid),
+        unsigned(uid), processFull ? "the process's" : "its user's",
+        !processFull ? mMaxPerUid
+            : root   ? mMaxTotal
+                     : mMaxTotal - mRootReserve);
     return nullptr;
 }
 

@@ -171,8 +171,7 @@ status_t SocketServiceManager::addService(
             std::atexit(unlinkPublished);
         gPublished[path] = service;
     }
-    static const std::shared_ptr<ConnectionSlots> slots
-        = ConnectionSlots::create(
+    static const std::shared_ptr<ConnectionSlots> slots = ConnectionSlots::create(
         ConnectionSlots::kMaxTotal, ConnectionSlots::kMaxPerUid, ConnectionSlots::kRootReserve);
     auto acceptLoop = [fd, path] {
         for (;;) {
