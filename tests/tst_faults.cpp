@@ -355,18 +355,6 @@ void tst_Faults::connectionFlood()
     // A connection costs its body's bytes only as they arrive; past the cap it ends.
     Service s({}, { "DLM_LOG_LEVEL=i" }); // only the manager logs each call
     QVERIFY(s.start());
-    // One-way calls stay counted until carried out: with the manager held up (its log pipe full,
-    // as this loop does not read it), the service stops reading the caller instead of queueing.
-    const int fd = s.rawConnect();
-    QByteArray remove = call(IDLService::REMOVE_DOWNLOAD, { std::string(250, 'r') });
-    remove[wire::kHeaderSize + 28] = char(IBinder::FLAG_ONEWAY); // the frame's flags
-    const timeval patience { 2, 0 };
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    qint64 sent = 0;
-    while (sent < (16 << 20) && send(fd, remove.constData(), remove.size(), MSG_NOSIGNAL) == remove.size())
-        sent += remove.size();
-    QVERIFY2(sent < (4 << 20), QByteArray::number(sent)); // no longer read
-    close(fd);
     const auto rssKiB = [&] {
         const QByteArray status = readFile(QString("/proc/%1/status").arg(s.proc.pid()));
         return status.mid(status.indexOf("VmRSS:") + 6).trimmed().split(' ').value(0).toLongLong();
@@ -388,6 +376,22 @@ void tst_Faults::connectionFlood()
 #endif
     for (int fd : fds)
         close(fd);
+    // One-way calls stay counted until carried out: with the manager held up (its log pipe full,
+    // as this loop does not read it), the service stops reading the caller instead of queueing.
+    int fd = -1; // once the flood's slots are back
+    QVERIFY(s.proc.waitFor([&] {
+        return replyStatus(fd = s.rawConnect(), call(IDLService::GET_DOWNLOAD, { "x" })) == 0
+            || close(fd) > 0;
+    }));
+    QByteArray remove = call(IDLService::REMOVE_DOWNLOAD, { std::string(250, 'r') });
+    remove[wire::kHeaderSize + 28] = char(IBinder::FLAG_ONEWAY); // the frame's flags
+    const timeval patience { 2, 0 };
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    qint64 sent = 0;
+    while (sent < (16 << 20) && send(fd, remove.constData(), remove.size(), MSG_NOSIGNAL) == remove.size())
+        sent += remove.size();
+    QVERIFY2(sent < (4 << 20), QByteArray::number(sent)); // no longer read
+    close(fd);
     QVERIFY(s.dlctl({ "list" }).code == 0 && s.stop() == 0);
 }
 
