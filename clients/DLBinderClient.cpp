@@ -1,5 +1,6 @@
 #include "DLBinderClient.h"
 
+#include "CallerView.h"
 #include "DlmLog.h"
 #include "Download.h"
 #include "DownloadManager.h"
@@ -63,26 +64,18 @@ uint callerUid()
     return uid == geteuid() ? 0 : uint(uid);
 }
 
+// The stored identifier of the download the caller names; "all" and unknown names pass as they are.
+QString storedIdOf(DownloadManager *manager, const QString &id, uint uid)
+{
+    const Download *d = id == QLatin1String("all") ? nullptr : CallerView::find(manager, id, uid);
+    return d ? d->uniqueID : id;
+}
+
 } // namespace
 
 DLBinderClient::DLBinderClient(DownloadManager *manager) : DLBaseClient(manager) {}
 
 DLBinderClient::~DLBinderClient() = default;
-
-void DLBinderClient::fillRecord(IDownload *record, const Download *download)
-{
-    record->clientID = textOut(download->clientID);
-    record->uniqueID = textOut(download->uniqueID);
-    record->name = textOut(download->name);
-    record->contentURL = textOut(download->contentURL);
-    record->state = int32_t(download->state);
-    record->failureCode = int32_t(download->failureCode);
-    record->totalSize = download->totalSize;
-    record->amountDownloaded = download->amountDownloaded;
-    record->startTime = download->startTime;
-    record->filePath = textOut(download->filePath);
-    record->nextAttemptTime = download->nextAttemptTime();
-}
 
 template <typename R>
 R DLBinderClient::askManager(R fallback, std::function<R(DownloadManager *)> question)
@@ -125,11 +118,19 @@ R DLBinderClient::askManager(R fallback, std::function<R(DownloadManager *)> que
     return answer->value;
 }
 
-void DLBinderClient::post(const std::function<void(DownloadManager *)> &request)
+void DLBinderClient::post(std::function<void(DownloadManager *)> request)
 {
+    // Queued work stays counted against the caller's connection and uid until it has run, so a
+    // flood of calls that return at once is held back like any other (see IPCThreadState).
+    std::shared_ptr<void> counted = IPCThreadState::self()->keepCallCounted();
     std::shared_lock<std::shared_mutex> lock(gate);
-    if (!detached && manager)
-        request(manager);
+    if (detached || !manager || !managerThread)
+        return;
+    DownloadManager *target = manager;
+    managerThread->post([target, request = std::move(request), counted] {
+        if (!target->isQuitting())
+            request(target);
+    });
 }
 
 bool DLBinderClient::init()
@@ -175,7 +176,16 @@ void DLBinderClient::createDownload(const std::string &clientID, const std::stri
     const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
                   displayName = textIn(name);
     const uint uid = callerUid();
-    post([&](DownloadManager *m) { m->createDownloadEvent(client, address, id, displayName, uid); });
+    if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes) {
+        BINDER_LOGE("Create download refused: identifier %s too long", uniqueID.c_str());
+        return;
+    }
+    post([=](DownloadManager *m) {
+        // A refusal is logged; the one-way caller has nobody to tell.
+        if (uid == 0 || id.isEmpty() || !CallerView::find(m, id, uid))
+            m->createDownload(
+                client, address, CallerView::storedId(id, uid), displayName, nullptr, uid);
+    });
 }
 
 void DLBinderClient::pauseDownload(const std::string &uniqueID)
@@ -183,7 +193,7 @@ void DLBinderClient::pauseDownload(const std::string &uniqueID)
     BINDER_LOGD("Pause download unique id:%s", uniqueID.c_str());
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 0, uid); });
+    post([=](DownloadManager *m) { m->pauseDownload(storedIdOf(m, id, uid), uid); });
 }
 
 void DLBinderClient::resumeDownload(const std::string &uniqueID)
@@ -191,7 +201,7 @@ void DLBinderClient::resumeDownload(const std::string &uniqueID)
     BINDER_LOGD("Resume download unique id:%s", uniqueID.c_str());
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 1, uid); });
+    post([=](DownloadManager *m) { m->resumeDownload(storedIdOf(m, id, uid), uid); });
 }
 
 void DLBinderClient::removeDownload(const std::string &uniqueID)
@@ -203,7 +213,7 @@ void DLBinderClient::removeDownload(const std::string &uniqueID)
     }
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    post([&](DownloadManager *m) { m->actionDownloadEvent(id, 2, uid); });
+    post([=](DownloadManager *m) { m->removeDownload(storedIdOf(m, id, uid), uid); });
 }
 
 int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download)
@@ -214,9 +224,9 @@ int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download
     const uint uid = callerUid();
     const Found found = askManager<Found>(Found(false, IDownload()), [id, uid](DownloadManager *m) {
         Found result(false, IDownload());
-        if (const Download *d = m->getDownload(id, uid)) {
+        if (const Download *d = CallerView::find(m, id, uid)) {
             result.first = true;
-            fillRecord(&result.second, d);
+            CallerView::fillRecord(&result.second, d, uid);
         }
         return result;
     });
@@ -242,7 +252,7 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
         size_t bytes = 0;
         for (const Download *d : m->getDownloadList(client, uid)) {
             result.first.emplace_back();
-            fillRecord(&result.first.back(), d);
+            CallerView::fillRecord(&result.first.back(), d, uid);
             bytes += recordBytes(result.first.back());
             if (bytes > kListReplyBytes)
                 return Answer({}, true);
@@ -273,20 +283,24 @@ int DLBinderClient::listDownloadsPage(const std::string &clientID, const std::st
     const QString client = textIn(clientID), cursor = textIn(after);
     const uint uid = callerUid();
     *page = askManager<std::vector<IDownload>>({}, [client, cursor, uid](DownloadManager *m) {
-        // Identifier order keeps the pages consistent while downloads come and go.
-        QList<Download *> downloads = m->getDownloadList(client, uid);
-        const auto end = std::remove_if(downloads.begin(), downloads.end(), [&](const Download *d) {
-            return !cursor.isEmpty() && d->uniqueID <= cursor;
-        });
-        const auto last = downloads.begin() + std::min<qsizetype>(kPageRecords, end - downloads.begin());
-        std::partial_sort(downloads.begin(), last, end, [](const Download *a, const Download *b) {
-            return a->uniqueID < b->uniqueID;
-        });
+        // Identifier order, as the caller sees them, keeps the pages consistent while downloads
+        // come and go.
+        using Shown = std::pair<QString, const Download *>;
+        std::vector<Shown> downloads;
+        for (const Download *d : m->getDownloadList(client, uid)) {
+            const QString shown = CallerView::shownId(d->uniqueID, uid);
+            if (cursor.isEmpty() || shown > cursor)
+                downloads.emplace_back(shown, d);
+        }
+        const auto last
+            = downloads.begin() + std::min<qsizetype>(kPageRecords, qsizetype(downloads.size()));
+        std::partial_sort(downloads.begin(), last, downloads.end(),
+            [](const Shown &a, const Shown &b) { return a.first < b.first; });
         std::vector<IDownload> result;
         size_t bytes = 0;
         for (auto it = downloads.begin(); it != last; ++it) {
             IDownload record;
-            fillRecord(&record, *it);
+            CallerView::fillRecord(&record, it->second, uid);
             bytes += recordBytes(record);
             if (!result.empty() && bytes > kPageBytes)
                 break;
@@ -333,13 +347,20 @@ int32_t DLBinderClient::requestDownload(const std::string &clientID, const std::
                   int(DownloadManager::CreateStatus::Refused) == REQUEST_REFUSED);
     const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
                   displayName = textIn(name);
-    using Answer = std::pair<int32_t, QString>;
     const uint uid = callerUid();
-    const Answer answer = askManager<Answer>(
-        Answer(DEAD_OBJECT, QString()), [client, address, id, displayName, uid](DownloadManager *m) {
+    // The stored form must stay within the limit that root's calls name it by.
+    if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes)
+        return TEXT_TOO_LONG;
+    using Answer = std::pair<int32_t, QString>;
+    const Answer answer = askManager<Answer>(Answer(DEAD_OBJECT, QString()),
+        [client, address, id, displayName, uid](DownloadManager *m) {
+            // Its own identifiers only: another user's with the same name do not matter.
+            if (uid != 0 && !id.isEmpty() && CallerView::find(m, id, uid))
+                return Answer(REQUEST_ID_IN_USE, QString());
             QString created;
-            const auto status = m->createDownload(client, address, id, displayName, &created, uid);
-            return Answer(int32_t(status), created);
+            const auto status = m->createDownload(
+                client, address, CallerView::storedId(id, uid), displayName, &created, uid);
+            return Answer(int32_t(status), CallerView::shownId(created, uid));
         });
     if (uniqueIDOut)
         *uniqueIDOut = textOut(answer.second);
@@ -354,22 +375,29 @@ void DLBinderClient::addClient(const sp<IDLClient> &client)
     // A local object would be the service calling itself and keeping itself alive.
     const BpBinder *remote = binder->remoteBinder();
     const char *refusal = remote == nullptr ? "not another process's object" : nullptr;
+    const uint uid = callerUid();
     if (!refusal) {
         std::lock_guard<std::mutex> lock(eventClientsMutex);
-        size_t sameConnection = 0;
+        size_t sameConnection = 0, sameUid = 0, others = 0;
         for (size_t i = 0; i < eventClients.size() && !refusal; ++i) {
             const sp<IBinder> entry = IInterface::asBinder(eventClients[i].client);
             if (entry == binder)
                 refusal = "already registered";
             else if (entry->remoteBinder()->connection() == remote->connection())
                 ++sameConnection;
+            sameUid += eventClients[i].uid == uid;
+            others += eventClients[i].uid != 0;
         }
         if (!refusal && sameConnection >= kMaxEventClientsPerConnection)
             refusal = "its connection's limit of event clients is reached";
-        else if (!refusal && eventClients.size() >= kMaxEventClients)
+        else if (!refusal && uid != 0 && sameUid >= kMaxEventClientsPerUid)
+            refusal = "its user's limit of event clients is reached";
+        else if (!refusal
+            && (eventClients.size() >= kMaxEventClients
+                || (uid != 0 && others + kEventClientsRootReserve >= kMaxEventClients)))
             refusal = "the limit of event clients is reached";
         if (!refusal)
-            eventClients.push_back({ client, callerUid() });
+            eventClients.push_back({ client, uid });
     }
     if (refusal) {
         BINDER_LOGW("Event client %p refused: %s", client.get(), refusal);
@@ -424,10 +452,12 @@ void DLBinderClient::binderDied(const wp<IBinder> &who)
 void DLBinderClient::updateDownloadEntry(Download *download)
 {
     BINDER_LOGD("DLBinderClient::notifyDownloadUpdate ");
-    // The callback's parcel is built once per report and sent to every client as it is.
-    Parcel update;
+    // The callback's parcel is built once per report and view (root's, or the owner's) and sent
+    // to every client of that view as it is.
+    Parcel updates[2];
     for (size_t i = 0;; ++i) {
         sp<IDLClient> client;
+        uint uid = 0;
         {
             std::lock_guard<std::mutex> lock(eventClientsMutex);
             if (i >= eventClients.size())
@@ -436,10 +466,12 @@ void DLBinderClient::updateDownloadEntry(Download *download)
             if (!DownloadManager::mayTouch(eventClients[i].uid, download))
                 continue;
             client = eventClients[i].client;
+            uid = eventClients[i].uid;
         }
+        Parcel &update = updates[uid != 0];
         if (update.dataSize() == 0) {
             IDownload record;
-            fillRecord(&record, download);
+            CallerView::fillRecord(&record, download, uid);
             update.writeInterfaceToken(IDLClient::descriptor);
             record.writeToParcel(&update);
         }

@@ -52,19 +52,21 @@ public:
     // Detaches from the manager and drops the manager's reference; late calls find no manager.
     void destroy() override;
 
-    static void fillRecord(IDownload *record, const Download *download);
-
     // Event clients are other processes' objects, each registered once; these bound how many
-    // one connection, and all together, may register.
+    // one connection, one uid other than root, and all together may register. The uids other
+    // than root together leave a reserve that only root may use.
     static constexpr size_t kMaxEventClientsPerConnection = 16;
+    static constexpr size_t kMaxEventClientsPerUid = 32;
     static constexpr size_t kMaxEventClients = 256;
+    static constexpr size_t kEventClientsRootReserve = 32;
 
 private:
     // Runs question on the manager's thread and waits; fallback once the manager is gone.
     template <typename R>
     R askManager(R fallback, std::function<R(DownloadManager *)> question);
-    // Posts a request to the manager unless it is gone.
-    void post(const std::function<void(DownloadManager *)> &request);
+    // Queues a request for the manager's thread unless the manager is gone; it stays counted
+    // against the calling connection and uid until it has run.
+    void post(std::function<void(DownloadManager *)> request);
 
     struct EventClient
     {

@@ -2,6 +2,7 @@
 
 #include "Download.h"
 #include "DownloadManager.h"
+#include "TextEscape.h"
 
 #include <QDebug>
 #include <QSocketNotifier>
@@ -27,20 +28,12 @@ public:
         line += QLatin1Char(' ');
         return *this;
     }
-    // Control characters are escaped (\n, \t, \xHH): a value cannot forge or hide a line.
+    // Escaped as the log escapes: a value cannot forge or hide a line.
     ConsoleLine &value(const QString &piece)
     {
+        const QByteArray bytes = piece.toUtf8();
         line += QLatin1Char('"');
-        for (const QChar c : piece) {
-            if (c.category() != QChar::Other_Control)
-                line += c;
-            else if (c == QLatin1Char('\n'))
-                line += QLatin1String("\\n");
-            else if (c == QLatin1Char('\t'))
-                line += QLatin1String("\\t");
-            else
-                line += QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
-        }
+        line += QString::fromStdString(escapeText(bytes.constData(), size_t(bytes.size())));
         line += QLatin1String("\" ");
         return *this;
     }

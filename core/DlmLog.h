@@ -1,8 +1,9 @@
 #pragma once
 
+#include "TextEscape.h"
+
 #include <android/log.h>
 
-#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -16,30 +17,14 @@
 #define DLM_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, DLM_MANAGER_TAG, __VA_ARGS__)
 
 // One message, one line: a caller's text in a message (an identifier, a URL) cannot start a
-// forged line or send terminal controls. The format's trailing newline is dropped; newline and
-// tab become \n and \t, every other control byte \xHH.
+// forged line or send terminal controls. The format's trailing newline is dropped; the rest is
+// escaped by escapeText.
 inline std::string escapeLogMessage(const char *message)
 {
     size_t length = std::strlen(message);
     if (length > 0 && message[length - 1] == '\n')
         --length;
-    std::string line;
-    line.reserve(length);
-    for (size_t i = 0; i < length; ++i) {
-        const unsigned char c = static_cast<unsigned char>(message[i]);
-        if (c == '\n') {
-            line += "\\n";
-        } else if (c == '\t') {
-            line += "\\t";
-        } else if (c < 0x20 || c == 0x7f) {
-            char escaped[5];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
-            line += escaped;
-        } else {
-            line += char(c);
-        }
-    }
-    return line;
+    return escapeText(message, length);
 }
 
 // Installs the escaping in front of liblog's standard-error writer, for every tag.

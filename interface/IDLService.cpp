@@ -4,6 +4,9 @@
 
 #include <binder/Parcel.h>
 
+#include <initializer_list>
+#include <utility>
+
 using namespace android;
 using dlparcel::readText;
 using dlparcel::writeText;
@@ -185,11 +188,20 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
     if (!data.enforceInterface(IDLService::descriptor))
         return PERMISSION_DENIED;
 
+    // Every text is read against its limit before the call does anything.
+    const size_t id = kMaxIdBytes;
     std::string a, b, c, d;
+    const auto texts = [&data](std::initializer_list<std::pair<std::string *, size_t>> fields) {
+        for (const auto &[text, max] : fields)
+            if (status_t err = readText(data, text, max); err != NO_ERROR)
+                return err == TEXT_TOO_LONG ? err : status_t(BAD_VALUE);
+        return status_t(NO_ERROR);
+    };
+    status_t err = NO_ERROR;
     switch (code) {
     case CREATE_DOWNLOAD:
-        if (readText(data, &a) || readText(data, &b) || readText(data, &c) || readText(data, &d))
-            return BAD_VALUE;
+        if ((err = texts({ { &a, id }, { &b, kMaxUrlBytes }, { &c, id }, { &d, kMaxNameBytes } })))
+            return err;
         createDownload(a, b, c, d);
         return NO_ERROR;
     case ADD_CLIENT:
@@ -207,8 +219,8 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
     case REMOVE_DOWNLOAD:
     case PAUSE_DOWNLOAD:
     case RESUME_DOWNLOAD:
-        if (readText(data, &a))
-            return BAD_VALUE;
+        if ((err = texts({ { &a, id } })))
+            return err;
         if (code == REMOVE_DOWNLOAD)
             removeDownload(a);
         else if (code == PAUSE_DOWNLOAD)
@@ -217,8 +229,8 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
             resumeDownload(a);
         return NO_ERROR;
     case GET_DOWNLOAD_LIST: {
-        if (readText(data, &a))
-            return BAD_VALUE;
+        if ((err = texts({ { &a, id } })))
+            return err;
         std::vector<IDownload *> list;
         const int result = getDownloadList(a, list);
         if (result < 0)
@@ -232,8 +244,8 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
         return NO_ERROR;
     }
     case GET_DOWNLOAD: {
-        if (readText(data, &a))
-            return BAD_VALUE;
+        if ((err = texts({ { &a, id } })))
+            return err;
         IDownload download;
         const int result = getDownload(a, &download);
         reply->writeInt32(result);
@@ -244,28 +256,33 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
     case CHECK_SPACE_AVAILABILITY: {
         int64_t size = 0;
         // A negative size is no question: it would always "fit".
-        if (readText(data, &a) || data.readInt64(&size) || size < 0)
+        if ((err = texts({ { &a, id } })))
+            return err;
+        if (data.readInt64(&size) || size < 0)
             return BAD_VALUE;
         reply->writeInt32(checkSpaceAvailability(a, size));
         return NO_ERROR;
     }
     case SET_DOWNLOAD_PATH:
-        if (readText(data, &a) || readText(data, &b))
-            return BAD_VALUE;
+        if ((err = texts({ { &a, id }, { &b, kMaxPathBytes } })))
+            return err;
         // Clients that expect an empty reply never read this status.
         reply->writeInt32(setDownloadPath(a, b));
         return NO_ERROR;
     case REQUEST_DOWNLOAD: {
-        if (readText(data, &a) || readText(data, &b) || readText(data, &c) || readText(data, &d))
-            return BAD_VALUE;
-        std::string id;
-        reply->writeInt32(requestDownload(a, b, c, d, &id));
-        writeText(reply, id);
+        if ((err = texts({ { &a, id }, { &b, kMaxUrlBytes }, { &c, id }, { &d, kMaxNameBytes } })))
+            return err;
+        std::string created;
+        const int32_t status = requestDownload(a, b, c, d, &created);
+        if (status == TEXT_TOO_LONG)
+            return status;
+        reply->writeInt32(status);
+        writeText(reply, created);
         return NO_ERROR;
     }
     case LIST_DOWNLOADS_PAGE: {
-        if (readText(data, &a) || readText(data, &b))
-            return BAD_VALUE;
+        if ((err = texts({ { &a, id }, { &b, id } })))
+            return err;
         std::vector<IDownload> page;
         const int result = listDownloadsPage(a, b, &page);
         if (result < 0)

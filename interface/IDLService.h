@@ -5,6 +5,7 @@
 
 #include <binder/IInterface.h>
 
+#include <cerrno>
 #include <string>
 #include <vector>
 
@@ -31,13 +32,22 @@ public:
         LIST_DOWNLOADS_PAGE,
     };
 
+    // Longest text each argument may carry, in bytes. A longer one is refused before anything is
+    // done, queued or logged (never cut): the call's status, and what every method of the proxy
+    // answers, is TEXT_TOO_LONG.
+    static constexpr size_t kMaxIdBytes = 256; // identifiers and client ids
+    static constexpr size_t kMaxUrlBytes = 8192;
+    static constexpr size_t kMaxPathBytes = 4096;
+    static constexpr size_t kMaxNameBytes = 1024;
+    static constexpr android::status_t TEXT_TOO_LONG = -ENAMETOOLONG;
+
     // Status of requestDownload; negative values mean the call did not reach the service.
     enum DownloadRequestStatus : int32_t {
-        REQUEST_CREATED = 0,      // created; *uniqueIDOut holds its identifier
-        REQUEST_BAD_URL = 1,      // not an http or https URL
-        REQUEST_ID_IN_USE = 2,    // the given identifier belongs to another download
-        REQUEST_BAD_ARGUMENT = 3, // an argument is unusable (empty client id, text too long, ...)
-        REQUEST_REFUSED = 4,      // not permitted or over a limit (the service's log says which)
+        REQUEST_CREATED = 0, // created; *uniqueIDOut holds its identifier
+        REQUEST_BAD_URL = 1, // not an http or https URL
+        REQUEST_ID_IN_USE = 2, // the given identifier belongs to another download
+        REQUEST_BAD_ARGUMENT = 3, // an argument is unusable (see the service's log)
+        REQUEST_REFUSED = 4, // not permitted or over a limit (the service's log says which)
     };
     // Status of setDownloadPath; negative values mean the call did not reach the service.
     enum DownloadPathStatus : int32_t {

@@ -2,6 +2,8 @@
 
 #include <binder/Parcel.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <string>
 
 // Text on the wire: an int32 byte count, then the bytes (zero bytes included). The interface
@@ -16,7 +18,9 @@ inline android::status_t writeText(android::Parcel *parcel, const std::string &t
     return err;
 }
 
-inline android::status_t readText(const android::Parcel &parcel, std::string *text)
+// -ENAMETOOLONG (IDLService::TEXT_TOO_LONG) when the text is longer than max bytes.
+inline android::status_t readText(
+    const android::Parcel &parcel, std::string *text, size_t max = SIZE_MAX)
 {
     int32_t size = 0;
     android::status_t err = parcel.readInt32(&size);
@@ -25,6 +29,8 @@ inline android::status_t readText(const android::Parcel &parcel, std::string *te
     // A length beyond what the parcel holds is a lie; refuse before allocating.
     if (size < 0 || size_t(size) > parcel.dataAvail())
         return android::BAD_VALUE;
+    if (size_t(size) > max)
+        return -ENAMETOOLONG;
     text->assign(size_t(size), '\0');
     return size == 0 ? android::NO_ERROR : parcel.read(&(*text)[0], size_t(size));
 }

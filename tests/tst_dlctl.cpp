@@ -5,6 +5,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -20,7 +21,7 @@ static const QStringList kUsers {"dlmtest-a", "dlmtest-b"};
 struct Request {
     const char *user = ""; // root when empty; the others need the test to run as root
     QStringList before = {};
-    const char *args; int code = 0;
+    QByteArray args; int code = 0;
     QByteArray out = "", said = "", heard = "";
     bool poll = false; // out is the state the before-commands lead to: asked until it comes
 };
@@ -28,7 +29,7 @@ struct Request {
 // "stuck": a listener that never accepts, its backlog full; "term": SIGTERM in connect().
 struct Reach {
     QString user = {};
-    bool stuck = false, term = false;
+    bool stuck = false, term = false, silent = false; // silent: connected, never answered
     int code; QByteArray said = "";
 };
 
@@ -148,7 +149,7 @@ void tst_Dlctl::requests_data()
     row("another's download unseen", {.user = "dlmtest-b", .args = "status theirs", .code = 1, .said = "no download theirs"});
     row("another's downloads unlisted", {.user = "dlmtest-b", .before = {"create URL/no --client app --id b --wait"}, .args = "list", .out = "b app Failed 0 0 @/b/no\n"});
     row("pause all of one's own", {.user = "dlmtest-b", .args = "pause all", .said = "all has been paused."});
-    row("root sees all", {.user = "root", .args = "status theirs", .out = "theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
+    row("root sees all", {.user = "root", .args = "status A:theirs", .out = "A:theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
     row("a user over its limit", {.user = "dlmtest-a", .before = {"create URL/f --id own"}, .args = "create URL/f", .code = 1, .said = "has 2 downloads, its limit"});
     row("resumed onto a planted link, not followed", {.before = {"resume p"}, .args = "status p", .out = "p dlctl Failed 0 300000 @/downloads/p.bin\n", .said = "Too many levels of symbolic links", .poll = true});
     row("a file outside one's directory is private", {.user = "dlmtest-b", .args = "create URL/dlmtest-0600 --client other --id fb --wait", .out = "fb\nfb other Completed 70000 70000 /tmp/dlmtest-0600\n"});
@@ -156,6 +157,10 @@ void tst_Dlctl::requests_data()
     row("resumed through a swapped directory", {.user = "root", .args = "resume swap", .said = "swap failed: cannot write @/a/dl/p.bin: Too many levels of symbolic links"});
     row("removed through a swapped directory", {.user = "root", .args = "remove swap"});
     row("one file however the directory is spelled", {.args = "status n2", .out = "n2 dots Paused 0 0 @/downloads/dlmtest-never.0\n"});
+    row("a user's identifiers are its own", {.user = "dlmtest-b", .args = "create URL/no --client app --id p", .out = "p\n"});
+    row("root's identifier a user holds", {.args = "create URL/dlmtest-never --id theirs", .out = "theirs\n"});
+    row("an identifier too long", {.user = "dlmtest-a", .args = "status " + QByteArray(257, 'x'), .code = 1, .said = "longer than the"});
+    row("controls escaped", {.args = "create URL/no --id e\x1b\xc2\x85\xe2\x80\xae --wait", .code = 1, .out = "e\\x1b\\u0085\\u202e\ne\\x1b\\u0085\\u202e dlctl Failed 0 0 @/downloads/no (failure 2: the server answered with an error status)\n", .said = "uniqueID:e\\x1b\\u0085\\u202e url"});
 }
 
 void tst_Dlctl::requests()
@@ -165,9 +170,11 @@ void tst_Dlctl::requests()
         QSKIP("needs root to act as other users");
     if (!shared)
         buildShared();
+    const passwd *a = getpwnam("dlmtest-a"); // "A:" is the prefix of dlmtest-a's identifiers
     if (QTest::currentTestFailed())
         return;
-    const auto fill = [this](QString text) {
+    const auto fill = [this, a](QString text) {
+        text.replace("A:", QString::number(a ? a->pw_uid : 0) + ':');
         return text.replace("URL/", url("/")).replace('@', shared->path()).toUtf8();
     };
     const auto run = [&](const QString &args) { return shared->dlctl(QString::fromUtf8(fill(args)).split(' '), row.user); };
@@ -199,6 +206,7 @@ void tst_Dlctl::requests()
 void tst_Dlctl::watchers()
 {
     Service svc;
+    QVERIFY(chmod(QFile::encodeName(svc.path()), 0755) == 0 && QDir().rmdir(svc.path("binder")));
     QVERIFY(svc.start() && svc.dlctl({"set-path", "dlctl", svc.path("downloads")}).code == 0);
     const auto a = svc.client({"dlctl", "watch"}), b = svc.client({"dlctl", "watch"});
     const auto stopped = svc.client({"dlctl", "watch"});
@@ -228,6 +236,14 @@ void tst_Dlctl::watchers()
     QVERIFY(svc.waitErr("from eventClients"));
     QCOMPARE(svc.dlctl({"create", url("/w2"), "--id", "w2", "--wait"}).code, 0);
     QVERIFY(waitFor("w2 completed", [&] { return b->out().contains("w2 dlctl Completed 70000 70000 "); }));
+    // A user's watchers have a share below the total; its create --wait then asks instead.
+    std::unique_ptr<Child> floods[3];
+    for (auto &flood : floods)
+        flood = svc.client({"dlprobe", "flood"}, kUsers[0]);
+    QVERIFY(svc.waitErr("its user's limit of event clients is reached"));
+    QProcess::execute("install", {"-d", "-o", kUsers[0], svc.path("a")});
+    QCOMPARE(svc.dlctl({"set-path", "dlctl", svc.path("a")}, kUsers[0]).code, 0);
+    QCOMPARE(svc.dlctl({"create", url("/w2"), "--id", "u", "--wait"}, kUsers[0]).code, 0);
     QCOMPARE(svc.stop(), 0);
 }
 
@@ -238,6 +254,7 @@ void tst_Dlctl::reachability_data()
     QTest::newRow("closed to the user") << Reach {.user = kUsers[0], .code = 2, .said = "permission denied"};
     QTest::newRow("backlog full") << Reach {.stuck = true, .code = 2, .said = "not answering"};
     QTest::newRow("SIGTERM while connecting") << Reach {.stuck = true, .term = true, .code = 143};
+    QTest::newRow("call never answered") << Reach {.silent = true, .code = 2, .said = "did not answer list"};
 }
 
 void tst_Dlctl::reachability()
@@ -250,7 +267,8 @@ void tst_Dlctl::reachability()
     strcpy(addr.sun_path, qPrintable(svc.path("binder/com.velta.DLService")));
     const auto to = reinterpret_cast<sockaddr *>(&addr);
     std::vector<int> fds {::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    QVERIFY(!row.stuck || (bind(fds[0], to, sizeof addr) == 0 && listen(fds[0], 0) == 0));
+    QVERIFY(!(row.stuck || row.silent) || (bind(fds[0], to, sizeof addr) == 0 && listen(fds[0], 0) == 0));
+    qputenv("DLCTL_TIMEOUT_MS", row.silent ? "500" : "");
     while (row.stuck && ::connect(fds.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)),
                               to, sizeof addr) == 0) { }
     const auto c = svc.client({"dlctl", "list"}, row.user);
@@ -271,9 +289,13 @@ void tst_Dlctl::manyStoredAreListed()
     svc.sql("WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 19999) "
             "INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state) "
             "SELECT printf('id%05d', i), 'crowd', 'n', 'http://h/', '/d/' || i, 4 FROM n");
+    // A row too large for any reply is shown cut, and named as any other.
+    svc.sql("INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state) VALUES "
+            "('id10000x', 'crowd', 'n', 'http://h/' || hex(zeroblob(1 << 19)), '/d/x', 4)");
     QVERIFY(svc.start());
     const Run r = svc.dlctl({"list"});
-    QVERIFY(r.code == 0 && r.out.count('\n') == 20000);
+    QVERIFY(r.code == 0 && r.out.count('\n') == 20001);
+    QVERIFY(svc.dlctl({"status", "id10000x"}).code == 0 && svc.dlctl({"remove", "id10000x"}).code == 0);
     QVERIFY2(r.out.startsWith("id00000 crowd Paused 0 0 /d/0\n"), r.out.left(200));
     // They pass one reply's bound: the one-reply list is refused, not sent broken.
     const auto probe = svc.client({"dlprobe", "storm", "1"});

@@ -44,6 +44,11 @@ int main(int argc, char **argv)
         defaultServiceManager()->getService(String16("com.velta.DLService")));
     if (service == nullptr)
         return 2;
+    struct Exit : IBinder::DeathRecipient { // a probe under runuser outlives the test's kill
+        void binderDied(const wp<IBinder> &) override { _exit(0); }
+    };
+    static const sp<IBinder::DeathRecipient> onDeath = new Exit; // held weakly by the runtime
+    IInterface::asBinder(service)->linkToDeath(onDeath);
     const std::string mode = argc > 1 ? argv[1] : "";
     IDownload d;
     if (mode == "record") {

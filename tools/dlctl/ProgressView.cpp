@@ -1,5 +1,7 @@
 #include "ProgressView.h"
 
+#include "TextEscape.h"
+
 #include <cinttypes>
 #include <ctime>
 
@@ -48,7 +50,9 @@ std::string recordLine(const IDownload &r)
 {
     char numbers[64];
     snprintf(numbers, sizeof numbers, " %" PRId64 " %" PRId64 " ", r.amountDownloaded, r.totalSize);
-    return r.uniqueID + ' ' + r.clientID + ' ' + stateText(r.state) + numbers + r.filePath;
+    // Other users' texts reach root's terminal: escaped as the service's log does.
+    return escapeText(r.uniqueID) + ' ' + escapeText(r.clientID) + ' ' + stateText(r.state)
+        + numbers + escapeText(r.filePath);
 }
 
 namespace {
@@ -105,7 +109,7 @@ void ProgressView::redraw()
         const int filled = int(fraction * width + 0.5);
         std::string bar(size_t(filled > width ? width : filled), '#');
         bar.resize(width, '.');
-        std::string name = r.filePath.substr(r.filePath.find_last_of('/') + 1);
+        std::string name = escapeText(r.filePath.substr(r.filePath.find_last_of('/') + 1));
         if (name.size() > 24)
             name = name.substr(0, 21) + "...";
         fprintf(out, "\033[2K%-24s [%s] %3d%% %s / %s %s/s %s%s\n", name.c_str(), bar.c_str(),

@@ -1,6 +1,7 @@
 // dlctl: command-line client of the download service.
 #include "IDLService.h"
 #include "ProgressView.h"
+#include "TextEscape.h"
 
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
@@ -36,26 +37,76 @@ std::atomic<bool> endsByItself { false };
 int usage(FILE *out, int status)
 {
     fprintf(out,
-            "usage: dlctl COMMAND [ARGS]\n"
-            "       dlctl --help | --version\n"
-            "  create URL [--client ID] [--id ID] [--name NAME] [--wait]\n"
-            "  pause ID|all        resume ID|all        remove ID\n"
-            "  list [CLIENT]       status ID\n"
-            "  space SIZE [--client ID]\n"
-            "  set-path CLIENT PATH\n"
-            "  watch\n"
-            "create prints the new download's identifier; records print as:\n"
-            "  ID CLIENT STATE BYTES TOTAL FILE\n"
-            "watch and create --wait add after FILE, in parentheses, the meaning of a Failed\n"
-            "download's failure code or the time of a Stalled download's next attempt.\n"
-            "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
-            "  2 the server answered with an error status, 3 the local file could not be opened\n"
-            "  or written, 4 none (a new download).\n"
-            "The service is found in $BINDER_SOCKET_DIR (default /run/binder).\n"
-            "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
-            "or not answering, 64 usage, 128+N ended by signal N.\n");
+        "usage: dlctl COMMAND [ARGS]\n"
+        "       dlctl --help | --version\n"
+        "  create URL [--client ID] [--id ID] [--name NAME] [--wait]\n"
+        "  pause ID|all        resume ID|all        remove ID\n"
+        "  list [CLIENT]       status ID\n"
+        "  space SIZE [--client ID]\n"
+        "  set-path CLIENT PATH\n"
+        "  watch\n"
+        "create prints the new download's identifier; records print as:\n"
+        "  ID CLIENT STATE BYTES TOTAL FILE\n"
+        "watch and create --wait add after FILE, in parentheses, the meaning of a Failed\n"
+        "download's failure code or the time of a Stalled download's next attempt.\n"
+        "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
+        "  2 the server answered with an error status, 3 the local file could not be opened\n"
+        "  or written, 4 none (a new download).\n"
+        "The service is found in $BINDER_SOCKET_DIR (default /run/binder). Each call waits at\n"
+        "most $DLCTL_TIMEOUT_MS milliseconds for its answer (default 15000).\n"
+        "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
+        "or not answering, 64 usage, 128+N ended by signal N.\n");
     return status;
 }
+
+// Every call to the service has a deadline: a service that accepted the connection but does not
+// answer (stopped, or stuck) ends dlctl with status 2 instead of holding it for ever. One thread
+// waits for the armed deadline; waiting for updates is not a call and is not armed.
+class CallDeadline {
+public:
+    static void arm(const char *call)
+    {
+        static std::once_flag started;
+        std::call_once(started, [] { std::thread(watch).detach(); });
+        std::lock_guard<std::mutex> lock(mutex);
+        armed = call;
+        deadline = std::chrono::steady_clock::now() + timeout();
+        changed.notify_all();
+    }
+    static void disarm()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        armed = nullptr;
+        changed.notify_all();
+    }
+
+private:
+    static std::chrono::milliseconds timeout()
+    {
+        const char *text = getenv("DLCTL_TIMEOUT_MS");
+        const long ms = text && *text ? strtol(text, nullptr, 10) : 0;
+        return std::chrono::milliseconds(ms > 0 ? ms : 15000);
+    }
+    static void watch()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            if (!armed)
+                changed.wait(lock);
+            else if (changed.wait_until(lock, deadline) == std::cv_status::timeout && armed
+                && std::chrono::steady_clock::now() >= deadline) {
+                fprintf(stderr, "dlctl: the download service did not answer %s within %lld ms\n",
+                    armed, static_cast<long long>(timeout().count()));
+                fflush(nullptr);
+                _exit(2);
+            }
+        }
+    }
+    static inline std::mutex mutex;
+    static inline std::condition_variable changed;
+    static inline const char *armed = nullptr;
+    static inline std::chrono::steady_clock::time_point deadline;
+};
 
 // Collects update callbacks, which arrive on IPC pool threads, for the main thread, or hands
 // them to a sink on the thread they arrive on.
@@ -218,6 +269,13 @@ sp<IDLService> connectService(const sp<UpdateQueue> &events)
 // Every call that did not reach the service ends dlctl with status 2 and says so.
 int notAnswered(const char *call, int status)
 {
+    if (status == IDLService::TEXT_TOO_LONG) {
+        fprintf(stderr,
+            "dlctl: refused: an argument is longer than the service accepts (%zu bytes "
+            "for an identifier or client, %zu for a URL, %zu for a path)\n",
+            IDLService::kMaxIdBytes, IDLService::kMaxUrlBytes, IDLService::kMaxPathBytes);
+        return 1;
+    }
     fprintf(stderr, "dlctl: the download service did not answer %s (status %d)\n", call, status);
     return 2;
 }
@@ -230,24 +288,28 @@ int exists(const sp<IDLService> &service, const std::string &id)
 }
 
 // Follows one download through the update stream: prints progress, returns its final state.
+// Nothing heard for a second, it asks for the record, so it ends also when the service refused
+// its event client (a user at its limit of watchers).
 int follow(const sp<IDLService> &service, const sp<UpdateQueue> &events, const std::string &id)
 {
     const bool terminal = isatty(STDOUT_FILENO);
     ProgressView view(stdout);
     IDownload update;
     for (;;) {
+        CallDeadline::disarm();
         if (!events->next(&update, 1000)) {
             if (events->died() || interrupted)
                 break;
-            // Nothing heard for a while: make sure the download is still there.
-            const int found = exists(service, id);
+            CallDeadline::arm("getDownload");
+            const int found = service->getDownload(id, &update);
             if (found < 0)
                 return notAnswered("getDownload", found);
             if (found == 0) {
                 fprintf(stderr, "dlctl: download %s is gone\n", id.c_str());
                 break;
             }
-            continue;
+            if (update.state != 1 && update.state != 8)
+                continue;
         }
         if (update.uniqueID != id)
             continue;
@@ -325,6 +387,7 @@ int run(int argc, char **argv)
     const sp<IDLService> service = connectService(events);
     if (service == nullptr)
         return 2;
+    CallDeadline::arm(argv[1]);
     const std::string arg = n ? o.positional[0] : std::string();
 
     if (command == "create") {
@@ -340,12 +403,14 @@ int run(int argc, char **argv)
             fprintf(stderr, "dlctl: cannot create %s: %s\n", arg.c_str(), refusal(created));
             status = 1;
         } else {
-            printf("%s\n", id.c_str());
+            printf("%s\n", escapeText(id).c_str());
             if (o.wait)
                 status = follow(service, events, id);
         }
-        if (o.wait)
+        if (o.wait) {
+            CallDeadline::arm("removeClient");
             service->removeClient(events);
+        }
         return status;
     }
     if (command == "pause" || command == "resume" || command == "remove") {
@@ -378,6 +443,7 @@ int run(int argc, char **argv)
         // Page by page, so any number of downloads can be listed.
         std::vector<IDownload> page;
         for (std::string after;; after = page.back().uniqueID) {
+            CallDeadline::arm("listDownloadsPage");
             const int result = service->listDownloadsPage(n ? arg : "*", after, &page);
             if (result < 0)
                 return notAnswered("listDownloadsPage", result);
@@ -394,17 +460,16 @@ int run(int argc, char **argv)
             return 64;
         }
         const int result = service->checkSpaceAvailability(o.client, size);
-        if (result < 0) {
-            fprintf(stderr, "dlctl: the download service went away\n");
-            return 2;
-        }
+        if (result < 0)
+            return notAnswered("checkSpaceAvailability", result);
         static const char *meaning[] = {"fits", "does not fit", "directory missing or unreadable"};
         printf("%d %s\n", result, result >= 0 && result <= 2 ? meaning[result] : "unknown");
         return 0;
     }
     if (command == "set-path") {
         const std::string &path = o.positional[1];
-        switch (service->setDownloadPath(o.positional[0], path)) {
+        const int32_t result = service->setDownloadPath(o.positional[0], path);
+        switch (result) {
         case IDLService::PATH_SET:
             return 0;
         case IDLService::PATH_NOT_ABSOLUTE:
@@ -418,8 +483,7 @@ int run(int argc, char **argv)
                             "only root sets this client's directory\n", path.c_str());
             return 1;
         default:
-            fprintf(stderr, "dlctl: the download service went away\n");
-            return 2;
+            return notAnswered("setDownloadPath", result);
         }
     }
     // watch: ends with SIGINT or SIGTERM. Updates are printed by the thread that receives them:
@@ -433,6 +497,7 @@ int run(int argc, char **argv)
             printf("%s%s\n", recordLine(update).c_str(), stateNote(update).c_str());
     });
     service->addClient(events);
+    CallDeadline::disarm();
     endsByItself = true;
     IDownload none;
     events->next(&none, -1); // returns on interruption or the service's death
@@ -442,6 +507,7 @@ int run(int argc, char **argv)
         return 2;
     }
     endsByItself = false;
+    CallDeadline::arm("removeClient");
     service->removeClient(events);
     return 0;
 }

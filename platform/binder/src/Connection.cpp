@@ -21,6 +21,7 @@ namespace android {
 
 namespace {
 constexpr size_t kKeptBodyBytes = 64 * 1024;
+constexpr size_t kCallCost = 256; // an incoming call's bookkeeping besides its body
 }
 
 std::shared_ptr<Connection> Connection::start(
@@ -36,6 +37,7 @@ std::shared_ptr<Connection> Connection::start(
     std::shared_ptr<Connection> c(new Connection(fd, root));
     c->mPeerPid = cred.pid;
     c->mPeerUid = cred.uid;
+    c->mWork = WorkLedger::open(cred.uid);
     // Thread creation fails when the process runs out of threads or memory: the peer loses
     // this connection, the process goes on.
     try {
@@ -254,15 +256,11 @@ void Connection::sendReply(uint64_t txnId, status_t status, const Parcel &reply)
 void Connection::execute(const IncomingPtr &call)
 {
     IPCThreadState *state = IPCThreadState::self();
-    state->serving.push_back({ this, call->txnId, mPeerPid, mPeerUid });
+    state->serving.push_back({ this, call->txnId, mPeerPid, mPeerUid, call->work });
     Parcel reply;
     const status_t status = call->target->transact(call->code, call->data, &reply, call->flags);
     state->serving.pop_back();
-    {
-        std::lock_guard<std::mutex> lock(mLock);
-        mInCalls--;
-        mInBytes -= call->bytes;
-    }
+    call->work.reset();
     if (!(call->flags & IBinder::FLAG_ONEWAY))
         sendReply(call->txnId, status, reply);
 }
@@ -287,7 +285,7 @@ void Connection::drainOneway(uint64_t target)
     }
 }
 
-void Connection::handleFrame(wire::Frame &&frame)
+void Connection::handleFrame(wire::Frame &&frame, std::shared_ptr<void> work)
 {
     std::unique_lock<std::mutex> lock(mLock);
     // Proxies made now would miss the death notice that has already gone out.
@@ -307,18 +305,11 @@ void Connection::handleFrame(wire::Frame &&frame)
     }
 
     const bool oneway = frame.flags & IBinder::FLAG_ONEWAY;
-    // Counts bookkeeping and proxies too, so floods of empty calls or objects are bounded as well.
-    const size_t bytes = frame.data.size() + frame.objects.size() * 256 + 256;
-    if (mInCalls >= kMaxQueuedInCalls || mInBytes + bytes > kMaxQueuedInBytes) {
-        lock.unlock();
-        shutdown("too many queued incoming calls");
-        return;
-    }
     auto call = std::make_shared<Incoming>();
     call->txnId = frame.txnId;
     call->code = frame.code;
     call->flags = frame.flags;
-    call->bytes = bytes;
+    call->work = std::move(work);
     auto target = mExports.find(frame.target);
     status_t err = target == mExports.end() ? status_t(BAD_VALUE) : NO_ERROR;
     if (err == NO_ERROR) {
@@ -332,9 +323,6 @@ void Connection::handleFrame(wire::Frame &&frame)
             sendReply(frame.txnId, err, Parcel());
         return;
     }
-    mInCalls++;
-    mInBytes += bytes;
-
     std::shared_ptr<Connection> self = shared_from_this();
     if (oneway) {
         // One queue per target keeps one-way calls to an object in the order they were sent.
@@ -400,6 +388,11 @@ void Connection::readLoop()
             shutdown("bad frame header");
             return;
         }
+        // A call is counted before its body is read; past a bound the peer waits (back-pressure).
+        // Bookkeeping counts too, so floods of empty calls are bounded as well.
+        std::shared_ptr<void> work;
+        if (command == wire::Transact && !(work = WorkLedger::reserve(mWork, size + kCallCost)))
+            return; // shut down while waiting
         if (!readBody(size, &body)) {
             shutdown("peer closed");
             return;
@@ -412,7 +405,7 @@ void Connection::readLoop()
         // A large frame's buffer is not kept through the idle time that follows it.
         if (body.capacity() > kKeptBodyBytes)
             std::vector<uint8_t>().swap(body);
-        handleFrame(std::move(frame));
+        handleFrame(std::move(frame), std::move(work));
     }
 }
 
@@ -458,6 +451,8 @@ void Connection::shutdown(const char *reason)
             LOGW("dropping connection to pid %d: %s", int(mPeerPid), reason);
         ::shutdown(mFd, SHUT_RDWR);
         mWriterCv.notify_all();
+        if (mWork)
+            WorkLedger::close(*mWork);
         for (auto &[txn, pending] : mPending) {
             pending->done = true;
             pending->cv.notify_one();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Wire.h"
+#include "WorkLedger.h"
 
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>
@@ -18,8 +19,9 @@ namespace android {
 // frames off the socket. A frame with nothing queued ahead of it is sent by the calling thread as
 // far as the socket takes it without blocking; a writer thread drains the rest from a bounded
 // queue, so no caller blocks on a slow peer. Objects we send are exported (kept alive) until the
-// connection closes. Any read or write failure, protocol violation or overflow shuts the
-// connection down and reports its proxies dead.
+// connection closes. Incoming calls are counted in the WorkLedger from the moment their body is
+// read: past its bounds the reader stops reading (back-pressure). Any read or write failure,
+// protocol violation or outgoing overflow shuts the connection down and reports its proxies dead.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
     // Takes ownership of `fd`; `root` (may be null) is what the peer reaches as handle 0. `slot`
@@ -40,15 +42,13 @@ public:
 
     static constexpr size_t kMaxQueuedOutBytes = 8u << 20;
     static constexpr size_t kMaxQueuedOutFrames = 8192;
-    static constexpr size_t kMaxQueuedInBytes = 16u << 20;
-    static constexpr size_t kMaxQueuedInCalls = 16384;
 
 private:
     struct Incoming {
         uint64_t txnId = 0;
         uint32_t code = 0;
         uint32_t flags = 0;
-        size_t bytes = 0;
+        std::shared_ptr<void> work; // counted in the WorkLedger while held
         sp<IBinder> target;
         Parcel data;
     };
@@ -65,7 +65,7 @@ private:
     void writeLoop();
     bool readFully(void *buf, size_t len);
     bool readBody(size_t size, std::vector<uint8_t> *body);
-    void handleFrame(wire::Frame &&frame);
+    void handleFrame(wire::Frame &&frame, std::shared_ptr<void> work);
     void execute(const IncomingPtr &call);
     void drainOneway(uint64_t target);
     void sendReply(uint64_t txnId, status_t status, const Parcel &reply);
@@ -91,8 +91,7 @@ private:
     std::map<IBinder *, uint64_t> mExportIds;
     std::map<uint64_t, wp<BpBinder>> mProxies;
     std::map<uint64_t, std::deque<IncomingPtr>> mOneway;
-    size_t mInCalls = 0;
-    size_t mInBytes = 0;
+    std::shared_ptr<WorkLedger::Account> mWork;
 };
 
 } // namespace android

@@ -2,27 +2,37 @@
 
 #include <android/log.h>
 
+#include <unistd.h>
+
 namespace android {
 
-std::shared_ptr<ConnectionSlots> ConnectionSlots::create(size_t maxTotal, size_t maxPerUid)
+std::shared_ptr<ConnectionSlots> ConnectionSlots::create(
+    size_t maxTotal, size_t maxPerUid, size_t rootReserve)
 {
-    return std::shared_ptr<ConnectionSlots>(new ConnectionSlots(maxTotal, maxPerUid));
+    return std::shared_ptr<ConnectionSlots>(new ConnectionSlots(maxTotal, maxPerUid, rootReserve));
 }
 
-ConnectionSlots::ConnectionSlots(size_t maxTotal, size_t maxPerUid)
-    : mMaxTotal(maxTotal), mMaxPerUid(maxPerUid)
+ConnectionSlots::ConnectionSlots(size_t maxTotal, size_t maxPerUid, size_t rootReserve)
+    : mMaxTotal(maxTotal), mMaxPerUid(maxPerUid), mRootReserve(rootReserve)
 {
+}
+
+bool ConnectionSlots::isRoot(uid_t uid) const
+{
+    return uid == 0 || uid == geteuid();
 }
 
 std::shared_ptr<void> ConnectionSlots::take(uid_t uid, pid_t pid)
 {
+    const bool root = isRoot(uid);
     bool processFull = false;
     {
         std::lock_guard<std::mutex> lock(mLock);
         size_t &mine = mPerUid[uid];
-        processFull = mTotal >= mMaxTotal;
-        if (!processFull && mine < mMaxPerUid) {
+        processFull = mTotal >= mMaxTotal || (!root && mOthers + mRootReserve >= mMaxTotal);
+        if (!processFull && (root || mine < mMaxPerUid)) {
             ++mTotal;
+            mOthers += !root;
             ++mine;
             struct Slot {
                 std::shared_ptr<ConnectionSlots> owner;
@@ -35,9 +45,11 @@ std::shared_ptr<void> ConnectionSlots::take(uid_t uid, pid_t pid)
             mPerUid.erase(uid);
     }
     __android_log_print(ANDROID_LOG_WARN, "binder",
-        "refusing a connection from pid %d uid %u: %s limit of %zu connections reached",
-        int(pid), unsigned(uid), processFull ? "the process's" : "its user's",
-        processFull ? mMaxTotal : mMaxPerUid);
+        "refusing a connection from pid %d uid %u: %s limit of %zu connections reached", int(pid),
+        unsigned(uid), processFull ? "the process's" : "its user's",
+        !processFull ? mMaxPerUid
+            : root   ? mMaxTotal
+                     : mMaxTotal - mRootReserve);
     return nullptr;
 }
 
@@ -45,6 +57,7 @@ void ConnectionSlots::give(uid_t uid)
 {
     std::lock_guard<std::mutex> lock(mLock);
     --mTotal;
+    mOthers -= !isRoot(uid);
     if (--mPerUid[uid] == 0)
         mPerUid.erase(uid);
 }

@@ -15,6 +15,11 @@ uid_t IPCThreadState::getCallingUid() const
     return serving.empty() ? getuid() : serving.back().uid;
 }
 
+std::shared_ptr<void> IPCThreadState::keepCallCounted() const
+{
+    return serving.empty() ? nullptr : serving.back().work;
+}
+
 IPCThreadState *IPCThreadState::self()
 {
     static thread_local IPCThreadState state;

@@ -171,8 +171,8 @@ status_t SocketServiceManager::addService(
             std::atexit(unlinkPublished);
         gPublished[path] = service;
     }
-    static const std::shared_ptr<ConnectionSlots> slots
-        = ConnectionSlots::create(ConnectionSlots::kMaxTotal, ConnectionSlots::kMaxPerUid);
+    static const std::shared_ptr<ConnectionSlots> slots = ConnectionSlots::create(
+        ConnectionSlots::kMaxTotal, ConnectionSlots::kMaxPerUid, ConnectionSlots::kRootReserve);
     auto acceptLoop = [fd, path] {
         for (;;) {
             const int client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace android {
@@ -22,6 +23,10 @@ public:
     pid_t getCallingPid() const;
     uid_t getCallingUid() const;
     void joinThreadPool(bool isMain = true);
+    // Keeps the innermost incoming call counted against its connection and its caller's uid
+    // until the last copy is released: for work the call hands on to another thread, so that a
+    // caller cannot queue without bound by calls that return at once. Null outside a call.
+    std::shared_ptr<void> keepCallCounted() const;
 
     // Runtime internal.
     struct Serving {
@@ -29,6 +34,7 @@ public:
         uint64_t txnId;
         pid_t pid;
         uid_t uid;
+        std::shared_ptr<void> work;
     };
     std::vector<Serving> serving;
 

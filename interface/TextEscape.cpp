@@ -1,0 +1,57 @@
+#include "TextEscape.h"
+
+#include <cstdint>
+#include <cstdio>
+
+namespace {
+
+// The length of the valid UTF-8 sequence at p (at most n bytes) and its code point; 0 if none.
+size_t decode(const unsigned char *p, size_t n, uint32_t *cp)
+{
+    const size_t len = p[0] >= 0xc2 && p[0] <= 0xdf ? 2
+        : p[0] >= 0xe0 && p[0] <= 0xef              ? 3
+        : p[0] >= 0xf0 && p[0] <= 0xf4              ? 4
+                                                    : 0;
+    if (len == 0 || len > n)
+        return 0;
+    *cp = p[0] & (0x7f >> len);
+    for (size_t k = 1; k < len; ++k) {
+        if ((p[k] & 0xc0) != 0x80)
+            return 0;
+        *cp = *cp << 6 | (p[k] & 0x3f);
+    }
+    const bool overlong = (len == 3 && *cp < 0x800) || (len == 4 && *cp < 0x10000);
+    const bool surrogate = *cp >= 0xd800 && *cp <= 0xdfff;
+    return overlong || surrogate || *cp > 0x10ffff ? 0 : len;
+}
+
+} // namespace
+
+std::string escapeText(const char *text, size_t length)
+{
+    const auto *p = reinterpret_cast<const unsigned char *>(text);
+    std::string out;
+    out.reserve(length);
+    char escaped[8];
+    for (size_t i = 0; i < length;) {
+        const unsigned char c = p[i];
+        uint32_t cp = c;
+        const size_t len = c < 0x80 ? 1 : decode(p + i, length - i, &cp);
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (len == 0 || c < 0x20 || c == 0x7f) {
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+            out += escaped;
+        } else if ((cp >= 0x80 && cp <= 0x9f) || (cp >= 0x202a && cp <= 0x202e)
+            || (cp >= 0x2066 && cp <= 0x2069)) {
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", unsigned(cp));
+            out += escaped;
+        } else {
+            out.append(text + i, len);
+        }
+        i += len == 0 ? 1 : len;
+    }
+    return out;
+}

@@ -1,0 +1,95 @@
+#include "WorkLedger.h"
+
+#include <unistd.h>
+
+namespace android {
+
+namespace {
+
+struct Held {
+    size_t bytes = 0;
+    size_t calls = 0;
+    bool fits(size_t more, WorkLedger::Bound bound) const
+    {
+        return calls == 0 || (calls < bound.calls && bytes + more <= bound.bytes);
+    }
+};
+
+std::mutex gLock;
+std::condition_variable gRoom;
+Held gTotal, gOthers; // everyone's, and that of the uids other than root
+std::map<uid_t, Held> gPerUid;
+
+} // namespace
+
+class WorkLedger::Account {
+public:
+    uid_t uid = 0;
+    bool root = false;
+    bool closed = false;
+    Held held;
+
+    bool fits(size_t bytes) const
+    {
+        static constexpr Bound kOthers { kTotal.bytes - kRootReserve.bytes,
+            kTotal.calls - kRootReserve.calls };
+        if (!held.fits(bytes, kPerConnection) || !gTotal.fits(bytes, kTotal))
+            return false;
+        const auto user = gPerUid.find(uid);
+        return root
+            || ((user == gPerUid.end() || user->second.fits(bytes, kPerUid))
+                && gOthers.fits(bytes, kOthers));
+    }
+    // Adds (sign 1) or takes back (sign -1) one call of `bytes`.
+    void count(size_t bytes, int sign)
+    {
+        std::vector<Held *> all { &held, &gTotal };
+        if (!root) {
+            all.push_back(&gOthers);
+            all.push_back(&gPerUid[uid]);
+        }
+        for (Held *h : all) {
+            h->bytes = sign > 0 ? h->bytes + bytes : h->bytes - bytes;
+            h->calls = sign > 0 ? h->calls + 1 : h->calls - 1;
+        }
+        if (!root && gPerUid[uid].calls == 0)
+            gPerUid.erase(uid);
+    }
+};
+
+std::shared_ptr<WorkLedger::Account> WorkLedger::open(uid_t peerUid)
+{
+    auto account = std::make_shared<Account>();
+    account->uid = peerUid;
+    account->root = peerUid == 0 || peerUid == geteuid();
+    return account;
+}
+
+std::shared_ptr<void> WorkLedger::reserve(const std::shared_ptr<Account> &account, size_t bytes)
+{
+    std::unique_lock<std::mutex> lock(gLock);
+    gRoom.wait(lock, [&] { return account->closed || account->fits(bytes); });
+    if (account->closed)
+        return nullptr;
+    account->count(bytes, 1);
+    struct Token {
+        std::shared_ptr<Account> account;
+        size_t bytes;
+        ~Token()
+        {
+            std::lock_guard<std::mutex> guard(gLock);
+            account->count(bytes, -1);
+            gRoom.notify_all();
+        }
+    };
+    return std::shared_ptr<Token>(new Token { account, bytes });
+}
+
+void WorkLedger::close(Account &account)
+{
+    std::lock_guard<std::mutex> lock(gLock);
+    account.closed = true;
+    gRoom.notify_all();
+}
+
+} // namespace android
