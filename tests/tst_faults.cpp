@@ -401,7 +401,7 @@ void tst_Faults::connectionFlood()
     // One-way calls stay counted until carried out: with the manager held up (its log pipe full,
     // as this loop does not read it), the service stops reading the caller instead of queueing.
     int fd = -1; // once the flood's slots are back
-    QVERIFY(s.proc.waitFor([&] {
+    QVERIFY(waitFor("an answer once the flood's slots are back", [&] {
         return replyStatus(fd = s.rawConnect(), call(IDLService::GET_DOWNLOAD, { "x" })) == 0
             || close(fd) > 0;
     }));
