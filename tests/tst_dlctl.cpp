@@ -157,7 +157,7 @@ void tst_Dlctl::requests_data()
     row("resumed through a swapped directory", {.user = "root", .args = "resume swap", .said = "swap failed: cannot write @/a/dl/p.bin: Too many levels of symbolic links"});
     row("removed through a swapped directory", {.user = "root", .args = "remove swap"});
     row("one file however the directory is spelled", {.args = "status n2", .out = "n2 dots Paused 0 0 @/downloads/dlmtest-never.0\n"});
-    row("a user's identifiers are its own", {.user = "dlmtest-b", .args = "create URL/no --client app --id p", .out = "p\n"});
+    row("a user's identifiers are its own", {.user = "dlmtest-b", .before = {"remove fb"}, .args = "create URL/no --client app --id p", .out = "p\n"});
     row("root's identifier a user holds", {.args = "create URL/dlmtest-never --id theirs", .out = "theirs\n"});
     row("an identifier too long", {.user = "dlmtest-a", .args = "status " + QByteArray(257, 'x'), .code = 1, .said = "longer than the"});
     row("controls escaped", {.args = "create URL/no --id e\x1b\xc2\x85\xe2\x80\xae --wait", .code = 1, .out = "e\\x1b\\u0085\\u202e\ne\\x1b\\u0085\\u202e dlctl Failed 0 0 @/downloads/no (failure 2: the server answered with an error status)\n", .said = "uniqueID:e\\x1b\\u0085\\u202e url"});
