@@ -52,7 +52,7 @@ int usage(FILE *out, int status)
         "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
         "  2 the server answered with an error status, 3 the local file could not be opened\n"
         "  or written, 4 none (a new download).\n"
-        "The service is found in $BINDER_SOCKET_DIR (default /run/binder). Each call waits at\n"
+        "The service is found in $BINDER_SOCKET_DIR (default /run/downloadmanager). Each call waits at\n"
         "most $DLCTL_TIMEOUT_MS milliseconds for its answer (default 15000).\n"
         "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
         "or not answering, 64 usage, 128+N ended by signal N.\n");
@@ -249,7 +249,7 @@ sp<IDLService> connectService(const sp<UpdateQueue> &events)
     if (binder == nullptr) {
         const int why = errno;
         const char *dir = getenv("BINDER_SOCKET_DIR");
-        const std::string path = std::string(dir && *dir ? dir : "/run/binder") + "/" + kServiceName;
+        const std::string path = std::string(dir && *dir ? dir : "/run/downloadmanager") + "/" + kServiceName;
         if (why == EACCES || why == EPERM)
             fprintf(stderr, "dlctl: permission denied: this user may not reach %s\n", path.c_str());
         else if (why == EAGAIN || why == ETIMEDOUT)
