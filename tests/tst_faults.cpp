@@ -285,7 +285,7 @@ void tst_Faults::hostileFrames()
     close(fd);
     // A caller's newline is logged escaped, never as a line of its own.
     QVERIFY(!svc.proc.err().contains("\nforged"));
-    QCOMPARE(svc.proc.err().mid(mark).contains("\\x01\\nforged"), bytes.contains("\nforged"));
+    QVERIFY(!bytes.contains("\nforged") || svc.waitErr("\\x01\\nforged", 1, mark));
 }
 
 void tst_Faults::restoredRows()
