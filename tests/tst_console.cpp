@@ -78,8 +78,8 @@ private slots:
             invalid("\"a\\n\"\\t\\x01\\x1b[0m"), invalid(bad2 + " st\\x00tus \\x7f"), invalid(xs)}});
         row("only http(s): refused, nothing made", {.input = "create ftp://h/f\ncreate HTTP://h/f\n"
             "create httpx://h/f\ncreate\nlist", .expected = {kList, "No downloads "}, .logged = {"URL=ftp://h/f", "URL=HTTP://h/f", "URL=httpx://h/f", "URL="}});
-        row("paths", {.input = "download_path @R/none\ndownload_path\ndownload_path rel\ndownload_path ~/dl",
-            .expected = {"Path @R/none refused: no such directory.", "Path  refused: not an absolute path.", "Path rel refused: not an absolute path.", "Path ~/dl set."}});
+        row("paths", {.input = "download_path @R/none\ndownload_path\ndownload_path rel\ndownload_path ~/dl\ndownload_path ~dl",
+            .expected = {"Path @R/none refused: no such directory.", "Path  refused: not an absolute path.", "Path rel refused: not an absolute path.", "Path ~/dl set.", "Path ~dl refused: not an absolute path."}});
         row("space", {.input = "download_path @R\n" + dp + "100\n" + dp + "9223372036854775807\n" + huge
             + "\n" + dp + "-1\n" + dp + "@A|" + dp + "1", .expected = {"Path @R set.", res + "0.", res + "1.", invalid(huge), invalid(dp + "-1"), res + "1.", res + "2."}});
         // The first change line names the file; the download is removed before it hears anything.
@@ -91,6 +91,7 @@ private slots:
         const QByteArray e300 = "/" + QByteArray("%C3%A9").repeated(300) + ".bin";
         name("numbered past the taken", "/a.zip", "a.zip.1", {"a.zip", "a.zip.0"});
         name("first free number", "/a.zip", "a.zip.0", {"a.zip", "a.zip.1"});
+        name("a dangling link takes its name", "/a.zip", "a.zip.0", {"a.zip -> none"});
         name("no name in the URL", "/dir/", "download.0", {"download"});
         name("query and fragment", "/r.pdf?t=a/b#c", "r.pdf");
         name("decoded", "/na%C3%AFve%20f.txt", "naïve f.txt");
@@ -125,8 +126,11 @@ private slots:
         QFETCH(Command, row);
         const qsizetype mark = shell.mark();
         const QByteArray dir = shell.path("downloads/" + QString::number(mark)).toUtf8();
-        for (const QString &name : row.taken << QString())
-            QVERIFY(QDir().mkpath(dir + '/' + name)); // a directory takes a name as well as a file
+        for (const QString &name : QStringList(QString()) + row.taken) { // "a -> b": a link to b
+            const QStringList link = name.split(" -> "); // a directory takes a name as a file does
+            QVERIFY(link.size() == 2 ? QFile::link(link[1], dir + '/' + link[0])
+                                     : QDir().mkpath(dir + '/' + name));
+        }
         // @A: more than may be used, less than is free counting root's reserve (if there is one).
         struct statvfs fs { };
         QVERIFY(statvfs(dir, &fs) == 0);
@@ -203,7 +207,9 @@ private slots:
         QCOMPARE(readFile(s), slow); // completed: the file stays
 
         // The input ends while a restart writes the file anew: it goes on, the service idles.
-        QVERIFY(QFile::resize(q, 10));
+        QFile wrong(q); // all its bytes there, the first ten wrong
+        QVERIFY(
+            wrong.open(QIODevice::ReadWrite) && wrong.write("xxxxxxxxxx") == 10 && wrong.flush());
         const qsizetype mark = svc.mark();
         svc.proc.write("restart " + idQ + "\nstatus none"); // the last line without its line end
         svc.proc.closeInput();

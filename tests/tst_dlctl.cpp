@@ -15,7 +15,8 @@
 static const QStringList kUsers {"dlmtest-a", "dlmtest-b"};
 
 // A dlctl command as a user, after commands that make the state it needs (whatever they answer:
-// an earlier row may have made it). "URL/" is the server, "@" the service's directory.
+// an earlier row may have made it; "dlprobe ..." ones as dlmtest-b). "URL/" is the server, "@"
+// the service's directory.
 // out: of a --wait only the first and the last line; said: in dlctl's standard error, else the
 // service's since the row began; heard: by dlmtest-b's watcher, which never hears of another's.
 struct Request {
@@ -129,6 +130,7 @@ void tst_Dlctl::requests_data()
     QTest::addColumn<Request>("row");
     const auto row = [](const char *name, const Request &r) { QTest::newRow(name) << r; };
     row("paused record", {.args = "status p", .out = "p dlctl Paused 100000 300000 @/downloads/p.bin\n"});
+    row("resumed by another's raw call", {.user = "root", .before = {"dlprobe resume p"}, .args = "status p", .out = "p dlctl Paused 100000 300000 @/downloads/p.bin\n"});
     row("create and follow", {.args = "create URL/a --id a --wait", .out = "a\na dlctl Completed 70000 70000 @/downloads/a\n", .said = "\"Completed\"  DL:  70000 / 70000"});
     row("identifier in use", {.args = "create URL/other --id p", .code = 1, .said = "belongs to another download"});
     row("not an http URL", {.args = "create ftp://h/f", .code = 1, .said = "not an http or https URL"});
@@ -149,6 +151,7 @@ void tst_Dlctl::requests_data()
     row("another's download unseen", {.user = "dlmtest-b", .args = "status theirs", .code = 1, .said = "no download theirs"});
     row("another's downloads unlisted", {.user = "dlmtest-b", .before = {"create URL/no --client app --id b --wait"}, .args = "list", .out = "b app Failed 0 0 @/b/no\n"});
     row("pause all of one's own", {.user = "dlmtest-b", .args = "pause all", .said = "all has been paused."});
+    row("removed by another's raw call", {.user = "root", .before = {"dlprobe remove A:theirs"}, .args = "status A:theirs", .out = "A:theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
     row("root sees all", {.user = "root", .args = "status A:theirs", .out = "A:theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
     row("a user over its limit", {.user = "dlmtest-a", .before = {"create URL/f --id own"}, .args = "create URL/f", .code = 1, .said = "has 2 downloads, its limit"});
     row("resumed onto a planted link, not followed", {.before = {"resume p"}, .args = "status p", .out = "p dlctl Failed 0 300000 @/downloads/p.bin\n", .said = "Too many levels of symbolic links", .poll = true});
@@ -180,7 +183,7 @@ void tst_Dlctl::requests()
     const auto run = [&](const QString &args) { return shared->dlctl(QString::fromUtf8(fill(args)).split(' '), row.user); };
     const qsizetype mark = shared->mark();
     for (const QString &args : row.before)
-        run(args);
+        args.startsWith("dlprobe") ? void(shared->client(QString::fromUtf8(fill(args)).split(' '), kUsers[1])->finish()) : void(run(args));
     Run r = run(row.args);
     QVERIFY(!row.poll || waitFor(fill(row.out), [&] { return (r = run(row.args)).out == fill(row.out); }));
     QVERIFY2(r.code == row.code, r.err);

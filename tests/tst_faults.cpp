@@ -31,6 +31,7 @@ struct ServerFault {
     const char *scheme = "http"; // "https": a TLS handshake the plain server cannot answer
     bool removeDir = false; // the client's directory is gone after it is set
     bool pauseAsked = false; // paused while its request waits for an answer
+    bool pauseStalled = false; // paused once Stalled, then left past its retry's time
     int othersBacklog = 0; // downloads of another user trickling from the same host first
     const char *end;
     int state, code, bytes = 0;
@@ -52,6 +53,7 @@ const ServerFault kServerFaults[] = {
     {.name = "never answers", .serve = {.neverAnswer = true}, .pauseAsked = true, .end = "Paused", .state = 4, .code = 4, .ranges = "-", .states = "Paused"},
     {.name = "header without end", .serve = {.endlessHeader = true}, .end = "Failed", .state = 8, .code = 1, .reason = "nothing received", .ranges = "*", .states = "Stalled Stalled Failed"},
     {.name = "redirect to a closed port", .serve = {.redirectTo = "http://127.0.0.1:1/"}, .end = "Failed", .state = 8, .code = 1, .reason = "refused", .ranges = "*", .states = "Stalled Stalled Failed"},
+    {.name = "paused while stalled", .serve = {.status = 503, .extraHeaders = {{"Retry-After", "1"}}}, .pauseStalled = true, .end = "Paused", .state = 4, .code = 2, .ranges = "-", .states = "Stalled Paused"},
     {.name = "another user's backlog", .othersBacklog = 12, .end = "Completed", .state = 1, .code = 4, .bytes = 262144, .ranges = "-", .states = "Completed"},
 };
 
@@ -233,6 +235,11 @@ void tst_Faults::serverFaults()
     QCOMPARE(svc.dlctl({ "create", link, "--client", id, "--id", id }).code, 0);
     if (r.pauseAsked && waitFor("its request", [&] { return !ranges(server, id).isEmpty(); }))
         svc.line("pause " + id);
+    const QByteArray stalled = id + ' ' + id + " Stalled ";
+    if (r.pauseStalled && waitFor(stalled, [&] { return watcher->out().contains(stalled); })) {
+        svc.line("pause " + id);
+        QTest::qWait(1500); // past the server's Retry-After
+    }
     const QByteArray seen = id + ' ' + id + ' ' + end + ' ';
     QVERIFY(waitFor("the watcher to hear " + seen, [&] { return watcher->out().contains(seen); }) && svc.sync());
     const QByteArray row = stored(svc, id), n = QByteArray::number(r.bytes),

@@ -67,6 +67,10 @@ private slots:
         const auto manager = start(svc, svc.path("db"));
         QCOMPARE(values(manager->getDownloadList("*")), values({ &x, &b }));
         QCOMPARE(manager->getDownloadPath(key) + manager->getDownloadPath(key, 7), "/b/c");
+        svc.sql("UPDATE downloads SET uniqueID = 'stored' WHERE uniqueID = 'x'"); // not live
+        QVERIFY(manager->createDownload("c", "http://h/s", "stored", "")
+            == DownloadManager::CreateStatus::IdInUse);
+        QVERIFY(errors.size() == 1 && errors.takeFirst().contains("stored is in use"));
         manager->quit();
         QCOMPARE(svc.sql("PRAGMA journal_mode"), Rows { { "wal" } });
         QCOMPARE(errors, QList<QByteArray>());

@@ -39,6 +39,15 @@ private slots:
         QVERIFY(!is(String16(u"ab.c")) && !is(String16(u"ab.c\U0001F600!")) && is(token));
         int64_t past = 42; // four bytes left
         QVERIFY(p.readInt64(&past) == NOT_ENOUGH_DATA && past == 0 && p.readInt32() == -7);
+        // An entry naming the object one past the last is refused, though a freed object's room
+        // still holds obj.
+        Parcel one;
+        for (int n = 0; n < 3; ++n)
+            n == 2 ? one.freeData() : void(one.writeStrongBinder(obj));
+        one.writeStrongBinder(obj);
+        one.write((word(1) + word(1)).constData(), 8);
+        one.setDataPosition(8);
+        QVERIFY(one.readStrongBinder() == nullptr && one.dataPosition() == 8);
 
         // Lying lengths and binder entries naming nothing: refused by every reader, nothing read.
         for (const QByteArray &bytes : { word(1000) + "aaaaaaaa", word(INT32_MAX) + "aaaaaaaa",

@@ -60,6 +60,10 @@ int main(int argc, char **argv)
         fflush(nullptr);
         _exit(0);
     }
+    if ((mode == "resume" || mode == "remove") && argc > 2) { // unchecked, as no dlctl would
+        mode == "resume" ? service->resumeDownload(argv[2]) : service->removeDownload(argv[2]);
+        _exit(0);
+    }
     if (mode == "storm") {
         for (int i = 0; i < atoi(argc > 2 ? argv[2] : "100"); ++i) {
             std::vector<IDownload *> list;
