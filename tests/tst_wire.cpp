@@ -42,8 +42,9 @@ private slots:
         // An entry naming the object one past the last is refused, though a freed object's room
         // still holds obj.
         Parcel one;
-        for (int n = 0; n < 3; ++n)
-            n == 2 ? one.freeData() : void(one.writeStrongBinder(obj));
+        one.writeStrongBinder(obj);
+        one.writeStrongBinder(obj);
+        one.freeData();
         one.writeStrongBinder(obj);
         one.write((word(1) + word(1)).constData(), 8);
         one.setDataPosition(8);
