@@ -53,7 +53,7 @@ const ServerFault kServerFaults[] = {
     {.name = "never answers", .serve = {.neverAnswer = true}, .pauseAsked = true, .end = "Paused", .state = 4, .code = 4, .ranges = "-", .states = "Paused"},
     {.name = "header without end", .serve = {.endlessHeader = true}, .end = "Failed", .state = 8, .code = 1, .reason = "nothing received", .ranges = "*", .states = "Stalled Stalled Failed"},
     {.name = "redirect to a closed port", .serve = {.redirectTo = "http://127.0.0.1:1/"}, .end = "Failed", .state = 8, .code = 1, .reason = "refused", .ranges = "*", .states = "Stalled Stalled Failed"},
-    {.name = "paused while stalled", .serve = {.status = 503, .extraHeaders = {{"Retry-After", "1"}}}, .pauseStalled = true, .end = "Paused", .state = 4, .code = 2, .ranges = "-", .states = "Stalled Paused"},
+    {.name = "paused while stalled", .serve = {.status = 503, .extraHeaders = {{"Retry-After", "3"}}}, .pauseStalled = true, .end = "Paused", .state = 4, .code = 2, .ranges = "-", .states = "Stalled Paused"},
     {.name = "another user's backlog", .othersBacklog = 12, .end = "Completed", .state = 1, .code = 4, .bytes = 262144, .ranges = "-", .states = "Completed"},
 };
 
@@ -238,7 +238,7 @@ void tst_Faults::serverFaults()
     const QByteArray stalled = id + ' ' + id + " Stalled ";
     if (r.pauseStalled && waitFor(stalled, [&] { return watcher->out().contains(stalled); })) {
         svc.line("pause " + id);
-        QTest::qWait(1500); // past the server's Retry-After
+        QTest::qWait(3500); // past the server's Retry-After
     }
     const QByteArray seen = id + ' ' + id + ' ' + end + ' ';
     QVERIFY(waitFor("the watcher to hear " + seen, [&] { return watcher->out().contains(seen); }) && svc.sync());
