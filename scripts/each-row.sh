@@ -23,5 +23,5 @@ for exe in "$BUILD"/tests/bin/tst_*; do
         fi
     done < <("$exe" -datatags)
 done
-echo "each-row: $rows rows, $failed failed"
+echo "each-row: $((rows - failed)) passed, $failed failed"
 [ "$failed" -eq 0 ]
