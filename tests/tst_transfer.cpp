@@ -3,6 +3,7 @@
 #include "Download.h"
 #include "FakeHttpServer.h"
 #include "Harness.h"
+#include "RateShares.h"
 
 #include <QtTest>
 
@@ -25,6 +26,16 @@ struct Commits {
     QByteArray limit = ""; // MAX_PACKET_COUNT
     int interval = 0, period; // DLM_REPORT_INTERVAL_MS
     QString framing = "length";
+};
+
+// Downloads limited below an even share of the overall limit leave the rest to the others.
+struct Shares {
+    int64_t overall;
+    std::vector<int64_t> own, expected;
+};
+// A transfer paced by its bucket, reading whole buffers as fast as the bucket lets it.
+struct Pacing {
+    int64_t rate, buffer, changeTo = 0;
 };
 
 class tst_Transfer : public QObject {
@@ -87,6 +98,49 @@ private slots:
             expected << n;
         QVERIFY(seen >= 2 * period && at.size() >= (period < 0 ? 2 : 0));
         QCOMPARE(period < 0 ? expected : at, expected); // the buffer's commits come where they fit
+    }
+
+    void shares_data()
+    {
+        QTest::addColumn<Shares>("row");
+        QTest::newRow("no overall limit: own limits kept") << Shares {0, {100, 0}, {100, 0}};
+        QTest::newRow("overall split evenly") << Shares {1000, {0, 0}, {500, 500}};
+        QTest::newRow("one limited below its share leaves the rest")
+            << Shares {1000, {100, 0, 0}, {100, 450, 450}};
+        QTest::newRow("own limit above the share is cut to it") << Shares {1000, {800, 0}, {500, 500}};
+    }
+    void shares()
+    {
+        QFETCH(Shares, row);
+        QCOMPARE(shareRates(row.overall, row.own), row.expected);
+    }
+
+    void pacing_data()
+    {
+        QTest::addColumn<Pacing>("row");
+        QTest::newRow("200 KiB/s in 16 KiB buffers") << Pacing {.rate = 200 << 10, .buffer = 16 << 10};
+        QTest::newRow("a rate below one buffer a second") << Pacing {.rate = 1024, .buffer = 16 << 10};
+        QTest::newRow("halved on a running transfer")
+            << Pacing {.rate = 400 << 10, .buffer = 16 << 10, .changeTo = 200 << 10};
+    }
+    void pacing()
+    {
+        QFETCH(Pacing, row);
+        // Five simulated seconds (the last rate's five when it changes after the first).
+        TokenBucket bucket;
+        bucket.setRate(row.rate, 0);
+        int64_t now = 0, from = 0, received = 0;
+        while (now < from + 5000) {
+            if (row.changeTo && from == 0 && now >= 1000) {
+                bucket.setRate(row.changeTo, now);
+                from = now;
+                received = 0;
+            }
+            received += row.buffer;
+            now += bucket.take(row.buffer, now);
+        }
+        const int64_t average = received * 1000 / (now - from), limit = row.changeTo ? row.changeTo : row.rate;
+        QVERIFY2(average >= limit * 9 / 10 && average <= limit * 11 / 10, QByteArray::number(average));
     }
 
     void retrySchedule()
