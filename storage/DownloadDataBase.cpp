@@ -304,7 +304,8 @@ bool DownloadDataBase::write(Download *download)
         return true;
     const ContentCheck &content = download->content;
     const QVariant digest = content.expectedSha256().isEmpty()
-        ? QVariant() : QVariant(QString::fromLatin1(content.expectedSha256()));
+        ? QVariant()
+        : QVariant(QString::fromLatin1(content.expectedSha256()));
     if (!exec(extra, kExtra,
             { download->uniqueID, file.device, file.inode, download->validator,
                 content.expectedSize(), digest }))

@@ -53,8 +53,14 @@ private slots:
         QFETCH(QString, key);
         QFETCH(int, older);
         Service svc;
-        const QStringList releases[] = { { "CREATE TABLE downloads (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, failureCode NUMERIC, totalSize NUMERIC, amountDownloaded NUMERIC, startTime NUMERIC)" },
-            { "CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice INTEGER NOT NULL, fileInode INTEGER NOT NULL)", "INSERT INTO download_extra VALUES ('kept', 5, 6)", "PRAGMA user_version = 1" } };
+        const QStringList releases[] = {
+            { "CREATE TABLE downloads (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
+              "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, failureCode NUMERIC, "
+              "totalSize NUMERIC, amountDownloaded NUMERIC, startTime NUMERIC)" },
+            { "CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice INTEGER NOT "
+              "NULL, fileInode INTEGER NOT NULL)",
+                "INSERT INTO download_extra VALUES ('kept', 5, 6)", "PRAGMA user_version = 1" }
+        };
         for (int version = 0; version <= older; ++version)
             for (const QString &statement : releases[version])
                 svc.sql(statement);
@@ -83,7 +89,8 @@ private slots:
         manager->quit();
         QCOMPARE(svc.sql("PRAGMA journal_mode"), Rows { { "wal" } });
         QCOMPARE(svc.sql("PRAGMA user_version"), Rows { { 2 } }); // and the older rows kept:
-        QCOMPARE(svc.sql("SELECT uniqueID, fileDevice, fileInode, validator IS NULL, expectedSize, expectedSha256 IS NULL FROM download_extra WHERE uniqueID = 'kept'"),
+        QCOMPARE(svc.sql("SELECT uniqueID, fileDevice, fileInode, validator IS NULL, expectedSize, "
+                         "expectedSha256 IS NULL FROM download_extra WHERE uniqueID = 'kept'"),
             older == 1 ? Rows({ { "kept", 5, 6, 1, -1, 1 } }) : Rows());
         QCOMPARE(errors, QList<QByteArray>());
     }

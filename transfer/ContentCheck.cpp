@@ -10,9 +10,9 @@
 namespace {
 bool isLowerHexDigest(const QByteArray &text)
 {
-    return text.size() == 64
-        && std::all_of(text.begin(), text.end(),
-            [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+    return text.size() == 64 && std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+    });
 }
 } // namespace
 
@@ -68,7 +68,8 @@ bool ContentCheck::catchUp(int fd, qint64 offset)
     // Read once, where the bytes seen are not the file's (a restart, a failed write, a new start).
     QByteArray buffer(256 * 1024, Qt::Uninitialized);
     while (hashed < offset) {
-        const ssize_t n = pread(fd, buffer.data(), size_t(qMin<qint64>(buffer.size(), offset - hashed)), hashed);
+        const ssize_t n = pread(
+            fd, buffer.data(), size_t(qMin<qint64>(buffer.size(), offset - hashed)), hashed);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)

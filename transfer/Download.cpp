@@ -388,7 +388,8 @@ void Download::failLocalFile()
 
 void Download::failContent(const QString &reason)
 {
-    endAttempt(FAILURE_CONTENT_MISMATCH, QStringLiteral("content does not match: ") + reason, false);
+    endAttempt(
+        FAILURE_CONTENT_MISMATCH, QStringLiteral("content does not match: ") + reason, false);
 }
 
 bool Download::prepareFile(qint64 offset)
@@ -661,7 +662,8 @@ void Download::acceptReply(int status)
     }
     // The answer the file's bytes start with names their version.
     if (requestOffset == 0)
-        validator = ResumeValidator::fromAnswer(reply->rawHeader("ETag"), reply->rawHeader("Last-Modified"));
+        validator = ResumeValidator::fromAnswer(
+            reply->rawHeader("ETag"), reply->rawHeader("Last-Modified"));
     state = Progressing;
     setReceiving(true);
     if (totalSize == 0 && total > 0) {

@@ -25,7 +25,8 @@ const char *failureText(int32_t failureCode)
     case FAILURE_HTTP_STATUS: return "the server answered with an error status";
     case FAILURE_LOCAL_FILE: return "the local file could not be opened or written";
     case FAILURE_NONE: return "none";
-    case FAILURE_CONTENT_MISMATCH: return "content does not match";
+    case FAILURE_CONTENT_MISMATCH:
+        return "content does not match";
     default: return "unknown";
     }
 }

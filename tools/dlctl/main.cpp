@@ -56,7 +56,8 @@ int usage(FILE *out, int status)
         "  2 the server answered with an error status, 3 the local file could not be opened\n"
         "  or written, 4 none (a new download), 5 content does not match the given size or\n"
         "  SHA-256 (the file is kept; the console's restart fetches it anew).\n"
-        "The service is found in $BINDER_SOCKET_DIR (default /run/downloadmanager). Each call waits at\n"
+        "The service is found in $BINDER_SOCKET_DIR (default /run/downloadmanager). Each call "
+        "waits at\n"
         "most $DLCTL_TIMEOUT_MS milliseconds for its answer (default 15000).\n"
         "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
         "or not answering, 64 usage, 128+N ended by signal N.\n");
@@ -459,7 +460,8 @@ int run(int argc, char **argv)
             fprintf(stderr, "dlctl: no download %s\n", arg.c_str());
             return 1;
         }
-        printf("%s%s\n", recordLine(record).c_str(), record.state == 1 ? stateNote(record).c_str() : "");
+        printf("%s%s\n", recordLine(record).c_str(),
+            record.state == 1 ? stateNote(record).c_str() : "");
         return 0;
     }
     if (command == "list") {
