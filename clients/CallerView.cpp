@@ -55,6 +55,7 @@ void fillRecord(IDownload *record, const Download *download, uint caller)
     record->startTime = download->startTime;
     record->filePath = utf8(download->filePath, IDLService::kMaxPathBytes);
     record->nextAttemptTime = download->nextAttemptTime();
+    record->expectedSha256 = download->content.expectedSha256().toStdString();
 }
 
 std::string cut(const std::string &text, size_t max)

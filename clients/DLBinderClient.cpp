@@ -47,11 +47,12 @@ constexpr size_t kListReplyBytes = 960 * 1024;
 constexpr size_t kPageBytes = 256 * 1024;
 constexpr int kPageRecords = 4096;
 
-// Bytes a record takes in a reply: five texts (count and bytes, padded to 4) and five numbers.
+// Bytes a record takes in a reply: six texts (count and bytes, padded to 4) and six numbers.
 size_t recordBytes(const IDownload &r)
 {
-    size_t bytes = 4 + 4 + 8 + 8 + 8;
-    for (const std::string *text : {&r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath})
+    size_t bytes = 4 + 4 + 8 + 8 + 8 + 8;
+    for (const std::string *text : {&r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath,
+                                    &r.expectedSha256})
         bytes += 4 + (text->size() + 3) / 4 * 4;
     return bytes;
 }
@@ -341,25 +342,35 @@ int32_t DLBinderClient::requestDownload(const std::string &clientID, const std::
                                         const std::string &uniqueID, const std::string &name,
                                         std::string *uniqueIDOut)
 {
+    return requestDownloadChecked(clientID, url, uniqueID, name, -1, std::string(), uniqueIDOut);
+}
+
+int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID,
+                                               const std::string &url,
+                                               const std::string &uniqueID,
+                                               const std::string &name, int64_t expectedSize,
+                                               const std::string &sha256Hex,
+                                               std::string *uniqueIDOut)
+{
     BINDER_LOGD("Request download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
                 url.c_str(), uniqueID.c_str(), name.c_str());
     static_assert(int(DownloadManager::CreateStatus::IdInUse) == REQUEST_ID_IN_USE &&
                   int(DownloadManager::CreateStatus::Refused) == REQUEST_REFUSED);
     const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
-                  displayName = textIn(name);
+                  displayName = textIn(name), digest = textIn(sha256Hex);
     const uint uid = callerUid();
     // The stored form must stay within the limit that root's calls name it by.
     if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes)
         return TEXT_TOO_LONG;
     using Answer = std::pair<int32_t, QString>;
     const Answer answer = askManager<Answer>(Answer(DEAD_OBJECT, QString()),
-        [client, address, id, displayName, uid](DownloadManager *m) {
+        [client, address, id, displayName, uid, expectedSize, digest](DownloadManager *m) {
             // Its own identifiers only: another user's with the same name do not matter.
             if (uid != 0 && !id.isEmpty() && CallerView::find(m, id, uid))
                 return Answer(REQUEST_ID_IN_USE, QString());
             QString created;
-            const auto status = m->createDownload(
-                client, address, CallerView::storedId(id, uid), displayName, &created, uid);
+            const auto status = m->createDownload(client, address, CallerView::storedId(id, uid),
+                displayName, &created, uid, { expectedSize, digest });
             return Answer(int32_t(status), CallerView::shownId(created, uid));
         });
     if (uniqueIDOut)

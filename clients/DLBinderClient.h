@@ -43,6 +43,10 @@ public:
                             std::string *uniqueIDOut) override;
     int listDownloadsPage(const std::string &clientID, const std::string &after,
                           std::vector<IDownload> *page) override;
+    int32_t requestDownloadChecked(const std::string &clientID, const std::string &url,
+                                   const std::string &uniqueID, const std::string &name,
+                                   int64_t expectedSize, const std::string &sha256Hex,
+                                   std::string *uniqueIDOut) override;
 
     // Starts the pool and publishes the service; false when the name could not be registered.
     bool init() override;

@@ -254,12 +254,18 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
                                                              const QString &url,
                                                              const QString &uniqueID,
                                                              const QString &name,
-                                                             QString *createdID, uint ownerUid)
+                                                             QString *createdID, uint ownerUid,
+                                                             const ExpectedContent &expected)
 {
     if (!isHttpUrl(url)) {
         DLM_LOGE("Error: The download url must contains http://. URL=%s",
                  url.toLocal8Bit().constData());
         return CreateStatus::BadUrl;
+    }
+    if (const QString why = ContentCheck::refusal(expected.size, expected.sha256); !why.isEmpty()) {
+        DLM_LOGE("Download refused: %s. URL=%s", why.toLocal8Bit().constData(),
+                 url.toLocal8Bit().constData());
+        return CreateStatus::BadArgument;
     }
     if (ownerUid != 0) {
         const auto owned = std::count_if(downloads.cbegin(), downloads.cend(),
@@ -291,6 +297,7 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     download->filePath = filePath;
     download->ownerUid = ownerUid;
     download->privateFile = !inChosenDirectory(ownerUid, clientID, filePath);
+    download->content = ContentCheck(expected.size, expected.sha256.toLatin1());
     download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s",
              download->uniqueID.toLocal8Bit().constData(),
@@ -304,7 +311,8 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
 void DownloadManager::createDownload(const QString &uniqueID, const QString &clientID,
     const QString &name, const QString &contentURL, const QString &filePath, unsigned int state,
     unsigned int failureCode, long long totalSize, long long amountDownloaded, long long startTime,
-    uint ownerUid, const FileIdentity &fileIdentity)
+    uint ownerUid, const FileIdentity &fileIdentity, const ExpectedContent &expected,
+    const QByteArray &validator)
 {
     // Reserved by its canonical form, as new paths are.
     const QString canonical = QDir::isAbsolutePath(filePath) ? QDir::cleanPath(filePath) : filePath;
@@ -313,6 +321,8 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
     download->setMaxRetries(maxRetries);
     download->ownerUid = ownerUid;
     download->fileIdentity = fileIdentity;
+    download->content = ContentCheck(expected.size, expected.sha256.toLatin1());
+    download->validator = validator;
     download->privateFile = !inChosenDirectory(ownerUid, clientID, canonical);
     reservedPaths.insert(canonical);
     downloads.append(download);

@@ -26,6 +26,13 @@ class QSettings;
 // every download; any other uid sees and controls only the downloads it created ("all" is all of
 // its own; another's is "not found"), writes only into directories it may write itself, and
 // has its own directory per client identifier.
+// What a creator may say of the content: its size (-1: not said) and SHA-256 in hexadecimal
+// (empty: not said). A download that ends otherwise fails with FAILURE_CONTENT_MISMATCH.
+struct ExpectedContent {
+    qint64 size = -1;
+    QString sha256;
+};
+
 class DownloadManager : public QObject
 {
     Q_OBJECT
@@ -59,16 +66,19 @@ public:
     // Creation, paths and space. A new download gets an identifier no other download has (a
     // given one that is in use, in memory or stored, is refused) and a file path that no live
     // download holds and no file has; *createdID receives the identifier. It belongs to
-    // ownerUid; a uid other than 0 that already has "max_downloads_per_user" is refused.
+    // ownerUid; a uid other than 0 that already has "max_downloads_per_user" is refused, and so
+    // is an expectation ContentCheck::refusal() rejects (BadArgument).
     CreateStatus createDownload(const QString &clientID, const QString &url,
                                 const QString &uniqueID, const QString &name,
-                                QString *createdID = nullptr, uint ownerUid = 0);
+                                QString *createdID = nullptr, uint ownerUid = 0,
+                                const ExpectedContent &expected = {});
     // A stored row comes back as it was, unless its URL is not http(s) or its path not one
     // these rules give: that one is logged and stays Failed, never launched nor resumed.
     void createDownload(const QString &uniqueID, const QString &clientID, const QString &name,
         const QString &contentURL, const QString &filePath, unsigned int state,
         unsigned int failureCode, long long totalSize, long long amountDownloaded,
-        long long startTime, uint ownerUid = 0, const FileIdentity &fileIdentity = {});
+        long long startTime, uint ownerUid = 0, const FileIdentity &fileIdentity = {},
+        const ExpectedContent &expected = {}, const QByteArray &validator = {});
     // 32 lowercase hexadecimal characters, different on every call.
     QString getUniqueID(const QString &url);
     QString getFileName(const QString &clientID, const QString &url, uint ownerUid = 0);

@@ -116,13 +116,34 @@ public:
                             const std::string &uniqueID, const std::string &name,
                             std::string *uniqueIDOut) override
     {
+        Parcel data = createRequest(clientID, url, uniqueID, name);
+        return answeredCreate(REQUEST_DOWNLOAD, data, uniqueIDOut);
+    }
+
+    int32_t requestDownloadChecked(const std::string &clientID, const std::string &url,
+                                   const std::string &uniqueID, const std::string &name,
+                                   int64_t expectedSize, const std::string &sha256Hex,
+                                   std::string *uniqueIDOut) override
+    {
+        Parcel data = createRequest(clientID, url, uniqueID, name);
+        data.writeInt64(expectedSize);
+        writeText(&data, sha256Hex);
+        return answeredCreate(REQUEST_DOWNLOAD_CHECKED, data, uniqueIDOut);
+    }
+
+    static Parcel createRequest(const std::string &clientID, const std::string &url,
+                                const std::string &uniqueID, const std::string &name)
+    {
         Parcel data = request();
-        writeText(&data, clientID);
-        writeText(&data, url);
-        writeText(&data, uniqueID);
-        writeText(&data, name);
+        for (const std::string *text : {&clientID, &url, &uniqueID, &name})
+            writeText(&data, *text);
+        return data;
+    }
+
+    int32_t answeredCreate(uint32_t code, const Parcel &data, std::string *uniqueIDOut)
+    {
         Parcel reply;
-        status_t err = remote()->transact(REQUEST_DOWNLOAD, data, &reply);
+        status_t err = remote()->transact(code, data, &reply);
         int32_t result = 0;
         std::string id;
         if (err == NO_ERROR && (err = reply.readInt32(&result)) == NO_ERROR)
@@ -183,7 +204,7 @@ IMPLEMENT_META_INTERFACE(DLService, "com.velta.IDLService");
 
 status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *reply, uint32_t flags)
 {
-    if (code < CREATE_DOWNLOAD || code > LIST_DOWNLOADS_PAGE)
+    if (code < CREATE_DOWNLOAD || code > REQUEST_DOWNLOAD_CHECKED)
         return BBinder::onTransact(code, data, reply, flags);
     if (!data.enforceInterface(IDLService::descriptor))
         return PERMISSION_DENIED;
@@ -269,11 +290,19 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
         // Clients that expect an empty reply never read this status.
         reply->writeInt32(setDownloadPath(a, b));
         return NO_ERROR;
-    case REQUEST_DOWNLOAD: {
+    case REQUEST_DOWNLOAD:
+    case REQUEST_DOWNLOAD_CHECKED: {
         if ((err = texts({ { &a, id }, { &b, kMaxUrlBytes }, { &c, id }, { &d, kMaxNameBytes } })))
             return err;
+        int64_t size = -1;
+        std::string digest;
+        if (code == REQUEST_DOWNLOAD_CHECKED
+            && ((err = data.readInt64(&size)) || (err = texts({ { &digest, id } }))))
+            return err == TEXT_TOO_LONG ? err : status_t(BAD_VALUE);
         std::string created;
-        const int32_t status = requestDownload(a, b, c, d, &created);
+        const int32_t status = code == REQUEST_DOWNLOAD
+            ? requestDownload(a, b, c, d, &created)
+            : requestDownloadChecked(a, b, c, d, size, digest, &created);
         if (status == TEXT_TOO_LONG)
             return status;
         reply->writeInt32(status);

@@ -30,6 +30,7 @@ public:
         SET_DOWNLOAD_PATH,
         REQUEST_DOWNLOAD,
         LIST_DOWNLOADS_PAGE,
+        REQUEST_DOWNLOAD_CHECKED,
     };
 
     // Longest text each argument may carry, in bytes. A longer one is refused before anything is
@@ -87,6 +88,13 @@ public:
     // records `page` holds, 0 past the last one, negative when the call did not reach the service.
     virtual int listDownloadsPage(const std::string &clientID, const std::string &after,
                                   std::vector<IDownload> *page) = 0;
+    // requestDownload for a known content: it ends Failed with FAILURE_CONTENT_MISMATCH unless
+    // it has expectedSize bytes (-1: any) whose SHA-256 is sha256Hex (64 hex digits; empty: any).
+    // A negative size or a digest of another form is REQUEST_BAD_ARGUMENT; nothing is made.
+    virtual int32_t requestDownloadChecked(const std::string &clientID, const std::string &url,
+                                           const std::string &uniqueID, const std::string &name,
+                                           int64_t expectedSize, const std::string &sha256Hex,
+                                           std::string *uniqueIDOut) = 0;
 };
 
 // Server stub: unpacks each transaction and calls the matching operation.

@@ -28,7 +28,9 @@ status_t IDownload::writeToParcel(Parcel *parcel) const
         return err;
     if ((err = writeText(parcel, filePath)) != NO_ERROR)
         return err;
-    return parcel->writeInt64(nextAttemptTime);
+    if ((err = parcel->writeInt64(nextAttemptTime)) != NO_ERROR)
+        return err;
+    return writeText(parcel, expectedSha256);
 }
 
 status_t IDownload::readFromParcel(const Parcel &parcel)
@@ -46,5 +48,7 @@ status_t IDownload::readFromParcel(const Parcel &parcel)
         return err;
     if ((err = readText(parcel, &filePath)) != NO_ERROR)
         return err;
-    return parcel.readInt64(&nextAttemptTime);
+    if ((err = parcel.readInt64(&nextAttemptTime)) != NO_ERROR)
+        return err;
+    return readText(parcel, &expectedSha256);
 }

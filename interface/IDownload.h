@@ -16,11 +16,12 @@ enum DownloadFailureCode : int32_t {
     FAILURE_HTTP_STATUS = 2, // the server answered with an error status (or an unusable answer)
     FAILURE_LOCAL_FILE = 3,  // the local file could not be opened or written (full disk, no dir)
     FAILURE_NONE = 4,        // a new download that never failed
+    FAILURE_CONTENT_MISMATCH = 5, // not the size or SHA-256 its creator expected (file kept)
 };
 
 // A download's record as other processes see it. Plain value: copied member-wise.
 // On the wire: the members in declaration order, text as an int32 byte count and the bytes,
-// integers little-endian; nextAttemptTime was appended after the first ten.
+// integers little-endian; nextAttemptTime and expectedSha256 were appended after the first ten.
 class IDownload
 {
 public:
@@ -38,6 +39,9 @@ public:
     std::string filePath;
     // While Stalled: when the next attempt starts, ms since the Unix epoch; 0 when not known.
     int64_t nextAttemptTime;
+    // The SHA-256 its creator expects, 64 lowercase hex digits; empty when none was given. A
+    // Completed download that has one matched it.
+    std::string expectedSha256;
 
     android::status_t writeToParcel(android::Parcel *parcel) const;
     android::status_t readFromParcel(const android::Parcel &parcel);

@@ -21,8 +21,9 @@ const QString kUpsert = QStringLiteral(
     "failureCode = excluded.failureCode, totalSize = excluded.totalSize, "
     "amountDownloaded = excluded.amountDownloaded");
 const QString kExtra = QStringLiteral(
-    "INSERT OR REPLACE INTO download_extra (uniqueID, fileDevice, fileInode) VALUES (?, ?, ?)");
-constexpr int kSchemaVersion = 1;
+    "INSERT OR REPLACE INTO download_extra (uniqueID, fileDevice, fileInode, validator, "
+    "expectedSize, expectedSha256) VALUES (?, ?, ?, ?, ?, ?)");
+constexpr int kSchemaVersion = 2;
 const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
 
 QByteArray local(const QString &text)
@@ -114,13 +115,30 @@ bool DownloadDataBase::migrate()
         return false;
     const int version = query.next() ? query.value(0).toInt() : 0;
     query.finish();
-    // Version 1: the identity of each download's file. Rows without one are older downloads.
-    return version >= kSchemaVersion
-        || (run(query,
-                QStringLiteral("CREATE TABLE IF NOT EXISTS download_extra (uniqueID TEXT PRIMARY "
-                               "KEY, fileDevice INTEGER NOT NULL, fileInode INTEGER NOT NULL)"),
-                {})
-            && run(query, QStringLiteral("PRAGMA user_version = %1").arg(kSchemaVersion), {}));
+    if (version >= kSchemaVersion)
+        return true;
+    // Each version's step in one transaction: a file is at one version or the next, never between.
+    const QStringList steps[] = {
+        // 1: the identity of each download's file. Rows without one are older downloads.
+        { QStringLiteral("CREATE TABLE IF NOT EXISTS download_extra (uniqueID TEXT PRIMARY KEY, "
+                         "fileDevice INTEGER NOT NULL, fileInode INTEGER NOT NULL)") },
+        // 2: the resource's validator and the content its creator expects.
+        { QStringLiteral("ALTER TABLE download_extra ADD COLUMN validator BLOB"),
+            QStringLiteral("ALTER TABLE download_extra ADD COLUMN expectedSize INTEGER NOT NULL "
+                           "DEFAULT -1"),
+            QStringLiteral("ALTER TABLE download_extra ADD COLUMN expectedSha256 TEXT") },
+    };
+    for (int next = version + 1; next <= kSchemaVersion; ++next) {
+        bool done = db.transaction();
+        for (const QString &statement : steps[next - 1])
+            done = done && run(query, statement, {});
+        done = done && run(query, QStringLiteral("PRAGMA user_version = %1").arg(next), {});
+        if (!(done && db.commit())) {
+            db.rollback();
+            return false;
+        }
+    }
+    return true;
 }
 
 bool DownloadDataBase::useWriteAheadLog()
@@ -180,6 +198,7 @@ void DownloadDataBase::close()
     flushTimer.stop();
     writtenState.clear();
     writtenIdentity.clear();
+    writtenValidator.clear();
     upsert = QSqlQuery();
     extra = QSqlQuery();
     exists = QSqlQuery();
@@ -279,11 +298,22 @@ bool DownloadDataBase::write(Download *download)
     // An older download's row gets one once its file is known.
     const FileIdentity &file = download->fileIdentity;
     const auto identity = writtenIdentity.constFind(download);
-    if (identity == writtenIdentity.constEnd() ? file.unrecorded : identity.value() == file)
+    if (file.unrecorded
+        || (identity != writtenIdentity.constEnd() && identity.value() == file
+            && writtenValidator.value(download) == download->validator))
         return true;
-    if (!exec(extra, kExtra, { download->uniqueID, file.device, file.inode }))
+    const ContentCheck &content = download->content;
+    const QVariant digest = content.expectedSha256().isEmpty()
+        ? QVariant()
+        : QVariant(QString::fromLatin1(content.expectedSha256()));
+    if (!exec(extra, kExtra,
+            { download->uniqueID, file.device, file.inode, download->validator,
+                content.expectedSize(), digest }))
         return false;
     writtenIdentity.insert(download, file);
+    // Kept only for the downloads that have one: most never do.
+    if (!download->validator.isEmpty() || writtenValidator.contains(download))
+        writtenValidator.insert(download, download->validator);
     return true;
 }
 
@@ -292,6 +322,7 @@ void DownloadDataBase::forget(Download *download)
     pending.remove(download);
     writtenState.remove(download);
     writtenIdentity.remove(download);
+    writtenValidator.remove(download);
 }
 
 bool DownloadDataBase::deleteEntry(Download *download)
@@ -315,7 +346,8 @@ void DownloadDataBase::getDownloadList()
     if (!run(query,
             QStringLiteral("SELECT uniqueID, clientID, name, contentURL, filePath, state, "
                            "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
-                           "fileDevice, fileInode, fileInode IS NULL FROM ")
+                           "fileDevice, fileInode, fileInode IS NULL, COALESCE(expectedSize, -1), "
+                           "expectedSha256, validator FROM ")
                 + kTable + QStringLiteral(" LEFT JOIN download_extra USING (uniqueID)"),
             {}))
         return;
@@ -330,7 +362,9 @@ void DownloadDataBase::getDownloadList()
             query.value(6).toUInt(), query.value(7).toLongLong(), query.value(8).toLongLong(),
             query.value(9).toLongLong(), query.value(10).toUInt(),
             FileIdentity { query.value(11).toULongLong(), query.value(12).toULongLong(),
-                query.value(13).toBool() });
+                query.value(13).toBool() },
+            { query.value(14).toLongLong(), query.value(15).toString() },
+            query.value(16).toByteArray());
     }
 }
 

@@ -134,6 +134,8 @@ void tst_Dlctl::requests_data()
     row("create and follow", {.args = "create URL/a --id a --wait", .out = "a\na dlctl Completed 70000 70000 @/downloads/a\n", .said = "\"Completed\"  DL:  70000 / 70000"});
     row("identifier in use", {.args = "create URL/other --id p", .code = 1, .said = "belongs to another download"});
     row("not an http URL", {.args = "create ftp://h/f", .code = 1, .said = "not an http or https URL"});
+    row("a digest that is no SHA-256", {.args = "create URL/f --sha256 12ab", .code = 1, .said = "refused: the expected SHA-256 is not 64 hexadecimal digits"});
+    row("a negative expected size", {.args = "create URL/f --size -5", .code = 64, .said = "--size must be a whole, non-negative number"});
     row("relative path", {.args = "set-path app rel", .code = 1, .said = "rel is not an absolute path"});
     row("missing directory", {.args = "set-path app @/no", .code = 1, .said = "@/no is not a directory"});
     row("negative size", {.args = "space -1", .code = 64, .said = "SIZE must be"});

@@ -24,7 +24,7 @@ const rlimit kFileSizeLimit { 1 << 20, 1 << 20 };
 
 // The resource as served (its body set by the test). bytes: the content's first bytes in the file
 // and stored; reason: in the one WARN line of a failure; states: the watcher's, without Pending
-// and Progressing; ranges "*": Qt may send the redirected request twice.
+// and Progressing; ranges "*": Qt may send the redirected request twice, "N?V": If-Range V.
 struct ServerFault {
     const char *name;
     Res serve {};
@@ -33,9 +33,13 @@ struct ServerFault {
     bool pauseAsked = false; // paused while its request waits for an answer
     bool pauseStalled = false; // paused once Stalled, then left past its retry's time
     int othersBacklog = 0; // downloads of another user trickling from the same host first
+    QStringList create {}; // more dlctl create options; "SHA" is the body's SHA-256
+    qint64 pauseAt = 0; // paused once this much is stored, then resumed
+    QByteArray replaceTag {}; // while paused, another body as long is served with this ETag
     const char *end;
     int state, code, bytes = 0;
     const char *reason = "", *ranges, *states;
+    const char *note = ""; // ends the watcher's last line
 };
 // clang-format off
 const ServerFault kServerFaults[] = {
@@ -55,6 +59,13 @@ const ServerFault kServerFaults[] = {
     {.name = "redirect to a closed port", .serve = {.redirectTo = "http://127.0.0.1:1/"}, .end = "Failed", .state = 8, .code = 1, .reason = "refused", .ranges = "*", .states = "Stalled Stalled Failed"},
     {.name = "paused while stalled", .serve = {.status = 503, .extraHeaders = {{"Retry-After", "3"}}}, .pauseStalled = true, .end = "Paused", .state = 4, .code = 2, .ranges = "-", .states = "Stalled Paused"},
     {.name = "another user's backlog", .othersBacklog = 12, .end = "Completed", .state = 1, .code = 4, .bytes = 262144, .ranges = "-", .states = "Completed"},
+    {.name = "changed while paused", .serve = {.stallAfter = 131072, .faultyAnswers = 1, .etag = "\"v1\""}, .pauseAt = 131072, .replaceTag = "\"v2\"", .end = "Completed", .state = 1, .code = 4, .bytes = 262144, .ranges = "- 131072?\"v1\"", .states = "Paused Completed"},
+    {.name = "unchanged while paused", .serve = {.stallAfter = 131072, .faultyAnswers = 1, .etag = "\"v1\""}, .pauseAt = 131072, .end = "Completed", .state = 1, .code = 4, .bytes = 262144, .ranges = "- 131072?\"v1\"", .states = "Paused Completed"},
+    {.name = "weak ETag", .serve = {.stallAfter = 131072, .faultyAnswers = 1, .etag = "W/\"v1\""}, .pauseAt = 131072, .end = "Completed", .state = 1, .code = 4, .bytes = 262144, .ranges = "- 131072", .states = "Paused Completed"},
+    {.name = "expected content", .create = {"--sha256", "SHA", "--size", "262144"}, .end = "Completed", .state = 1, .code = 4, .bytes = 262144, .ranges = "-", .states = "Completed", .note = " (verified)"},
+    {.name = "other content", .create = {"--sha256", QString(64, 'a')}, .end = "Failed", .state = 8, .code = 5, .bytes = 262144, .reason = ", expected aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", .ranges = "-", .states = "Failed"},
+    {.name = "announced longer than expected", .create = {"--size", "100000"}, .end = "Failed", .state = 8, .code = 5, .reason = "longer than the expected 100000 bytes", .ranges = "-", .states = "Failed"},
+    {.name = "longer than expected", .serve = {.lengthByClose = true}, .create = {"--size", "100000"}, .end = "Failed", .state = 8, .code = 5, .bytes = 100000, .reason = "longer than the expected 100000 bytes", .ranges = "-", .states = "Failed"},
 };
 
 // A stored row and its file: the stored amount's prefix of the content, then junk, to "file"
@@ -110,11 +121,14 @@ bool waitRows(Service &s, const QByteArray &id, const QByteArray &prefix)
 QByteArray ranges(const FakeHttpServer &server, const QByteArray &id)
 {
     QByteArrayList out;
-    for (const FakeHttpServer::Request &q : server.requests())
+    for (const FakeHttpServer::Request &q : server.requests()) {
+        const QByteArray range = q.header("range").mid(6).chopped(1), same = q.header("if-range");
         if (q.path.startsWith('/' + id))
             out << (q.header("accept-encoding") != "identity" ? "!"
-                    : q.header("range").isEmpty()             ? "-"
-                                                  : q.header("range").mid(6).chopped(1));
+                    : range.isEmpty()                         ? "-"
+                    : same.isEmpty()                          ? range
+                                                              : range + '?' + same);
+    }
     return out.join(' ');
 }
 
@@ -232,7 +246,20 @@ void tst_Faults::serverFaults()
         QCOMPARE(svc.dlctl({ "create", url("backlog") }, kUser).code, 0);
     const qsizetype mark = svc.mark();
     const QString link = r.scheme + url(id).mid(4);
-    QCOMPARE(svc.dlctl({ "create", link, "--client", id, "--id", id }).code, 0);
+    const QString sha = QCryptographicHash::hash(body(id), QCryptographicHash::Sha256).toHex();
+    QStringList create { "create", link, "--client", id, "--id", id };
+    for (const QString &arg : r.create)
+        create << (arg == "SHA" ? sha : arg);
+    QCOMPARE(svc.dlctl(create).code, 0);
+    if (r.pauseAt && waitRows(svc, id, "2 4 " + QByteArray::number(r.pauseAt))) {
+        svc.line("pause " + id);
+        QVERIFY(waitRows(svc, id, "4 ") && svc.sync());
+        if (!r.replaceTag.isEmpty()) {
+            server.resource('/' + id).etag = r.replaceTag;
+            body(id) = FakeHttpServer::makeBody(262144, i + 100);
+        }
+        svc.line("resume " + id);
+    }
     if (r.pauseAsked && waitFor("its request", [&] { return !ranges(server, id).isEmpty(); }))
         svc.line("pause " + id);
     const QByteArray stalled = id + ' ' + id + " Stalled ";
@@ -250,7 +277,7 @@ void tst_Faults::serverFaults()
     const QByteArray last = heard.value(heard.size() - 1);
     for (const QByteArray &line : heard)
         trail += line.split(' ').value(2) + ' ';
-    QVERIFY2(last.startsWith(seen + n + ' ' + total + ' ' + name8), last);
+    QVERIFY2(last.startsWith(seen + n + ' ' + total + ' ' + name8) && last.endsWith(r.note), last);
     QCOMPARE(trail.replace("Pending ", "").replace("Progressing ", ""), QByteArray(r.states) + ' ');
     QCOMPARE(grep(svc.console(mark), q8).last(),
         "Download update with file: " + q8 + "  status:  \"" + end + "\"  DL:  " + n + " / " + total
@@ -313,7 +340,8 @@ void tst_Faults::restoredRows()
             QVERIFY(s.file < 0 || (f.open(QIODevice::WriteOnly) && f.write(s.onDisk()) == s.file));
             QVERIFY(real == path || QFile::link(real, path));
             if (s.replaced)
-                restored.sql("INSERT INTO download_extra VALUES ('replaced', 1, 1)");
+                restored.sql("INSERT INTO download_extra (uniqueID, fileDevice, fileInode) VALUES "
+                             "('replaced', 1, 1)");
         }
         QVERIFY(restored.start());
     }
@@ -332,7 +360,8 @@ void tst_Faults::restoredRows()
 
 void tst_Faults::killAndRestart()
 {
-    // Each notification commits, so stall points are stored exactly: k0 stops after 96 KiB, k1
+    // Each notification commits, so stall points are stored exactly; every download expects its
+    // SHA-256, rebuilt from the file after the kill. k0 stops after 96 KiB, k1
     // after its headers, k2 completes, k3 is paused at 32 KiB, k4 fails with EFBIG at 1 MiB.
     Service s({}, { "MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0" });
     QVERIFY(s.start([] {
@@ -346,7 +375,9 @@ void tst_Faults::killAndRestart()
     const auto file = [&](int i) { return readFile(s.path("downloads/") + ids[i]); };
     for (int i = 0; i < 5; ++i) {
         server.setResource('/' + ids[i], { .body = FakeHttpServer::makeBody(sizes[i], i), .chunkSize = i == 4 ? 65536 : 4096, .chunkDelayMs = 1, .stallAfter = stalls[i] });
-        QCOMPARE(s.dlctl({ "create", url(ids[i]), "--id", ids[i] }).code, 0);
+        const QString sha
+            = QCryptographicHash::hash(body(ids[i]), QCryptographicHash::Sha256).toHex();
+        QCOMPARE(s.dlctl({ "create", url(ids[i]), "--id", ids[i], "--sha256", sha }).code, 0);
     }
     QVERIFY(waitRows(s, "k3", "2 4 32768 "));
     s.line("pause k3");

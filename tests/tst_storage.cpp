@@ -41,14 +41,29 @@ private slots:
     void storedRows_data()
     {
         QTest::addColumn<QString>("key"); // of a download stored next to one with the key "x"
-        QTest::newRow("single quote") << "it's";
-        QTest::newRow("always true") << "x' OR '1'='1";
-        QTest::newRow("second statement") << "x'); DROP TABLE downloads; --";
+        QTest::addColumn<int>("older"); // schema of the file an older release left; -1: none
+        QTest::newRow("single quote") << "it's" << -1;
+        QTest::newRow("always true") << "x' OR '1'='1" << -1;
+        QTest::newRow("second statement") << "x'); DROP TABLE downloads; --" << -1;
+        QTest::newRow("file without owners") << "v0" << 0;
+        QTest::newRow("file with identities only") << "v1" << 1;
     }
     void storedRows()
     {
         QFETCH(QString, key);
+        QFETCH(int, older);
         Service svc;
+        const QStringList releases[] = {
+            { "CREATE TABLE downloads (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
+              "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, failureCode NUMERIC, "
+              "totalSize NUMERIC, amountDownloaded NUMERIC, startTime NUMERIC)" },
+            { "CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice INTEGER NOT "
+              "NULL, fileInode INTEGER NOT NULL)",
+                "INSERT INTO download_extra VALUES ('kept', 5, 6)", "PRAGMA user_version = 1" }
+        };
+        for (int version = 0; version <= older; ++version)
+            for (const QString &statement : releases[version])
+                svc.sql(statement);
         Download x(nullptr, nullptr, "x", "", "", "http://h", "/x", 1, 1, -1, 0, 9000000000000);
         Download a(nullptr, nullptr, key, "c", "a", "http://h/a", "/a", 4, 1, 5000000000, 12, 3);
         Download b(nullptr, nullptr, key, "d", "b", "http://h/b", "/b", 1, 2, 6000000000, 45, 6);
@@ -73,6 +88,10 @@ private slots:
         QVERIFY(errors.size() == 1 && errors.takeFirst().contains("stored is in use"));
         manager->quit();
         QCOMPARE(svc.sql("PRAGMA journal_mode"), Rows { { "wal" } });
+        QCOMPARE(svc.sql("PRAGMA user_version"), Rows { { 2 } }); // and the older rows kept:
+        QCOMPARE(svc.sql("SELECT uniqueID, fileDevice, fileInode, validator IS NULL, expectedSize, "
+                         "expectedSha256 IS NULL FROM download_extra WHERE uniqueID = 'kept'"),
+            older == 1 ? Rows({ { "kept", 5, 6, 1, -1, 1 } }) : Rows());
         QCOMPARE(errors, QList<QByteArray>());
     }
 

@@ -4,6 +4,7 @@
 #include "DownloadManager.h"
 #include "IDownload.h"
 #include "RequestQueue.h"
+#include "ResumeValidator.h"
 
 #include <QDateTime>
 #include <QNetworkAccessManager>
@@ -238,7 +239,7 @@ void Download::resume()
 
 void Download::restart()
 {
-    if (state != Completed)
+    if (state != Completed && state != Failed)
         return;
     abort();
     totalSize = 0;
@@ -275,6 +276,9 @@ void Download::launch()
     if (amountDownloaded != 0) {
         if (prepareFile(amountDownloaded)) {
             request.setRawHeader("Range", "bytes=" + QByteArray::number(amountDownloaded) + '-');
+            // Only the version our bytes came from may continue them; another one comes whole.
+            if (!validator.isEmpty())
+                request.setRawHeader("If-Range", validator);
             requestOffset = amountDownloaded;
         } else {
             amountDownloaded = 0;
@@ -286,6 +290,7 @@ void Download::launch()
     verdict = ReplyVerdict::Unchecked;
     rangeTotal = -1;
     attemptSettled = false;
+    bodyTooLong = false;
     RequestQueue::instance().enter(this, ownerUid, RequestQueue::originOf(contentURL),
         [this, request] { sendRequest(request); });
     state = Pending;
@@ -373,8 +378,18 @@ void Download::endAttempt(unsigned code, const QString &reason, bool passing, qi
 
 void Download::failLocalFile()
 {
+    if (std::exchange(bodyTooLong, false)) {
+        failContent(content.tooLong(content.expectedSize() + 1));
+        return;
+    }
     endAttempt(FAILURE_LOCAL_FILE,
         QStringLiteral("cannot write %1: %2").arg(filePath, transfer().file.errorString()), false);
+}
+
+void Download::failContent(const QString &reason)
+{
+    endAttempt(
+        FAILURE_CONTENT_MISMATCH, QStringLiteral("content does not match: ") + reason, false);
 }
 
 bool Download::prepareFile(qint64 offset)
@@ -427,9 +442,17 @@ bool Download::writeBuffered()
             scratch.resize(kScratchSize);
         qint64 n = 0;
         while ((n = reply->read(scratch.data(), scratch.size())) > 0) {
-            if (!saveToDisk(QByteArray::fromRawData(scratch.constData(), n)))
+            // Never a byte past the expected size; every byte written feeds the digest.
+            const qint64 at = amountDownloaded + committed, fits = content.room(at, n);
+            if (!saveToDisk(QByteArray::fromRawData(scratch.constData(), fits))
+                || !content.add(transfer().file.handle(), at, scratch.constData(), fits))
                 return false;
-            committed += n;
+            committed += fits;
+            if (fits < n) {
+                amountDownloaded += committed;
+                bodyTooLong = true;
+                return false;
+            }
         }
     }
     if (committed == 0 && !saveToDisk(QByteArray()))
@@ -468,6 +491,11 @@ void Download::downloadFinished(QNetworkReply *finished)
         // A resumed file may hold stale bytes past the end of the content.
         if (transfer().file.size() > amountDownloaded)
             transfer().file.resize(amountDownloaded);
+        if (const QString wrong = content.mismatch(transfer().file.handle(), amountDownloaded);
+            !wrong.isEmpty()) {
+            failContent(wrong);
+            return;
+        }
         transfer().file.close();
         releaseReply();
         state = Completed;
@@ -626,10 +654,18 @@ void Download::acceptReply(int status)
 {
     // Bytes of an accepted answer are on their way: Progressing, with the total known now.
     verdict = ReplyVerdict::Accepted;
-    state = Progressing;
-    setReceiving(true);
     const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
     const qint64 total = status == 206 ? rangeTotal : (length.isValid() ? length.toLongLong() : -1);
+    if (const QString why = content.tooLong(total); !why.isEmpty()) {
+        failContent(why);
+        return;
+    }
+    // The answer the file's bytes start with names their version.
+    if (requestOffset == 0)
+        validator = ResumeValidator::fromAnswer(
+            reply->rawHeader("ETag"), reply->rawHeader("Last-Modified"));
+    state = Progressing;
+    setReceiving(true);
     if (totalSize == 0 && total > 0) {
         totalSize = total;
         report();
@@ -656,6 +692,11 @@ void Download::completeFromRangeAnswer(qint64 completeLength)
     stopTransfer();
     if (transfer().file.isOpen() && transfer().file.size() > completeLength)
         transfer().file.resize(completeLength);
+    if (const QString wrong = content.mismatch(transfer().file.handle(), completeLength);
+        !wrong.isEmpty()) {
+        failContent(wrong);
+        return;
+    }
     transfer().file.close();
     totalSize = completeLength;
     state = Completed;

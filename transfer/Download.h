@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ContentCheck.h"
 #include "OwnedFile.h"
 #include "RetrySchedule.h"
 
@@ -89,6 +90,10 @@ public:
     FileIdentity fileIdentity;
     // Created 0600 rather than by the umask: it is not in a directory its owner chose.
     bool privateFile = false;
+    // The size and SHA-256 its creator expects, checked as the bytes are written and at the end.
+    ContentCheck content;
+    // Sent as If-Range with every Range (see ResumeValidator); empty when the answer had none.
+    QByteArray validator;
 
     int packetCount;
 
@@ -122,7 +127,10 @@ private:
     void setReceiving(bool on);
     // The attempt failed: Stalled until the retry when the fault may pass, else Failed.
     void endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs = -1);
+    // A write failed, or the body ran past the expected size.
     void failLocalFile();
+    // Failed with FAILURE_CONTENT_MISMATCH; the file stays for inspection.
+    void failContent(const QString &reason);
     ReplyVerdict checkReply(bool redirectMayFollow);
     void acceptReply(int status);
     void rejectReply(int status);
@@ -138,6 +146,8 @@ private:
     // Set once this attempt's outcome is decided (or it was stopped): later notifications of
     // its reply change nothing.
     bool attemptSettled = false;
+    // The last write stopped at the expected size with more of the body left.
+    bool bodyTooLong = false;
     // What only a download that runs needs, made at its first launch: most stored downloads
     // never run again in a session and then cost their record and little more.
     struct Transfer {

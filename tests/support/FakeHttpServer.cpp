@@ -147,8 +147,9 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
     } else if (r.status != 200) {
         head = "HTTP/1.1 " + QByteArray::number(r.status) + " Error\r\n";
     } else {
-        const QByteArray range = request.header("range");
-        if (r.honorRange && range.startsWith("bytes=") && range.endsWith('-')) {
+        const QByteArray range = request.header("range"), ifRange = request.header("if-range");
+        const bool sameVersion = ifRange.isEmpty() || ifRange == r.etag; // a date never matches
+        if (r.honorRange && sameVersion && range.startsWith("bytes=") && range.endsWith('-')) {
             const qint64 from = range.mid(6, range.size() - 7).toLongLong();
             if (from >= total) {
                 head = "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" +
@@ -170,6 +171,8 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
     else if (!r.lengthByClose)
         head += "Content-Length: " + QByteArray::number(length) + "\r\n";
     head += "Content-Type: application/octet-stream\r\nConnection: close\r\n";
+    if (!r.etag.isEmpty())
+        head += "ETag: " + r.etag + "\r\n";
     for (const auto &h : r.extraHeaders)
         head += h.first + ": " + h.second + "\r\n";
     if (r.endlessHeader) { // never more than 64 KiB on their way

@@ -37,6 +37,7 @@ public:
         bool chunkedCoding = false;  // "Transfer-Encoding: chunked", one chunk per write
         bool lengthByClose = false;  // no length at all: the body ends when the connection closes
         QList<QPair<QByteArray, QByteArray>> extraHeaders {};
+        QByteArray etag {};          // sent as ETag; a Range whose If-Range differs gets it all
     };
 
     struct Request

@@ -25,6 +25,8 @@ const char *failureText(int32_t failureCode)
     case FAILURE_HTTP_STATUS: return "the server answered with an error status";
     case FAILURE_LOCAL_FILE: return "the local file could not be opened or written";
     case FAILURE_NONE: return "none";
+    case FAILURE_CONTENT_MISMATCH:
+        return "content does not match";
     default: return "unknown";
     }
 }
@@ -36,6 +38,8 @@ std::string stateNote(const IDownload &r)
         snprintf(text, sizeof text, " (failure %d: %s)", int(r.failureCode), failureText(r.failureCode));
         return text;
     }
+    if (r.state == 1 && !r.expectedSha256.empty())
+        return " (verified)"; // a mismatch fails
     if (r.state != 32)
         return std::string();
     const time_t when = time_t(r.nextAttemptTime / 1000);

@@ -13,7 +13,8 @@ const char *failureText(int32_t failureCode);
 // "ID CLIENT STATE BYTES TOTAL FILE": one download on one line, for pipes and scripts.
 std::string recordLine(const IDownload &record);
 // What a Failed or Stalled state needs said, as " (...)": the failure's meaning, or when the
-// next attempt starts. Empty for the other states.
+// next attempt starts; "verified" for a Completed download that matched its SHA-256. Empty for
+// the other states.
 std::string stateNote(const IDownload &record);
 
 // Live progress bars on a terminal, one line per download, redrawn in place on each update.

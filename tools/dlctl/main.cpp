@@ -39,20 +39,25 @@ int usage(FILE *out, int status)
     fprintf(out,
         "usage: dlctl COMMAND [ARGS]\n"
         "       dlctl --help | --version\n"
-        "  create URL [--client ID] [--id ID] [--name NAME] [--wait]\n"
+        "  create URL [--client ID] [--id ID] [--name NAME] [--sha256 HEX] [--size N] [--wait]\n"
         "  pause ID|all        resume ID|all        remove ID\n"
         "  list [CLIENT]       status ID\n"
         "  space SIZE [--client ID]\n"
         "  set-path CLIENT PATH\n"
         "  watch\n"
-        "create prints the new download's identifier; records print as:\n"
+        "create prints the new download's identifier; with --sha256 (64 hexadecimal digits)\n"
+        "  and --size (bytes) the download fails with code 5 unless its content is that.\n"
+        "Records print as:\n"
         "  ID CLIENT STATE BYTES TOTAL FILE\n"
         "watch and create --wait add after FILE, in parentheses, the meaning of a Failed\n"
-        "download's failure code or the time of a Stalled download's next attempt.\n"
+        "download's failure code or the time of a Stalled download's next attempt; they and\n"
+        "status add \"(verified)\" to a Completed download whose SHA-256 was given.\n"
         "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
         "  2 the server answered with an error status, 3 the local file could not be opened\n"
-        "  or written, 4 none (a new download).\n"
-        "The service is found in $BINDER_SOCKET_DIR (default /run/downloadmanager). Each call waits at\n"
+        "  or written, 4 none (a new download), 5 content does not match the given size or\n"
+        "  SHA-256 (the file is kept; the console's restart fetches it anew).\n"
+        "The service is found in $BINDER_SOCKET_DIR (default /run/downloadmanager). Each call "
+        "waits at\n"
         "most $DLCTL_TIMEOUT_MS milliseconds for its answer (default 15000).\n"
         "Exit status: 0 done, 1 failed, refused or unknown download, 2 service not reachable\n"
         "or not answering, 64 usage, 128+N ended by signal N.\n");
@@ -177,9 +182,22 @@ struct Options
     std::string client;
     std::string id;
     std::string name;
+    std::string sha256;
+    long long size = -1;
+    bool checked = false; // --sha256 or --size given
     bool wait = false;
     bool clientGiven = false;
 };
+
+bool parseSize(const std::string &text, long long *size)
+{
+    if (text.empty())
+        return false;
+    char *end = nullptr;
+    errno = 0;
+    *size = strtoll(text.c_str(), &end, 10);
+    return errno == 0 && end && *end == '\0' && *size >= 0;
+}
 
 bool parseOptions(int argc, char **argv, Options *o)
 {
@@ -201,6 +219,17 @@ bool parseOptions(int argc, char **argv, Options *o)
         } else if (arg == "--name") {
             if (!value(&o->name))
                 return false;
+        } else if (arg == "--sha256") {
+            if (!value(&o->sha256))
+                return false;
+            o->checked = true;
+        } else if (arg == "--size") {
+            std::string text;
+            if (!value(&text) || !parseSize(text, &o->size)) {
+                fprintf(stderr, "dlctl: --size must be a whole, non-negative number of bytes\n");
+                return false;
+            }
+            o->checked = true;
         } else if (arg == "--wait") {
             o->wait = true;
         } else if (arg.rfind("--", 0) == 0) {
@@ -210,16 +239,6 @@ bool parseOptions(int argc, char **argv, Options *o)
         }
     }
     return true;
-}
-
-bool parseSize(const std::string &text, long long *size)
-{
-    if (text.empty())
-        return false;
-    char *end = nullptr;
-    errno = 0;
-    *size = strtoll(text.c_str(), &end, 10);
-    return errno == 0 && end && *end == '\0' && *size >= 0;
 }
 
 // SIGINT and SIGTERM are blocked in every thread and taken by one that waits for them, so the
@@ -395,12 +414,17 @@ int run(int argc, char **argv)
         if (o.wait)
             service->addClient(events);
         std::string id;
-        const int32_t created = service->requestDownload(o.client, arg, o.id, o.name, &id);
+        const int32_t created = o.checked
+            ? service->requestDownloadChecked(o.client, arg, o.id, o.name, o.size, o.sha256, &id)
+            : service->requestDownload(o.client, arg, o.id, o.name, &id);
         int status = 0;
         if (created < 0) {
             status = notAnswered("requestDownload", created);
         } else if (created != IDLService::REQUEST_CREATED) {
-            fprintf(stderr, "dlctl: cannot create %s: %s\n", arg.c_str(), refusal(created));
+            fprintf(stderr, "dlctl: cannot create %s: %s\n", arg.c_str(),
+                created == IDLService::REQUEST_BAD_ARGUMENT && !o.sha256.empty()
+                    ? "--sha256 must be 64 hexadecimal digits"
+                    : refusal(created));
             status = 1;
         } else {
             printf("%s\n", escapeText(id).c_str());
@@ -436,7 +460,8 @@ int run(int argc, char **argv)
             fprintf(stderr, "dlctl: no download %s\n", arg.c_str());
             return 1;
         }
-        printf("%s\n", recordLine(record).c_str());
+        printf("%s%s\n", recordLine(record).c_str(),
+            record.state == 1 ? stateNote(record).c_str() : "");
         return 0;
     }
     if (command == "list") {
