@@ -33,6 +33,7 @@ struct ServerFault {
     bool pauseAsked = false; // paused while its request waits for an answer
     bool pauseStalled = false; // paused once Stalled, then left past its retry's time
     int othersBacklog = 0; // downloads of another user trickling from the same host first
+    const char *heard = ""; // by the watcher before the end, after "ID ID "
     const char *end;
     int state, code, bytes = 0;
     const char *reason = "", *ranges, *states;
@@ -40,7 +41,7 @@ struct ServerFault {
 // clang-format off
 const ServerFault kServerFaults[] = {
     {.name = "cut three times", .serve = {.closeAfter = 50000, .faultyAnswers = 3}, .end = "Completed", .state = 1, .code = 1, .bytes = 262144, .ranges = "- 50000 100000 150000", .states = "Stalled Stalled Stalled Completed"},
-    {.name = "stalls once", .serve = {.stallAfter = 90000, .faultyAnswers = 1}, .end = "Completed", .state = 1, .code = 1, .bytes = 262144, .ranges = "- 90000", .states = "Stalled Completed"},
+    {.name = "stalls once, its last bytes reported while quiet", .serve = {.stallAfter = 90000, .faultyAnswers = 1}, .heard = "Progressing 90000 ", .end = "Completed", .state = 1, .code = 1, .bytes = 262144, .ranges = "- 90000", .states = "Stalled Completed"},
     {.name = "404", .serve = {.status = 404}, .end = "Failed", .state = 8, .code = 2, .reason = "HTTP 404", .ranges = "-", .states = "Failed"},
     {.name = "503 always", .serve = {.status = 503}, .end = "Failed", .state = 8, .code = 2, .reason = "HTTP 503", .ranges = "- - -", .states = "Stalled Stalled Failed"},
     {.name = "ignores Range", .serve = {.honorRange = false, .closeAfter = 120000, .faultyAnswers = 1}, .end = "Completed", .state = 1, .code = 1, .bytes = 262144, .ranges = "- 120000", .states = "Stalled Completed"},
@@ -66,8 +67,10 @@ struct StoredRow {
     bool linked = false; // the file is a link to one elsewhere, which must stay as it is
     bool replaced = false; // stored as created, then replaced by another file
     bool resume = false; // not launched at start, resumed by the test
+    const char *at = nullptr; // the file's stored path, when not downloads/NAME
     const char *end, *ranges, *stored; // stored by the end
     QByteArray body() const { return FakeHttpServer::makeBody(size, size); }
+    QString path(const Service &s) const { return at ? at : s.path("downloads/") + name; }
     QByteArray onDisk() const { return (body().left(amount) + QByteArray(file, 'x')).left(file); }
 };
 const StoredRow kStoredRows[] = {
@@ -77,6 +80,7 @@ const StoredRow kStoredRows[] = {
     {.name = "paused", .state = 4, .size = 65536, .total = 65536, .amount = 3000, .file = 3000, .resume = true, .end = "Completed", .ranges = "3000", .stored = "1 4 65536 65536"},
     {.name = "completed", .state = 1, .size = 4096, .total = 4096, .amount = 4096, .file = 4096, .end = "Completed", .ranges = "", .stored = "1 4 4096 4096"},
     {.name = "failed", .state = 8, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .end = "Completed", .ranges = "-", .stored = "1 4 4096 4096"},
+    {.name = "relative", .state = 32, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .at = "relative", .end = "Failed", .ranges = "", .stored = "32 4 0 0"},
     {.name = "ftp", .scheme = "ftp", .state = 32, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .end = "Failed", .ranges = "", .stored = "32 4 0 0"},
     {.name = "symlink", .state = 32, .size = 4096, .total = 4096, .amount = 0, .file = 100, .linked = true, .end = "Failed", .ranges = "-", .stored = "8 3 0 4096"},
     {.name = "replaced", .state = 32, .size = 4096, .total = 4096, .amount = 1000, .file = 2000, .replaced = true, .end = "Failed", .ranges = "-", .stored = "8 3 0 4096"},
@@ -242,6 +246,7 @@ void tst_Faults::serverFaults()
     }
     const QByteArray seen = id + ' ' + id + ' ' + end + ' ';
     QVERIFY(waitFor("the watcher to hear " + seen, [&] { return watcher->out().contains(seen); }) && svc.sync());
+    QVERIFY2(watcher->out().contains(id + ' ' + id + ' ' + r.heard), r.heard);
     const QByteArray row = stored(svc, id), n = QByteArray::number(r.bytes),
                      total = row.split(' ').value(3), name8 = file.toUtf8(), q8 = '"' + name8 + '"';
     QCOMPARE(row, QString::asprintf("%d %d %d ", r.state, r.code, r.bytes).toUtf8() + total);
@@ -300,11 +305,11 @@ void tst_Faults::restoredRows()
     QFETCH(int, i);
     const StoredRow &r = kStoredRows[i];
     const QByteArray id = r.name;
-    const QString file = restored.path("downloads/") + r.name;
+    const QString file = r.path(restored);
     if (restored.proc.pid() < 0) { // every row is stored before one start
         QVERIFY(restored.start() && restored.stop() == 0); // to create the schema
         for (const StoredRow &s : kStoredRows) {
-            const QString path = restored.path("downloads/") + s.name;
+            const QString path = s.path(restored);
             const QString link = s.scheme + url(s.name).mid(4);
             body(s.name) = s.body();
             restored.sql(kInsertRow, { s.name, s.name, link, path, s.state, s.total, s.amount });
