@@ -61,7 +61,7 @@ private slots:
             server.setBody(path, body.left(70000));
         server.setBody("/tw%C3%B6", "second!");
         // Kept after the run: the scenarios that run beside this one act as them too.
-        QProcess::execute("sh", {"-c", "(useradd -r dlmtest-a; useradd -r dlmtest-b) 2>/dev/null"});
+        QProcess::execute("sh", {"-c", "(useradd -r dlmtest-a; useradd -r dlmtest-b; groupadd -r dlmtest-g; usermod -aG dlmtest-g dlmtest-a) 2>/dev/null"});
         QFile::remove("/tmp/dlmtest-0600");
     }
     void cleanupTestCase()
@@ -84,8 +84,8 @@ private slots:
 // on an 8 MiB file system of its own, with 3 of 6 MiB of "big" in it, n1 and n2 wait for one name
 // in one directory spelled two ways. As root: dlmtest-a's "theirs" stalls in "a", untouched by
 // dlmtest-b's "pause all"; root's "swap" paused in "a/dl", which dlmtest-a then replaces by a link
-// to root's "db", and "g" only root's group may write; dlmtest-b watches, its client "app" in "b"
-// kept when dlmtest-a sets its own.
+// to root's "db"; "g" dlmtest-a may write only as a member of dlmtest-g; dlmtest-b watches, its
+// client "app" in "b" kept when dlmtest-a sets its own.
 void tst_Dlctl::buildShared()
 {
     shared.reset(new Service({{"max_downloads_per_user", "2"}},
@@ -108,7 +108,7 @@ void tst_Dlctl::buildShared()
     if (geteuid() == 0) {
         for (int user = 0; user < 2; ++user)
             QProcess::execute("install", {"-d", "-o", kUsers[user], s.path(user ? "b" : "a")});
-        QVERIFY(QDir().mkpath(s.path("g")) && chmod(QFile::encodeName(s.path("g")), 0770) == 0);
+        QProcess::execute("install", {"-d", "-m", "0770", "-g", "dlmtest-g", s.path("g")});
         watcher = s.client({"dlctl", "watch"}, kUsers[1]);
         QVERIFY(s.waitErr("Event client registered"));
         QVERIFY(as(0, "set-path dlctl " + s.path("a")) && as(1, "set-path app " + s.path("b")) && as(0, "set-path app " + s.path("a")));
@@ -154,7 +154,7 @@ void tst_Dlctl::requests_data()
     row("UTF-8 client and URL", {.before = {"set-path été @/downloads"}, .args = "create URL/twö --client été --id two --wait", .out = "two\ntwo été Completed 7 7 @/downloads/twö\n"});
     row("own directory, own file", {.user = "dlmtest-a", .args = "create URL/f --id own --wait", .out = "own\nown dlctl Completed 70000 70000 @/a/f\n"});
     row("a directory of root's", {.user = "dlmtest-a", .args = "set-path app @/db", .code = 1, .said = "is not permitted"});
-    row("a directory only root's group may write", {.user = "dlmtest-a", .args = "set-path app @/g", .code = 1, .said = "is not permitted"});
+    row("a directory the caller may write only through its other group", {.user = "dlmtest-a", .args = "set-path grp @/g"});
     row("default directory", {.user = "dlmtest-a", .args = "set-path DEFAULT_CLIENT_ID @/a", .code = 1, .said = "is not permitted"});
     row("a client's directory per user", {.user = "dlmtest-a", .args = "set-path app @/a"});
     row("another's directory stays", {.user = "dlmtest-b", .args = "create URL/no --client app --id b --wait", .code = 1, .out = "b\nb app Failed 0 0 @/b/no (failure 2: the server answered with an error status)\n", .heard = "b app Failed 0 0 "});
