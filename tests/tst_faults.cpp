@@ -85,6 +85,20 @@ const StoredRow kStoredRows[] = {
     {.name = "symlink", .state = 32, .size = 4096, .total = 4096, .amount = 0, .file = 100, .linked = true, .end = "Failed", .ranges = "-", .stored = "8 3 0 4096"},
     {.name = "replaced", .state = 32, .size = 4096, .total = 4096, .amount = 1000, .file = 2000, .replaced = true, .end = "Failed", .ranges = "-", .stored = "8 3 0 4096"},
 };
+
+// Connections from each uid (a bare number: none has to exist), each announcing a 1 MiB call and
+// sending one byte of it; refused: how many of them all the service hangs up on; served: a uid
+// answered while they are held (-1: none).
+struct Flood {
+    const char *name;
+    std::vector<uid_t> uids;
+    int each, refused, served = -1;
+};
+const Flood kFloods[] = {
+    {.name = "root alone, up to the total", .uids = {0}, .each = 300, .refused = 300 - 256},
+    {.name = "one user, its share; another served", .uids = {70000}, .each = 40, .refused = 8, .served = 70001},
+    {.name = "eight users, root's reserve kept", .uids = {70000, 70001, 70002, 70003, 70004, 70005, 70006, 70007}, .each = 32, .refused = 32, .served = 0},
+};
 // clang-format on
 
 QByteArrayList grep(QByteArrayList lines, const QByteArray &needle)
@@ -208,6 +222,7 @@ private slots:
     void restoredRows();
 
     void killAndRestart();
+    void connectionFlood_data() { indexRows(kFloods); }
     void connectionFlood();
 };
 
@@ -386,25 +401,38 @@ void tst_Faults::killAndRestart()
 
 void tst_Faults::connectionFlood()
 {
-    // A connection costs its body's bytes only as they arrive; past the cap it ends.
+    // A connection costs its body's bytes only as they arrive; past a cap it ends.
+    QFETCH(int, i);
+    const Flood &row = kFloods[i];
     Service s({}, { "DLM_LOG_LEVEL=i" }); // only the manager logs each call
-    QVERIFY(s.start());
+    if (row.served >= 0 && geteuid() != 0)
+        QSKIP("needs root to connect as other users");
+    QVERIFY(chmod(QFile::encodeName(s.path()), 0755) == 0 && s.start());
+    const auto connectAs = [&s, me = geteuid()](uid_t uid) { // -1 when uid could not be taken on
+        const int fd = uid == me || seteuid(uid) == 0 ? s.rawConnect() : -1;
+        return seteuid(me) == 0 ? fd : -1;
+    };
     const auto rssKiB = [&] {
         const QByteArray status = readFile(QString("/proc/%1/status").arg(s.proc.pid()));
         return status.mid(status.indexOf("VmRSS:") + 6).trimmed().split(' ').value(0).toLongLong();
     };
     [[maybe_unused]] const qint64 before = rssKiB();
-    std::vector<int> fds(300);
-    for (int &fd : fds) { // a call announcing a whole 1 MiB body, then one byte of it
-        QVERIFY((fd = s.rawConnect()) >= 0);
-        send(fd, QByteArray::fromHex("010000000000100000").constData(), 9, MSG_NOSIGNAL);
-    }
+    std::vector<int> fds;
+    for (uid_t uid : row.uids)
+        for (int k = 0; k < row.each; ++k) {
+            QVERIFY(fds.emplace_back(connectAs(uid)) >= 0);
+            send(
+                fds.back(), QByteArray::fromHex("010000000000100000").constData(), 9, MSG_NOSIGNAL);
+        }
     const auto ended = [&] {
         char c;
         return std::count_if(
             fds.begin(), fds.end(), [&](int fd) { return recv(fd, &c, 1, MSG_DONTWAIT) == 0; });
     };
-    QVERIFY(waitFor("the connections past the cap to end", [&] { return ended() == 300 - 256; })); // root has no share of its own
+    QVERIFY(waitFor("the connections past a cap to end", [&] { return ended() == row.refused; }));
+    const int other = row.served < 0 ? -1 : connectAs(uid_t(row.served));
+    QVERIFY(row.served < 0 || replyStatus(other, call(IDLService::GET_DOWNLOAD, { "x" })) == 0);
+    close(other);
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__) // their per-thread state hides the service's
     QVERIFY2(rssKiB() - before < 32 * 1024, QByteArray::number(rssKiB() - before));
 #endif
