@@ -86,9 +86,8 @@ const StoredRow kStoredRows[] = {
     {.name = "replaced", .state = 32, .size = 4096, .total = 4096, .amount = 1000, .file = 2000, .replaced = true, .end = "Failed", .ranges = "-", .stored = "8 3 0 4096"},
 };
 
-// Connections from each uid (a bare number: none has to exist), each announcing a 1 MiB call and
-// sending one byte of it; refused: how many of them all the service hangs up on; served: a uid
-// answered while they are held (-1: none).
+// Connections from each uid (a bare number: none has to exist); refused: how many of them all
+// the service hangs up on; served: a uid answered while they are held (-1: none).
 struct Flood {
     const char *name;
     std::vector<uid_t> uids;
