@@ -5,7 +5,9 @@
 #include <QtTest>
 
 #include <csignal>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 using Lines = QList<QByteArray>;
 
@@ -45,6 +47,9 @@ struct Start { // a row of startup(); @S is the service's own directory, @F that
     bool kill = false; // without a console only SIGKILL ends it
     QByteArray out, input = {}, logged = {}; // input null: the start fails; logged: once, if any
     bool garbage = false; // in the database file before the start, and still there after it
+    QString untrusted = {}; // given mode and owner before the start
+    int mode = 0, owner = 0;
+    bool unused = false; // no database made in @S/db: its settings or directory not trusted
 };
 } // namespace
 
@@ -114,8 +119,10 @@ private slots:
             "APM_TEST_CALLBACKS=focus,lose_focus,destroy,resource,lose_resource"}, .exit = 0, .out = calls, .input = "quit now\n", .logged = "value @S/db \n"});
         row("garbage database", {.exit = 0, .out = join, .input = "quit", .logged = "is not a database", .garbage = true});
         row("/tmp/ by default, not trusted", {.env = {"DLM_SETTINGS=@S/none"}, .exit = 0, .out = join, .input = "quit\nhelp\nstatus x\n", .logged = "/tmp/ is writable by group or others"});
-        row("settings anyone may write", {.env = {"DLM_SETTINGS=/dev/null"}, .exit = 0, .out = join,
-            .input = "quit\n", .logged = "Settings file /dev/null not used, defaults apply: /dev/null is writable by group"});
+        const QString ini = "@S/bin/downloadmanager.ini", notRead = "Settings file " + ini + " not used, defaults apply: " + ini;
+        row("settings its group may write, not read", {.exit = 0, .out = join, .input = "quit\n", .logged = (notRead + " is writable by group").toUtf8(), .untrusted = ini, .mode = 0664, .unused = true});
+        row("settings of another user, not read", {.exit = 0, .out = join, .input = "quit\n", .logged = (notRead + " is owned by uid 65534").toUtf8(), .untrusted = ini, .mode = 0644, .owner = 65534, .unused = true});
+        row("database directory its group may write, not used", {.exit = 0, .out = join, .input = "quit\n", .logged = "running without persistence: @S/db is writable by group", .untrusted = "@S/db", .mode = 0770, .unused = true});
         row("second service, same database", {.env = {"DLM_SETTINGS=@F/bin/downloadmanager.ini"}, .exit = 1,
             .out = join, .logged = "Another download service uses the database directory @F/db: not starting"});
     }
@@ -155,7 +162,12 @@ private slots:
         svc.env = fill(row.env.join('\n')).split('\n', Qt::SkipEmptyParts);
         QFile db(svc.path("db/dlm_download.db"));
         QVERIFY(!row.garbage || (db.open(QFile::WriteOnly) && db.write("garbage") && db.flush()));
-        QCOMPARE(svc.start(), !row.input.isNull());
+        const QByteArray loose = QFile::encodeName(fill(row.untrusted));
+        const auto loosen = [&] {
+            if (!loose.isEmpty() && chown(loose.constData(), row.owner, -1) == 0)
+                chmod(loose.constData(), row.mode);
+        };
+        QCOMPARE(svc.start(loosen), !row.input.isNull());
         if (!row.input.isNull()) {
             QVERIFY(waitFor("its standard output: " + row.out, [&] { return svc.proc.out().size() >= row.out.size(); }));
             QCOMPARE(svc.dlctl({ "list" }).code, 0); // after OnDestroy too
@@ -168,6 +180,7 @@ private slots:
         QCOMPARE(svc.proc.err().count("Console help:"), row.exit == 0); // none after quit
         QCOMPARE(svc.proc.err().count(fill(row.logged).toUtf8()), 1); // empty: once in nothing
         QVERIFY(!row.garbage || readFile(db.fileName()) == "garbage");
+        QVERIFY(!row.unused || !db.exists());
     }
 
     void downloadLifecycle()

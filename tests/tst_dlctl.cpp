@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <pwd.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -25,6 +26,7 @@ struct Request {
     QByteArray args; int code = 0;
     QByteArray out = "", said = "", heard = "";
     bool poll = false; // out is the state the before-commands lead to: asked until it comes
+    bool small = false; // needs the 8 MiB file system, skipped where it cannot be mounted
 };
 
 // "stuck": a listener that never accepts, its backlog full; "term": SIGTERM in connect().
@@ -44,7 +46,7 @@ class tst_Dlctl : public QObject
     FakeHttpServer server;
     std::unique_ptr<Service> shared; // the requests table's service, built by a row that needs it
     std::unique_ptr<Child> watcher;  // dlmtest-b's dlctl watch on it
-    QTemporaryDir shm {"/dev/shm/dlmtest-XXXXXX"}; // another file system
+    bool smallFs = false; // client "small"'s directory, mounted by buildShared
 
 private slots:
     void initTestCase()
@@ -53,17 +55,20 @@ private slots:
         server.setResource("/p.bin", {.body = body, .chunkSize = 8192, .chunkDelayMs = 10, .stallAfter = 100000});
         server.setResource("/w.bin", {.body = body.left(200000), .chunkSize = 8192, .chunkDelayMs = 30});
         server.setResource("/huge", {.body = body.left(4096), .stallAfter = 4096, .contentLength = 1LL << 50});
+        server.setResource("/big", {.body = QByteArray(3 << 20, 'b'), .stallAfter = 3 << 20, .contentLength = 6 << 20});
         server.setResource("/dlmtest-never", {.neverAnswer = true});
         for (const char *path : {"/a", "/f", "/w2", "/dlmtest-0600"})
             server.setBody(path, body.left(70000));
         server.setBody("/tw%C3%B6", "second!");
         // Kept after the run: the scenarios that run beside this one act as them too.
-        QProcess::execute("sh", {"-c", "(useradd -r dlmtest-a; useradd -r dlmtest-b) 2>/dev/null"});
+        QProcess::execute("sh", {"-c", "(useradd -r dlmtest-a; useradd -r dlmtest-b; groupadd -r dlmtest-g; usermod -aG dlmtest-g dlmtest-a) 2>/dev/null"});
         QFile::remove("/tmp/dlmtest-0600");
     }
     void cleanupTestCase()
     {
         watcher.reset();
+        if (smallFs)
+            umount2(qPrintable(shared->path("small")), MNT_DETACH);
         shared.reset();
     }
     void requests_data();
@@ -75,11 +80,12 @@ private slots:
 };
 
 // Started under umask 027, every data notification written and reported at once: "huge" wants
-// 2^50 bytes, "p" paused at 100000 of 300000 has its file replaced by a link, client "shm" is on
-// another file system, n1 and n2 wait for one name in one directory spelled two ways. As root:
-// dlmtest-a's "theirs" stalls in "a", untouched by dlmtest-b's "pause all"; root's "swap" paused
-// in "a/dl", which dlmtest-a then replaces by a link to root's "db"; dlmtest-b watches, its client
-// "app" in "b" kept when dlmtest-a sets its own.
+// 2^50 bytes, "p" paused at 100000 of 300000 has its file replaced by a link, client "small" is
+// on an 8 MiB file system of its own, with 3 of 6 MiB of "big" in it, n1 and n2 wait for one name
+// in one directory spelled two ways. As root: dlmtest-a's "theirs" stalls in "a", untouched by
+// dlmtest-b's "pause all"; root's "swap" paused in "a/dl", which dlmtest-a then replaces by a link
+// to root's "db"; "g" dlmtest-a may write only as a member of dlmtest-g; dlmtest-b watches, its
+// client "app" in "b" kept when dlmtest-a sets its own.
 void tst_Dlctl::buildShared()
 {
     shared.reset(new Service({{"max_downloads_per_user", "2"}},
@@ -91,15 +97,18 @@ void tst_Dlctl::buildShared()
     QVERIFY(chmod(QFile::encodeName(s.path()), 0755) == 0 && QDir().rmdir(s.path("binder")));
     QVERIFY(chmod(QFile::encodeName(s.path("db")), 0700) == 0);
     QVERIFY(s.start([] { umask(027); }) && as(-1, "set-path dlctl " + s.path("downloads")));
-    QVERIFY(as(-1, "set-path shm " + shm.path()) && as(-1, "create " + url("/huge")));
+    QVERIFY(as(-1, "create " + url("/huge")) && QDir().mkpath(s.path("small")));
+    smallFs = mount("tmpfs", qPrintable(s.path("small")), "tmpfs", 0, "size=8m") == 0;
+    QVERIFY(!smallFs || (as(-1, "set-path small " + s.path("small")) && as(-1, "create " + url("/big") + " --client small")));
     QVERIFY(as(-1, "create " + url("/p.bin") + " --id p --name Shown"));
     QVERIFY(s.waitErr("DL:  100000 / 300000") && as(-1, "pause p") && s.waitErr("\"Paused\""));
     const QString file = s.path("downloads/p.bin");
     QVERIFY(QFile::remove(file) && QFile::link(s.path("db/secret"), file));
-    QVERIFY(s.waitErr("DL:  4096 / 1125899906842624"));
+    QVERIFY(s.waitErr("DL:  4096 / 1125899906842624") && (!smallFs || s.waitErr("DL:  3145728 / 6291456")));
     if (geteuid() == 0) {
         for (int user = 0; user < 2; ++user)
             QProcess::execute("install", {"-d", "-o", kUsers[user], s.path(user ? "b" : "a")});
+        QProcess::execute("install", {"-d", "-m", "0770", "-g", "dlmtest-g", s.path("g")});
         watcher = s.client({"dlctl", "watch"}, kUsers[1]);
         QVERIFY(s.waitErr("Event client registered"));
         QVERIFY(as(0, "set-path dlctl " + s.path("a")) && as(1, "set-path app " + s.path("b")) && as(0, "set-path app " + s.path("a")));
@@ -139,7 +148,7 @@ void tst_Dlctl::requests_data()
     row("relative path", {.args = "set-path app rel", .code = 1, .said = "rel is not an absolute path"});
     row("missing directory", {.args = "set-path app @/no", .code = 1, .said = "@/no is not a directory"});
     row("negative size", {.args = "space -1", .code = 64, .said = "SIZE must be"});
-    row("fits elsewhere", {.args = "space 1 --client shm", .out = "0 fits\n"});
+    row("elsewhere a running download reserves its rest, not its total", {.args = "space 1048576 --client small", .out = "0 fits\n", .small = true});
     row("a running download reserves its rest", {.args = "space 1", .out = "1 does not fit\n"});
     row("all is no identifier to remove", {.args = "remove all", .code = 1, .said = "no download all"});
     row("removed", {.before = {"create URL/f --id gone", "remove gone"}, .args = "status gone", .code = 1, .said = "no download gone"});
@@ -147,6 +156,7 @@ void tst_Dlctl::requests_data()
     row("UTF-8 client and URL", {.before = {"set-path été @/downloads"}, .args = "create URL/twö --client été --id two --wait", .out = "two\ntwo été Completed 7 7 @/downloads/twö\n"});
     row("own directory, own file", {.user = "dlmtest-a", .args = "create URL/f --id own --wait", .out = "own\nown dlctl Completed 70000 70000 @/a/f\n"});
     row("a directory of root's", {.user = "dlmtest-a", .args = "set-path app @/db", .code = 1, .said = "is not permitted"});
+    row("a directory the caller may write only through its other group", {.user = "dlmtest-a", .args = "set-path grp @/g"});
     row("default directory", {.user = "dlmtest-a", .args = "set-path DEFAULT_CLIENT_ID @/a", .code = 1, .said = "is not permitted"});
     row("a client's directory per user", {.user = "dlmtest-a", .args = "set-path app @/a"});
     row("another's directory stays", {.user = "dlmtest-b", .args = "create URL/no --client app --id b --wait", .code = 1, .out = "b\nb app Failed 0 0 @/b/no (failure 2: the server answered with an error status)\n", .heard = "b app Failed 0 0 "});
@@ -175,6 +185,8 @@ void tst_Dlctl::requests()
         QSKIP("needs root to act as other users");
     if (!shared)
         buildShared();
+    if (row.small && !smallFs)
+        QSKIP("cannot mount an 8 MiB file system here");
     const passwd *a = getpwnam("dlmtest-a"); // "A:" is the prefix of dlmtest-a's identifiers
     if (QTest::currentTestFailed())
         return;

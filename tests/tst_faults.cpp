@@ -36,6 +36,7 @@ struct ServerFault {
     QStringList create {}; // more dlctl create options; "SHA" is the body's SHA-256
     qint64 pauseAt = 0; // paused once this much is stored, then resumed
     QByteArray replaceTag {}; // while paused, another body as long is served with this ETag
+    const char *heard = ""; // by the watcher before the end, after "ID ID "
     const char *end;
     int state, code, bytes = 0;
     const char *reason = "", *ranges, *states;
@@ -44,7 +45,7 @@ struct ServerFault {
 // clang-format off
 const ServerFault kServerFaults[] = {
     {.name = "cut three times", .serve = {.closeAfter = 50000, .faultyAnswers = 3}, .end = "Completed", .state = 1, .code = 1, .bytes = 262144, .ranges = "- 50000 100000 150000", .states = "Stalled Stalled Stalled Completed"},
-    {.name = "stalls once", .serve = {.stallAfter = 90000, .faultyAnswers = 1}, .end = "Completed", .state = 1, .code = 1, .bytes = 262144, .ranges = "- 90000", .states = "Stalled Completed"},
+    {.name = "stalls once, its last bytes reported while quiet", .serve = {.stallAfter = 90000, .faultyAnswers = 1}, .heard = "Progressing 90000 ", .end = "Completed", .state = 1, .code = 1, .bytes = 262144, .ranges = "- 90000", .states = "Stalled Completed"},
     {.name = "404", .serve = {.status = 404}, .end = "Failed", .state = 8, .code = 2, .reason = "HTTP 404", .ranges = "-", .states = "Failed"},
     {.name = "503 always", .serve = {.status = 503}, .end = "Failed", .state = 8, .code = 2, .reason = "HTTP 503", .ranges = "- - -", .states = "Stalled Stalled Failed"},
     {.name = "ignores Range", .serve = {.honorRange = false, .closeAfter = 120000, .faultyAnswers = 1}, .end = "Completed", .state = 1, .code = 1, .bytes = 262144, .ranges = "- 120000", .states = "Stalled Completed"},
@@ -77,8 +78,10 @@ struct StoredRow {
     bool linked = false; // the file is a link to one elsewhere, which must stay as it is
     bool replaced = false; // stored as created, then replaced by another file
     bool resume = false; // not launched at start, resumed by the test
+    const char *at = nullptr; // the file's stored path, when not downloads/NAME
     const char *end, *ranges, *stored; // stored by the end
     QByteArray body() const { return FakeHttpServer::makeBody(size, size); }
+    QString path(const Service &s) const { return at ? at : s.path("downloads/") + name; }
     QByteArray onDisk() const { return (body().left(amount) + QByteArray(file, 'x')).left(file); }
 };
 const StoredRow kStoredRows[] = {
@@ -88,9 +91,23 @@ const StoredRow kStoredRows[] = {
     {.name = "paused", .state = 4, .size = 65536, .total = 65536, .amount = 3000, .file = 3000, .resume = true, .end = "Completed", .ranges = "3000", .stored = "1 4 65536 65536"},
     {.name = "completed", .state = 1, .size = 4096, .total = 4096, .amount = 4096, .file = 4096, .end = "Completed", .ranges = "", .stored = "1 4 4096 4096"},
     {.name = "failed", .state = 8, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .end = "Completed", .ranges = "-", .stored = "1 4 4096 4096"},
+    {.name = "relative", .state = 32, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .at = "relative", .end = "Failed", .ranges = "", .stored = "32 4 0 0"},
     {.name = "ftp", .scheme = "ftp", .state = 32, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .end = "Failed", .ranges = "", .stored = "32 4 0 0"},
     {.name = "symlink", .state = 32, .size = 4096, .total = 4096, .amount = 0, .file = 100, .linked = true, .end = "Failed", .ranges = "-", .stored = "8 3 0 4096"},
     {.name = "replaced", .state = 32, .size = 4096, .total = 4096, .amount = 1000, .file = 2000, .replaced = true, .end = "Failed", .ranges = "-", .stored = "8 3 0 4096"},
+};
+
+// Connections from each uid (a bare number: none has to exist); refused: how many of them all
+// the service hangs up on; served: a uid answered while they are held (-1: none).
+struct Flood {
+    const char *name;
+    std::vector<uid_t> uids;
+    int each, refused, served = -1;
+};
+const Flood kFloods[] = {
+    {.name = "root alone, up to the total", .uids = {0}, .each = 300, .refused = 300 - 256},
+    {.name = "one user, its share; another served", .uids = {70000}, .each = 40, .refused = 8, .served = 70001},
+    {.name = "eight users, root's reserve kept", .uids = {70000, 70001, 70002, 70003, 70004, 70005, 70006, 70007}, .each = 32, .refused = 32, .served = 0},
 };
 // clang-format on
 
@@ -218,6 +235,7 @@ private slots:
     void restoredRows();
 
     void killAndRestart();
+    void connectionFlood_data() { indexRows(kFloods); }
     void connectionFlood();
 };
 
@@ -269,6 +287,7 @@ void tst_Faults::serverFaults()
     }
     const QByteArray seen = id + ' ' + id + ' ' + end + ' ';
     QVERIFY(waitFor("the watcher to hear " + seen, [&] { return watcher->out().contains(seen); }) && svc.sync());
+    QVERIFY2(watcher->out().contains(id + ' ' + id + ' ' + r.heard), r.heard);
     const QByteArray row = stored(svc, id), n = QByteArray::number(r.bytes),
                      total = row.split(' ').value(3), name8 = file.toUtf8(), q8 = '"' + name8 + '"';
     QCOMPARE(row, QString::asprintf("%d %d %d ", r.state, r.code, r.bytes).toUtf8() + total);
@@ -327,11 +346,11 @@ void tst_Faults::restoredRows()
     QFETCH(int, i);
     const StoredRow &r = kStoredRows[i];
     const QByteArray id = r.name;
-    const QString file = restored.path("downloads/") + r.name;
+    const QString file = r.path(restored);
     if (restored.proc.pid() < 0) { // every row is stored before one start
         QVERIFY(restored.start() && restored.stop() == 0); // to create the schema
         for (const StoredRow &s : kStoredRows) {
-            const QString path = restored.path("downloads/") + s.name;
+            const QString path = s.path(restored);
             const QString link = s.scheme + url(s.name).mid(4);
             body(s.name) = s.body();
             restored.sql(kInsertRow, { s.name, s.name, link, path, s.state, s.total, s.amount });
@@ -412,25 +431,38 @@ void tst_Faults::killAndRestart()
 
 void tst_Faults::connectionFlood()
 {
-    // A connection costs its body's bytes only as they arrive; past the cap it ends.
+    // A connection costs its body's bytes only as they arrive; past a cap it ends.
+    QFETCH(int, i);
+    const Flood &row = kFloods[i];
     Service s({}, { "DLM_LOG_LEVEL=i" }); // only the manager logs each call
-    QVERIFY(s.start());
+    if (row.served >= 0 && geteuid() != 0)
+        QSKIP("needs root to connect as other users");
+    QVERIFY(chmod(QFile::encodeName(s.path()), 0755) == 0 && s.start());
+    const auto connectAs = [&s, me = geteuid()](uid_t uid) { // -1 when uid could not be taken on
+        const int fd = uid == me || seteuid(uid) == 0 ? s.rawConnect() : -1;
+        return seteuid(me) == 0 ? fd : -1;
+    };
     const auto rssKiB = [&] {
         const QByteArray status = readFile(QString("/proc/%1/status").arg(s.proc.pid()));
         return status.mid(status.indexOf("VmRSS:") + 6).trimmed().split(' ').value(0).toLongLong();
     };
     [[maybe_unused]] const qint64 before = rssKiB();
-    std::vector<int> fds(300);
-    for (int &fd : fds) { // a call announcing a whole 1 MiB body, then one byte of it
-        QVERIFY((fd = s.rawConnect()) >= 0);
-        send(fd, QByteArray::fromHex("010000000000100000").constData(), 9, MSG_NOSIGNAL);
-    }
+    std::vector<int> fds;
+    for (uid_t uid : row.uids)
+        for (int k = 0; k < row.each; ++k) {
+            QVERIFY(fds.emplace_back(connectAs(uid)) >= 0);
+            send(
+                fds.back(), QByteArray::fromHex("010000000000100000").constData(), 9, MSG_NOSIGNAL);
+        }
     const auto ended = [&] {
         char c;
         return std::count_if(
             fds.begin(), fds.end(), [&](int fd) { return recv(fd, &c, 1, MSG_DONTWAIT) == 0; });
     };
-    QVERIFY(waitFor("the connections past the cap to end", [&] { return ended() == 300 - 256; })); // root has no share of its own
+    QVERIFY(waitFor("the connections past a cap to end", [&] { return ended() == row.refused; }));
+    const int other = row.served < 0 ? -1 : connectAs(uid_t(row.served));
+    QVERIFY(row.served < 0 || replyStatus(other, call(IDLService::GET_DOWNLOAD, { "x" })) == 0);
+    close(other);
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__) // their per-thread state hides the service's
     QVERIFY2(rssKiB() - before < 32 * 1024, QByteArray::number(rssKiB() - before));
 #endif
