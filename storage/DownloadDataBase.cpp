@@ -20,9 +20,14 @@ const QString kUpsert = QStringLiteral(
     "ON CONFLICT(uniqueID) DO UPDATE SET state = excluded.state, name = excluded.name, "
     "failureCode = excluded.failureCode, totalSize = excluded.totalSize, "
     "amountDownloaded = excluded.amountDownloaded");
-const QString kExtra = QStringLiteral(
-    "INSERT OR REPLACE INTO download_extra (uniqueID, fileDevice, fileInode) VALUES (?, ?, ?)");
-constexpr int kSchemaVersion = 1;
+const QString kExtra = QStringLiteral("INSERT OR REPLACE INTO download_extra (uniqueID, "
+                                      "fileDevice, fileInode, failureReason, httpStatus) VALUES "
+                                      "(?, ?, ?, ?, ?)");
+// A NULL identity is a file stored before identities were kept.
+const QString kExtraTable = QStringLiteral(
+    "CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice INTEGER, fileInode "
+    "INTEGER, failureReason TEXT NOT NULL DEFAULT '', httpStatus INTEGER NOT NULL DEFAULT 0)");
+constexpr int kSchemaVersion = 2;
 const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
 
 QByteArray local(const QString &text)
@@ -114,13 +119,28 @@ bool DownloadDataBase::migrate()
         return false;
     const int version = query.next() ? query.value(0).toInt() : 0;
     query.finish();
-    // Version 1: the identity of each download's file. Rows without one are older downloads.
-    return version >= kSchemaVersion
-        || (run(query,
-                QStringLiteral("CREATE TABLE IF NOT EXISTS download_extra (uniqueID TEXT PRIMARY "
-                               "KEY, fileDevice INTEGER NOT NULL, fileInode INTEGER NOT NULL)"),
-                {})
-            && run(query, QStringLiteral("PRAGMA user_version = %1").arg(kSchemaVersion), {}));
+    if (version >= kSchemaVersion)
+        return true;
+    // Version 1: the identity of each download's file; rows without one are older downloads.
+    // Version 2: the last failure's reason and HTTP status, with or without an identity.
+    QStringList steps;
+    if (version == 1)
+        steps << QStringLiteral("ALTER TABLE download_extra RENAME TO download_extra_1");
+    steps << kExtraTable;
+    if (version == 1)
+        steps << QStringLiteral("INSERT INTO download_extra (uniqueID, fileDevice, fileInode) "
+                                "SELECT uniqueID, fileDevice, fileInode FROM download_extra_1")
+              << QStringLiteral("DROP TABLE download_extra_1");
+    steps << QStringLiteral("PRAGMA user_version = %1").arg(kSchemaVersion);
+    if (!db.transaction())
+        return false;
+    for (const QString &step : qAsConst(steps)) {
+        if (!run(query, step, {})) {
+            db.rollback();
+            return false;
+        }
+    }
+    return db.commit();
 }
 
 bool DownloadDataBase::useWriteAheadLog()
@@ -276,14 +296,21 @@ bool DownloadDataBase::write(Download *download)
                 download->amountDownloaded, download->startTime, download->ownerUid }))
         return false;
     writtenState.insert(download, download->state);
-    // An older download's row gets one once its file is known.
+    // An older download's row gets one once its file is known, or once it fails.
     const FileIdentity &file = download->fileIdentity;
     const auto identity = writtenIdentity.constFind(download);
-    if (identity == writtenIdentity.constEnd() ? file.unrecorded : identity.value() == file)
+    if ((identity == writtenIdentity.constEnd() ? file.unrecorded : identity.value() == file)
+        && writtenReason.value(download) == download->failureReason)
         return true;
-    if (!exec(extra, kExtra, { download->uniqueID, file.device, file.inode }))
+    const QVariant none(QMetaType::fromType<qulonglong>());
+    if (!exec(extra, kExtra,
+            { download->uniqueID, file.unrecorded ? none : QVariant(file.device),
+                file.unrecorded ? none : QVariant(file.inode), download->failureReason,
+                download->httpStatus }))
         return false;
     writtenIdentity.insert(download, file);
+    if (!download->failureReason.isEmpty())
+        writtenReason.insert(download, download->failureReason);
     return true;
 }
 
@@ -292,6 +319,7 @@ void DownloadDataBase::forget(Download *download)
     pending.remove(download);
     writtenState.remove(download);
     writtenIdentity.remove(download);
+    writtenReason.remove(download);
 }
 
 bool DownloadDataBase::deleteEntry(Download *download)
@@ -315,7 +343,7 @@ void DownloadDataBase::getDownloadList()
     if (!run(query,
             QStringLiteral("SELECT uniqueID, clientID, name, contentURL, filePath, state, "
                            "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
-                           "fileDevice, fileInode, fileInode IS NULL FROM ")
+                           "fileDevice, fileInode, fileInode IS NULL, failureReason, httpStatus FROM ")
                 + kTable + QStringLiteral(" LEFT JOIN download_extra USING (uniqueID)"),
             {}))
         return;
@@ -330,7 +358,8 @@ void DownloadDataBase::getDownloadList()
             query.value(6).toUInt(), query.value(7).toLongLong(), query.value(8).toLongLong(),
             query.value(9).toLongLong(), query.value(10).toUInt(),
             FileIdentity { query.value(11).toULongLong(), query.value(12).toULongLong(),
-                query.value(13).toBool() });
+                query.value(13).toBool() },
+            query.value(14).toString(), query.value(15).toInt());
     }
 }
 

@@ -17,7 +17,8 @@ class DownloadManager;
 // The "downloads" table in SQLite, one row per download with its owner's uid (a column added in
 // place to older files, their rows read as root's), and the "download_paths" table, one
 // directory per (owner uid, client id), and the "download_extra" table, the per-download values
-// "downloads" has no column for (the identity of the file it created), on Qt's default
+// "downloads" has no column for (the identity of the file it created, the last failure's
+// reason and HTTP status), on Qt's default
 // connection; PRAGMA user_version counts the schema's migrations. Main thread only. Every
 // failure is a false result (and one ERROR line in the platform log).
 //
@@ -81,6 +82,8 @@ private:
     QSet<Download *> pending;
     QHash<const Download *, unsigned> writtenState;
     QHash<const Download *, FileIdentity> writtenIdentity;
+    QHash<const Download *, QString> writtenReason; // only those with a reason
+
     QSqlQuery extra;
     QTimer flushTimer;
 };
