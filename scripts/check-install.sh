@@ -199,6 +199,7 @@ status=0
 LD_LIBRARY_PATH="$R/usr/lib/$ARCH" "$WORK/example-pc" "$URL/missing.bin" example \
     >"$WORK/example.log" 2>&1 || status=$?
 [ "$status" = 1 ] || fail "example of a failing download exited $status: $(cat "$WORK/example.log")"
+grep -q "failed: HTTP 404" "$WORK/example.log" || fail "the example was not told why: $(cat "$WORK/example.log")"
 # A client that looks in the old socket directory reaches the service through a link there.
 mkdir -p "$WORK/run/binder"
 ln -s "$BINDER_SOCKET_DIR/com.velta.DLService" "$WORK/run/binder/com.velta.DLService"
