@@ -13,8 +13,7 @@ namespace {
 
 // Hands each update to the current callback; the lock keeps them one at a time, and lets the
 // callback replace itself.
-class Listener : public BnDLClient
-{
+class Listener : public BnDLClient {
 public:
     void onDownloadUpdate(IDownload download) override
     {
@@ -35,8 +34,7 @@ private:
 
 } // namespace
 
-struct DownloadClient::Private
-{
+struct DownloadClient::Private {
     std::string clientID;
     sp<IDLService> service;
     sp<Listener> listener;
@@ -70,8 +68,8 @@ const std::string &DownloadClient::clientID() const
     return d->clientID;
 }
 
-int32_t DownloadClient::create(const std::string &url, std::string *uniqueID, const std::string &id,
-                               const std::string &name)
+int32_t DownloadClient::create(
+    const std::string &url, std::string *uniqueID, const std::string &id, const std::string &name)
 {
     return d->service ? d->service->requestDownload(d->clientID, url, id, name, uniqueID)
                       : int32_t(DEAD_OBJECT);

@@ -22,8 +22,7 @@
 // and in the order the service sent them. Inside it, every method may be called (a call waits for
 // the service as usual), onUpdate() too (it takes effect from the next update); destroying the
 // DownloadClient there is not allowed. The destructor waits for a running callback to return.
-class DownloadClient
-{
+class DownloadClient {
 public:
     using UpdateCallback = std::function<void(const IDownload &)>;
 
@@ -39,7 +38,7 @@ public:
     // A DownloadRequestStatus; on REQUEST_CREATED *uniqueID (if given) holds the new download's
     // identifier. An empty id lets the service choose one.
     int32_t create(const std::string &url, std::string *uniqueID = nullptr,
-                   const std::string &id = std::string(), const std::string &name = std::string());
+        const std::string &id = std::string(), const std::string &name = std::string());
     // DOWNLOAD_FOUND with *record filled, or DOWNLOAD_NOT_FOUND.
     int get(const std::string &uniqueID, IDownload *record);
     // This client's downloads (every client's with allClients), by value, in identifier order;

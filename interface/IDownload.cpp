@@ -10,8 +10,14 @@ using dlparcel::readText;
 using dlparcel::writeText;
 
 IDownload::IDownload()
-    : state(0), failureCode(0), totalSize(0), amountDownloaded(0), startTime(0), nextAttemptTime(0),
-      httpStatus(0), bytesPerSecond(0)
+    : state(0),
+      failureCode(0),
+      totalSize(0),
+      amountDownloaded(0),
+      startTime(0),
+      nextAttemptTime(0),
+      httpStatus(0),
+      bytesPerSecond(0)
 {
 }
 
@@ -60,15 +66,15 @@ status_t IDownload::readList(const Parcel &parcel, std::vector<IDownload> *list)
 status_t IDownload::writeFirstPart(Parcel *parcel) const
 {
     status_t err = NO_ERROR;
-    for (const std::string *text : {&clientID, &uniqueID, &name, &contentURL}) {
+    for (const std::string *text : { &clientID, &uniqueID, &name, &contentURL }) {
         if ((err = writeText(parcel, *text)) != NO_ERROR)
             return err;
     }
-    if ((err = parcel->writeInt32(state)) != NO_ERROR ||
-        (err = parcel->writeInt32(failureCode)) != NO_ERROR ||
-        (err = parcel->writeInt64(totalSize)) != NO_ERROR ||
-        (err = parcel->writeInt64(amountDownloaded)) != NO_ERROR ||
-        (err = parcel->writeInt64(startTime)) != NO_ERROR)
+    if ((err = parcel->writeInt32(state)) != NO_ERROR
+        || (err = parcel->writeInt32(failureCode)) != NO_ERROR
+        || (err = parcel->writeInt64(totalSize)) != NO_ERROR
+        || (err = parcel->writeInt64(amountDownloaded)) != NO_ERROR
+        || (err = parcel->writeInt64(startTime)) != NO_ERROR)
         return err;
     if ((err = writeText(parcel, filePath)) != NO_ERROR)
         return err;
@@ -78,15 +84,15 @@ status_t IDownload::writeFirstPart(Parcel *parcel) const
 status_t IDownload::readFirstPart(const Parcel &parcel)
 {
     status_t err = NO_ERROR;
-    for (std::string *text : {&clientID, &uniqueID, &name, &contentURL}) {
+    for (std::string *text : { &clientID, &uniqueID, &name, &contentURL }) {
         if ((err = readText(parcel, text)) != NO_ERROR)
             return err;
     }
-    if ((err = parcel.readInt32(&state)) != NO_ERROR ||
-        (err = parcel.readInt32(&failureCode)) != NO_ERROR ||
-        (err = parcel.readInt64(&totalSize)) != NO_ERROR ||
-        (err = parcel.readInt64(&amountDownloaded)) != NO_ERROR ||
-        (err = parcel.readInt64(&startTime)) != NO_ERROR)
+    if ((err = parcel.readInt32(&state)) != NO_ERROR
+        || (err = parcel.readInt32(&failureCode)) != NO_ERROR
+        || (err = parcel.readInt64(&totalSize)) != NO_ERROR
+        || (err = parcel.readInt64(&amountDownloaded)) != NO_ERROR
+        || (err = parcel.readInt64(&startTime)) != NO_ERROR)
         return err;
     if ((err = readText(parcel, &filePath)) != NO_ERROR)
         return err;
@@ -97,9 +103,9 @@ status_t IDownload::writeTail(Parcel *parcel) const
 {
     const size_t countAt = parcel->dataPosition();
     status_t err = parcel->writeInt32(0);
-    if (err != NO_ERROR || (err = writeText(parcel, failureReason)) != NO_ERROR ||
-        (err = parcel->writeInt32(httpStatus)) != NO_ERROR ||
-        (err = parcel->writeInt64(bytesPerSecond)) != NO_ERROR)
+    if (err != NO_ERROR || (err = writeText(parcel, failureReason)) != NO_ERROR
+        || (err = parcel->writeInt32(httpStatus)) != NO_ERROR
+        || (err = parcel->writeInt64(bytesPerSecond)) != NO_ERROR)
         return err;
     const size_t end = parcel->dataPosition();
     parcel->setDataPosition(countAt);
@@ -123,9 +129,10 @@ status_t IDownload::readTail(const Parcel &parcel)
         return BAD_VALUE;
     // Members appended later are skipped; those known here must lie inside the tail.
     const size_t end = parcel.dataPosition() + size_t(size);
-    if (size > 0 && ((err = readText(parcel, &failureReason, size_t(size))) != NO_ERROR ||
-                     (err = parcel.readInt32(&httpStatus)) != NO_ERROR ||
-                     (err = parcel.readInt64(&bytesPerSecond)) != NO_ERROR))
+    if (size > 0
+        && ((err = readText(parcel, &failureReason, size_t(size))) != NO_ERROR
+            || (err = parcel.readInt32(&httpStatus)) != NO_ERROR
+            || (err = parcel.readInt64(&bytesPerSecond)) != NO_ERROR))
         return err;
     if (parcel.dataPosition() > end)
         return BAD_VALUE;

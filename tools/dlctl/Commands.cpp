@@ -18,10 +18,9 @@ bool finished(const IDownload &r)
 }
 
 // Records and updates as JSON lines, progress bars on a terminal, or plain lines.
-class Printer
-{
+class Printer {
 public:
-    explicit Printer(bool json) : json(json), terminal(!json && isatty(STDOUT_FILENO)) {}
+    explicit Printer(bool json) : json(json), terminal(!json && isatty(STDOUT_FILENO)) { }
     void operator()(const IDownload &r)
     {
         if (json)
@@ -146,13 +145,16 @@ int controlCommand(Command &c, const std::string &what)
         fprintf(stderr, "dlctl: no download %s\n", escapeText(id).c_str());
         return 1;
     case IDLService::CONTROL_NOT_PERMITTED:
-        fprintf(stderr, "dlctl: %s is not permitted: its stored record is unusable (see the "
-                        "service's log)\n", escapeText(id).c_str());
+        fprintf(stderr,
+            "dlctl: %s is not permitted: its stored record is unusable (see the "
+            "service's log)\n",
+            escapeText(id).c_str());
         return 1;
     case IDLService::CONTROL_WRONG_STATE:
         fprintf(stderr, "dlctl: %s cannot be %s: %s\n", escapeText(id).c_str(),
             what == "pause" ? "paused" : "resumed",
-            what == "pause" ? "it is not Pending, Progressing or Stalled" : "it is not Paused or Failed");
+            what == "pause" ? "it is not Pending, Progressing or Stalled"
+                            : "it is not Paused or Failed");
         return 1;
     default:
         return notAnswered(what.c_str(), status);
@@ -203,7 +205,7 @@ int spaceCommand(Command &c)
     const int result = c.service->checkSpaceAvailability(c.options.client, size);
     if (result < 0)
         return notAnswered("checkSpaceAvailability", result);
-    static const char *meaning[] = {"fits", "does not fit", "directory missing or unreadable"};
+    static const char *meaning[] = { "fits", "does not fit", "directory missing or unreadable" };
     printf("%d %s\n", result, result <= IDLService::SPACE_UNKNOWN ? meaning[result] : "unknown");
     return 0;
 }
@@ -222,12 +224,15 @@ int setPathCommand(Command &c)
         fprintf(stderr, "dlctl: %s is not a directory\n", path.c_str());
         return 1;
     case IDLService::PATH_NOT_PERMITTED:
-        fprintf(stderr, "dlctl: %s is not permitted: this user may not write there, or "
-                        "only root sets this client's directory\n", path.c_str());
+        fprintf(stderr,
+            "dlctl: %s is not permitted: this user may not write there, or "
+            "only root sets this client's directory\n",
+            path.c_str());
         return 1;
     case IDLService::PATH_NOT_WRITABLE:
-        fprintf(stderr, "dlctl: %s is not writable for the service: a read-only file system, or "
-                        "outside its ReadWritePaths= (systemctl edit downloadmanager)\n",
+        fprintf(stderr,
+            "dlctl: %s is not writable for the service: a read-only file system, or "
+            "outside its ReadWritePaths= (systemctl edit downloadmanager)\n",
             path.c_str());
         return 1;
     default:

@@ -6,8 +6,7 @@
 #include <vector>
 
 // dlctl's commands, one function each; each returns dlctl's exit status.
-struct Options
-{
+struct Options {
     std::vector<std::string> positional;
     std::string client = "dlctl";
     std::string id;
@@ -17,8 +16,7 @@ struct Options
     bool json = false; // one JSON object per record or update and line
 };
 
-struct Command
-{
+struct Command {
     android::sp<IDLService> service;
     android::sp<UpdateQueue> events;
     Options options;

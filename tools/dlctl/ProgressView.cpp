@@ -11,7 +11,7 @@ namespace {
 
 std::string humanBytes(double bytes)
 {
-    const char *units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    const char *units[] = { "B", "KiB", "MiB", "GiB", "TiB" };
     int unit = 0;
     while (bytes >= 1024 && unit < 4) {
         bytes /= 1024;
@@ -38,7 +38,8 @@ std::string duration(double seconds)
 // Columns a UTF-8 text takes, one per character.
 size_t width(const std::string &text)
 {
-    return size_t(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+    return size_t(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
 }
 
 // At most `columns` characters, cut at a character's start.
@@ -95,8 +96,8 @@ void ProgressView::redraw()
     for (const std::string &id : order) {
         const Row &row = rows[id];
         const IDownload &r = row.record;
-        const double fraction =
-            r.totalSize > 0 ? double(r.amountDownloaded) / double(r.totalSize) : 0.0;
+        const double fraction
+            = r.totalSize > 0 ? double(r.amountDownloaded) / double(r.totalSize) : 0.0;
         std::string name = escapeText(r.filePath.substr(r.filePath.find_last_of('/') + 1));
         if (width(name) > 20)
             name = fit(name, 17) + "...";

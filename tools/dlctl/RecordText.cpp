@@ -11,24 +11,36 @@
 const char *stateText(int32_t state)
 {
     switch (state) {
-    case STATE_COMPLETED: return "Completed";
-    case STATE_PROGRESSING: return "Progressing";
-    case STATE_PAUSED: return "Paused";
-    case STATE_FAILED: return "Failed";
-    case STATE_PENDING: return "Pending";
-    case STATE_STALLED: return "Stalled";
-    default: return "Undefined";
+    case STATE_COMPLETED:
+        return "Completed";
+    case STATE_PROGRESSING:
+        return "Progressing";
+    case STATE_PAUSED:
+        return "Paused";
+    case STATE_FAILED:
+        return "Failed";
+    case STATE_PENDING:
+        return "Pending";
+    case STATE_STALLED:
+        return "Stalled";
+    default:
+        return "Undefined";
     }
 }
 
 const char *failureText(int32_t failureCode)
 {
     switch (failureCode) {
-    case FAILURE_NETWORK: return "network or transfer fault";
-    case FAILURE_HTTP_STATUS: return "the server answered with an error status";
-    case FAILURE_LOCAL_FILE: return "the local file could not be opened or written";
-    case FAILURE_NONE: return "none";
-    default: return "unknown";
+    case FAILURE_NETWORK:
+        return "network or transfer fault";
+    case FAILURE_HTTP_STATUS:
+        return "the server answered with an error status";
+    case FAILURE_LOCAL_FILE:
+        return "the local file could not be opened or written";
+    case FAILURE_NONE:
+        return "none";
+    default:
+        return "unknown";
     }
 }
 
@@ -38,7 +50,8 @@ std::string stateNote(const IDownload &r)
     // The reason may carry a caller's URL: escaped as every caller's text is.
     const std::string reason = r.failureReason.empty() ? "" : "; " + escapeText(r.failureReason);
     if (r.state == STATE_FAILED) {
-        snprintf(text, sizeof text, " (failure %d: %s", int(r.failureCode), failureText(r.failureCode));
+        snprintf(
+            text, sizeof text, " (failure %d: %s", int(r.failureCode), failureText(r.failureCode));
         return text + reason + ")";
     }
     if (r.state != STATE_STALLED)
@@ -62,15 +75,24 @@ std::string recordLine(const IDownload &r)
 
 std::string recordJson(const IDownload &r)
 {
-    const auto text = [](const std::string &t) { return QString::fromUtf8(t.data(), qsizetype(t.size())); };
+    const auto text
+        = [](const std::string &t) { return QString::fromUtf8(t.data(), qsizetype(t.size())); };
     const QJsonObject object {
-        { "id", text(r.uniqueID) }, { "client", text(r.clientID) }, { "name", text(r.name) },
-        { "url", text(r.contentURL) }, { "file", text(r.filePath) },
-        { "state", stateText(r.state) }, { "stateCode", r.state },
-        { "failureCode", r.failureCode }, { "failureReason", text(r.failureReason) },
-        { "httpStatus", r.httpStatus }, { "bytes", qint64(r.amountDownloaded) },
-        { "total", qint64(r.totalSize) }, { "bytesPerSecond", qint64(r.bytesPerSecond) },
-        { "startTime", qint64(r.startTime) }, { "nextAttemptTime", qint64(r.nextAttemptTime) },
+        { "id", text(r.uniqueID) },
+        { "client", text(r.clientID) },
+        { "name", text(r.name) },
+        { "url", text(r.contentURL) },
+        { "file", text(r.filePath) },
+        { "state", stateText(r.state) },
+        { "stateCode", r.state },
+        { "failureCode", r.failureCode },
+        { "failureReason", text(r.failureReason) },
+        { "httpStatus", r.httpStatus },
+        { "bytes", qint64(r.amountDownloaded) },
+        { "total", qint64(r.totalSize) },
+        { "bytesPerSecond", qint64(r.bytesPerSecond) },
+        { "startTime", qint64(r.startTime) },
+        { "nextAttemptTime", qint64(r.nextAttemptTime) },
     };
     return QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString();
 }

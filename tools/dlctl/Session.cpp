@@ -43,17 +43,20 @@ sp<IDLService> connectService(const sp<UpdateQueue> &events)
     if (binder == nullptr) {
         const int why = errno;
         const char *dir = getenv("BINDER_SOCKET_DIR");
-        const std::string path = std::string(dir && *dir ? dir : "/run/downloadmanager") + "/" + IDLService::kServiceName;
+        const std::string path = std::string(dir && *dir ? dir : "/run/downloadmanager") + "/"
+            + IDLService::kServiceName;
         if (why == EACCES || why == EPERM)
             fprintf(stderr, "dlctl: permission denied: this user may not reach %s\n", path.c_str());
         else if (why == EAGAIN || why == ETIMEDOUT)
-            fprintf(stderr, "dlctl: the download service is not answering (%s accepts no "
-                            "connection)\n", path.c_str());
+            fprintf(stderr,
+                "dlctl: the download service is not answering (%s accepts no "
+                "connection)\n",
+                path.c_str());
         else if (why == ENOENT || why == ECONNREFUSED || why == ENOTDIR)
             fprintf(stderr, "dlctl: the download service is not running (no %s)\n", path.c_str());
         else
             fprintf(stderr, "dlctl: cannot reach the download service at %s: %s\n", path.c_str(),
-                    strerror(why));
+                strerror(why));
         return nullptr;
     }
     binder->linkToDeath(events);
@@ -73,4 +76,3 @@ int notAnswered(const char *call, int status)
     fprintf(stderr, "dlctl: the download service did not answer %s (status %d)\n", call, status);
     return 2;
 }
-

@@ -34,7 +34,8 @@ int usage(FILE *out, int status)
         "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
         "  2 the server answered with an error status, 3 the local file could not be opened\n"
         "  or written, 4 none (a new download).\n"
-        "The service is found in $BINDER_SOCKET_DIR (default /run/downloadmanager). Each call waits at\n"
+        "The service is found in $BINDER_SOCKET_DIR (default /run/downloadmanager). Each call "
+        "waits at\n"
         "most $DLCTL_TIMEOUT_MS milliseconds for its answer (default 15000).\n"
         "Exit status: 0 done, 1 failed, refused, unknown download or not in a state that allows\n"
         "it, 2 service not reachable\n"
@@ -83,13 +84,14 @@ bool parseOptions(int argc, char **argv, Options *o)
 bool fits(const std::string &command, const Options &o)
 {
     const size_t n = o.positional.size();
-    const bool json = command == "list" || command == "status" || command == "watch" || command == "create";
+    const bool json
+        = command == "list" || command == "status" || command == "watch" || command == "create";
     const bool client = command == "create" || command == "space";
     if ((o.json && !json) || (o.clientGiven && !client)
         || ((o.wait || !o.id.empty() || !o.name.empty()) && command != "create"))
         return false;
-    return ((command == "create" || command == "pause" || command == "resume"
-                || command == "remove" || command == "status" || command == "space")
+    return ((command == "create" || command == "pause" || command == "resume" || command == "remove"
+                || command == "status" || command == "space")
                && n == 1)
         || (command == "list" && n <= 1) || (command == "set-path" && n == 2)
         || (command == "watch" && n == 0);
