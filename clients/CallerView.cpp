@@ -55,6 +55,9 @@ void fillRecord(IDownload *record, const Download *download, uint caller)
     record->startTime = download->startTime;
     record->filePath = utf8(download->filePath, IDLService::kMaxPathBytes);
     record->nextAttemptTime = download->nextAttemptTime();
+    record->failureReason = utf8(download->failureReason, IDownload::kMaxReasonBytes);
+    record->httpStatus = download->httpStatus;
+    record->bytesPerSecond = download->bytesPerSecond();
     record->expectedSha256 = download->content.expectedSha256().toStdString();
 }
 

@@ -47,12 +47,14 @@ constexpr size_t kListReplyBytes = 960 * 1024;
 constexpr size_t kPageBytes = 256 * 1024;
 constexpr int kPageRecords = 4096;
 
-// Bytes a record takes in a reply: six texts (count and bytes, padded to 4) and six numbers.
+// Bytes a record takes in a reply: seven texts (count and bytes, padded to 4), eight numbers and
+// the tail's count.
 size_t recordBytes(const IDownload &r)
 {
-    size_t bytes = 4 + 4 + 8 + 8 + 8 + 8;
-    for (const std::string *text : {&r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath,
-                                    &r.expectedSha256})
+    size_t bytes = 4 + 4 + 8 + 8 + 8 + 8 + 4 + 4 + 8;
+    for (const std::string *text :
+        { &r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath, &r.failureReason,
+            &r.expectedSha256 })
         bytes += 4 + (text->size() + 3) / 4 * 4;
     return bytes;
 }
@@ -140,7 +142,7 @@ bool DLBinderClient::init()
     ProcessState::self()->startThreadPool();
     const sp<IBinder> self = static_cast<BBinder *>(this);
     const status_t err =
-        defaultServiceManager()->addService(String16("com.velta.DLService"), self);
+        defaultServiceManager()->addService(String16(kServiceName), self);
     if (err != 0) {
         BINDER_LOGE("Unable to add DL service err %d", err);
         return false;
@@ -217,6 +219,41 @@ void DLBinderClient::removeDownload(const std::string &uniqueID)
     post([=](DownloadManager *m) { m->removeDownload(storedIdOf(m, id, uid), uid); });
 }
 
+int32_t DLBinderClient::control(const char *what, const std::string &uniqueID,
+    std::function<int(DownloadManager *, const QString &, uint)> action)
+{
+    BINDER_LOGD("%s download unique id:%s", what, uniqueID.c_str());
+    static_assert(int(DownloadManager::ControlStatus::NotFound) == CONTROL_NOT_FOUND
+        && int(DownloadManager::ControlStatus::WrongState) == CONTROL_WRONG_STATE);
+    const QString id = textIn(uniqueID);
+    const uint uid = callerUid();
+    return askManager<int32_t>(DEAD_OBJECT, [id, uid, action](DownloadManager *m) {
+        return id.isEmpty() ? int32_t(CONTROL_NOT_FOUND)
+                            : int32_t(action(m, storedIdOf(m, id, uid), uid));
+    });
+}
+
+int32_t DLBinderClient::requestPause(const std::string &uniqueID)
+{
+    return control("Pause", uniqueID, [](DownloadManager *m, const QString &id, uint uid) {
+        return int(m->pauseDownload(id, uid));
+    });
+}
+
+int32_t DLBinderClient::requestResume(const std::string &uniqueID)
+{
+    return control("Resume", uniqueID, [](DownloadManager *m, const QString &id, uint uid) {
+        return int(m->resumeDownload(id, uid));
+    });
+}
+
+int32_t DLBinderClient::requestRemove(const std::string &uniqueID)
+{
+    return control("Remove", uniqueID, [](DownloadManager *m, const QString &id, uint uid) {
+        return m->removeDownload(id, uid) ? CONTROL_DONE : CONTROL_NOT_FOUND;
+    });
+}
+
 int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download)
 {
     BINDER_LOGD("getDownload uniqueID:%s", uniqueID.c_str());
@@ -233,11 +270,11 @@ int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download
     });
     if (!found.first) {
         BINDER_LOGE(" getDownload download is null %s", uniqueID.c_str());
-        return 0;
+        return DOWNLOAD_NOT_FOUND;
     }
     if (download)
         *download = found.second;
-    return 1;
+    return DOWNLOAD_FOUND;
 }
 
 int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDownload *> &list)
@@ -318,7 +355,7 @@ int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const lo
     const QString client = textIn(clientID);
     const long long wanted = size;
     const uint uid = callerUid();
-    return askManager<int>(2, [client, wanted, uid](DownloadManager *m) {
+    return askManager<int>(SPACE_UNKNOWN, [client, wanted, uid](DownloadManager *m) {
         return m->checkDownloadPossible(client, wanted, uid);
     });
 }
@@ -330,7 +367,8 @@ int32_t DLBinderClient::setDownloadPath(const std::string &clientID,
                 downloadPath.c_str());
     static_assert(int(DownloadManager::PathStatus::NotADirectory) == PATH_NOT_A_DIRECTORY &&
                   int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE &&
-                  int(DownloadManager::PathStatus::NotPermitted) == PATH_NOT_PERMITTED);
+                  int(DownloadManager::PathStatus::NotPermitted) == PATH_NOT_PERMITTED &&
+                  int(DownloadManager::PathStatus::NotWritable) == PATH_NOT_WRITABLE);
     const QString client = textIn(clientID), path = textIn(downloadPath);
     const uint uid = callerUid();
     return askManager<int32_t>(DEAD_OBJECT, [client, path, uid](DownloadManager *m) {

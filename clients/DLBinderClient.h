@@ -47,6 +47,9 @@ public:
                                    const std::string &uniqueID, const std::string &name,
                                    int64_t expectedSize, const std::string &sha256Hex,
                                    std::string *uniqueIDOut) override;
+    int32_t requestPause(const std::string &uniqueID) override;
+    int32_t requestResume(const std::string &uniqueID) override;
+    int32_t requestRemove(const std::string &uniqueID) override;
 
     // Starts the pool and publishes the service; false when the name could not be registered.
     bool init() override;
@@ -71,6 +74,9 @@ private:
     // Queues a request for the manager's thread unless the manager is gone; it stays counted
     // against the calling connection and uid until it has run.
     void post(std::function<void(DownloadManager *)> request);
+    // Runs a pause, resume or remove as the caller on the manager's thread; a ControlStatus.
+    int32_t control(const char *what, const std::string &uniqueID,
+        std::function<int(DownloadManager *, const QString &, uint)> action);
 
     struct EventClient
     {

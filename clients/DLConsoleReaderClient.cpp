@@ -188,6 +188,9 @@ void DLConsoleReaderClient::HandleText(const QString &line)
         case DownloadManager::PathStatus::NotPermitted: // only for callers other than root
             qDebug("Path %s refused: not permitted.", path.constData());
             break;
+        case DownloadManager::PathStatus::NotWritable:
+            qDebug("Path %s refused: the service cannot write there.", path.constData());
+            break;
         }
     } else if (command == QLatin1String("quit")) {
         manager->quit(); // destroys this client: nothing of it may be touched after this call

@@ -30,6 +30,7 @@
 #include <malloc.h>
 #endif
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
@@ -58,26 +59,56 @@ QString storedRowFault(const Download *download)
     return QString();
 }
 
+// Whether the service itself (root) can write into dir now: not on a read-only mount (which is
+// also how its sandbox hides and protects paths) and not refused by access().
+bool serviceMayWrite(const QByteArray &dir)
+{
+    struct statvfs fs { };
+    return ::statvfs(dir.constData(), &fs) == 0 && !(fs.f_flag & ST_RDONLY)
+        && ::access(dir.constData(), W_OK) == 0;
+}
+
+// The deepest directory of path that exists, as the calling thread's identity sees it.
+QByteArray existingAncestor(QString path)
+{
+    struct stat st { };
+    while (path.size() > 1 && ::stat(QFile::encodeName(path).constData(), &st) != 0)
+        path = QFileInfo(path).path();
+    return QFile::encodeName(path);
+}
+
 // The directory path names, resolved to its canonical form as uid: what the uid could not
 // search stays hidden (NotPermitted whether it exists or not), and the uid must be able to
 // write and search the directory itself (with AT_EACCESS the kernel judges the file-system
 // identity). Root's directory may lie under another user's: every file is reached without links.
+// A directory below a read-only mount (the sandbox's hidden paths too) is NotWritable.
 DownloadManager::PathStatus resolveDirectory(uint uid, const QString &path, QString *canonical)
 {
-    const FsIdentity identity(uid);
-    char *real
-        = identity.active() ? ::realpath(QFile::encodeName(path).constData(), nullptr) : nullptr;
-    if (!real)
-        return !identity.active() || errno == EACCES ? DownloadManager::PathStatus::NotPermitted
-                                                     : DownloadManager::PathStatus::NotADirectory;
+    using PathStatus = DownloadManager::PathStatus;
+    char *real = nullptr;
+    bool directory = false, writable = false;
+    {
+        const FsIdentity identity(uid);
+        if (!identity.active())
+            return PathStatus::NotPermitted;
+        if (!(real = ::realpath(QFile::encodeName(path).constData(), nullptr))) {
+            // What the uid sees of the path: a read-only part hides it from the service too.
+            const PathStatus missing
+                = errno == EACCES ? PathStatus::NotPermitted : PathStatus::NotADirectory;
+            return serviceMayWrite(existingAncestor(path)) ? missing : PathStatus::NotWritable;
+        }
+        struct stat st { };
+        directory = ::stat(real, &st) == 0 && S_ISDIR(st.st_mode);
+        writable = uid == 0 || faccessat(AT_FDCWD, real, W_OK | X_OK, AT_EACCESS) == 0;
+    }
     *canonical = QFile::decodeName(real);
-    struct stat st { };
-    const bool directory = ::stat(real, &st) == 0 && S_ISDIR(st.st_mode);
-    const bool writable = uid == 0 || faccessat(AT_FDCWD, real, W_OK | X_OK, AT_EACCESS) == 0;
+    const bool serviceWrites = serviceMayWrite(real);
     free(real);
     if (!directory)
-        return DownloadManager::PathStatus::NotADirectory;
-    return writable ? DownloadManager::PathStatus::Set : DownloadManager::PathStatus::NotPermitted;
+        return PathStatus::NotADirectory;
+    if (!writable)
+        return PathStatus::NotPermitted;
+    return serviceWrites ? PathStatus::Set : PathStatus::NotWritable;
 }
 
 // An installed service is told where its settings are (the unit names the file under /etc);
@@ -312,7 +343,7 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
     const QString &name, const QString &contentURL, const QString &filePath, unsigned int state,
     unsigned int failureCode, long long totalSize, long long amountDownloaded, long long startTime,
     uint ownerUid, const FileIdentity &fileIdentity, const ExpectedContent &expected,
-    const QByteArray &validator)
+    const QByteArray &validator, const QString &failureReason, int httpStatus)
 {
     // Reserved by its canonical form, as new paths are.
     const QString canonical = QDir::isAbsolutePath(filePath) ? QDir::cleanPath(filePath) : filePath;
@@ -323,6 +354,8 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
     download->fileIdentity = fileIdentity;
     download->content = ContentCheck(expected.size, expected.sha256.toLatin1());
     download->validator = validator;
+    download->failureReason = failureReason;
+    download->httpStatus = httpStatus;
     download->privateFile = !inChosenDirectory(ownerUid, clientID, canonical);
     reservedPaths.insert(canonical);
     downloads.append(download);
@@ -397,7 +430,11 @@ DownloadManager::PathStatus DownloadManager::setDownloadPath(const QString &clie
     if (status != PathStatus::Set) {
         DLM_LOGE("Download path \"%s\" of %s refused for uid %u: %s",
             given.toLocal8Bit().constData(), clientID.toLocal8Bit().constData(), ownerUid,
-            status == PathStatus::NotPermitted ? "not permitted" : "no such directory");
+            status == PathStatus::NotPermitted ? "not permitted"
+                : status == PathStatus::NotWritable
+                ? "the service cannot write there (read-only file system, or outside its "
+                  "ReadWritePaths=)"
+                : "no such directory");
         return status;
     }
     DLM_LOGD("clientID = %s Download path=%s", clientID.toLocal8Bit().constData(),
@@ -451,37 +488,51 @@ int DownloadManager::checkDownloadPossible(const QString &clientID, long long si
 
 // ---- Control, removal and queries ----
 
-void DownloadManager::pauseDownload(const QString &uniqueID, uint callerUid)
+DownloadManager::ControlStatus DownloadManager::pauseDownload(const QString &uniqueID,
+                                                             uint callerUid)
 {
+    ControlStatus status = uniqueID == kAll ? ControlStatus::Done : ControlStatus::NotFound;
     for (Download *download : qAsConst(downloads)) {
         if ((download->uniqueID == uniqueID || uniqueID == kAll) && mayTouch(callerUid, download)) {
-            download->pause();
-            if (uniqueID != kAll)
-                DLM_LOGI("%s has been paused.", uniqueID.toLocal8Bit().constData());
+            const bool paused = download->pause();
+            if (uniqueID != kAll) {
+                status = paused ? ControlStatus::Done : ControlStatus::WrongState;
+                if (paused)
+                    DLM_LOGI("%s has been paused.", uniqueID.toLocal8Bit().constData());
+            }
         }
     }
     // One line for the command, not one identical line per download.
     if (uniqueID == kAll && !downloads.isEmpty())
         DLM_LOGI("all has been paused.");
+    return status;
 }
 
-void DownloadManager::resumeDownload(const QString &uniqueID, uint callerUid)
+DownloadManager::ControlStatus DownloadManager::resumeDownload(const QString &uniqueID,
+                                                              uint callerUid)
 {
+    ControlStatus status = uniqueID == kAll ? ControlStatus::Done : ControlStatus::NotFound;
     for (Download *download : qAsConst(downloads)) {
         if ((download->uniqueID == uniqueID || uniqueID == kAll) && mayTouch(callerUid, download)) {
             const QString fault = storedRowFault(download);
             if (!fault.isEmpty()) {
                 DLM_LOGE("%s is not resumed: %s", download->uniqueID.toLocal8Bit().constData(),
                          fault.toLocal8Bit().constData());
+                if (uniqueID != kAll)
+                    status = ControlStatus::NotPermitted;
                 continue;
             }
-            download->resume();
-            if (uniqueID != kAll)
-                DLM_LOGI("%s has been resumed.", uniqueID.toLocal8Bit().constData());
+            const bool resumed = download->resume();
+            if (uniqueID != kAll) {
+                status = resumed ? ControlStatus::Done : ControlStatus::WrongState;
+                if (resumed)
+                    DLM_LOGI("%s has been resumed.", uniqueID.toLocal8Bit().constData());
+            }
         }
     }
     if (uniqueID == kAll && !downloads.isEmpty())
         DLM_LOGI("all has been resumed.");
+    return status;
 }
 
 void DownloadManager::restartDownload(const QString &uniqueID)

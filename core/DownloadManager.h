@@ -50,7 +50,10 @@ public:
     // Answers of createDownload; the values are those the IPC interface sends.
     enum class CreateStatus { Created = 0, BadUrl = 1, IdInUse = 2, BadArgument = 3, Refused = 4 };
     // Answers of setDownloadPath; the values are those the IPC interface sends.
-    enum class PathStatus { Set = 0, NotAbsolute = 1, NotADirectory = 2, NotPermitted = 3 };
+    enum class PathStatus {
+        Set = 0, NotAbsolute = 1, NotADirectory = 2, NotPermitted = 3, NotWritable = 4 };
+    // Answers of pause, resume and remove; the values are those the IPC interface sends.
+    enum class ControlStatus { Done = 0, NotFound = 1, NotPermitted = 2, WrongState = 3 };
 
     // A settings file (or its directory) that another user could change is ignored: one ERROR
     // line, and every setting keeps its default.
@@ -78,7 +81,8 @@ public:
         const QString &contentURL, const QString &filePath, unsigned int state,
         unsigned int failureCode, long long totalSize, long long amountDownloaded,
         long long startTime, uint ownerUid = 0, const FileIdentity &fileIdentity = {},
-        const ExpectedContent &expected = {}, const QByteArray &validator = {});
+        const ExpectedContent &expected = {}, const QByteArray &validator = {},
+        const QString &failureReason = {}, int httpStatus = 0);
     // 32 lowercase hexadecimal characters, different on every call.
     QString getUniqueID(const QString &url);
     QString getFileName(const QString &clientID, const QString &url, uint ownerUid = 0);
@@ -86,7 +90,9 @@ public:
     // client of that uid, in memory and in the database, in canonical form (realpath); anything
     // else is refused and changes nothing. It is resolved as that uid, so below a directory the
     // uid may not search every path is NotPermitted. A uid other than 0 must be able to write
-    // and search the directory itself, and may not set "DEFAULT_CLIENT_ID" (NotPermitted).
+    // and search the directory itself, and may not set "DEFAULT_CLIENT_ID" (NotPermitted). A
+    // directory the service itself cannot write now (read-only file system, outside its
+    // sandbox's writable paths) is NotWritable.
     PathStatus setDownloadPath(const QString &clientID, const QString &path, uint ownerUid = 0);
     // Gives the client this directory, in memory only, unless it has one already.
     void ensureDownloadPath(const QString &clientID, const QString &path, uint ownerUid = 0);
@@ -96,8 +102,9 @@ public:
     int checkDownloadPossible(const QString &clientID, long long size, uint callerUid = 0);
 
     // Control, removal and queries, limited to what callerUid may see (see the class comment).
-    void pauseDownload(const QString &uniqueID, uint callerUid = 0);
-    void resumeDownload(const QString &uniqueID, uint callerUid = 0);
+    // "all" is Done whatever each download's state.
+    ControlStatus pauseDownload(const QString &uniqueID, uint callerUid = 0);
+    ControlStatus resumeDownload(const QString &uniqueID, uint callerUid = 0);
     void restartDownload(const QString &uniqueID);
     void abortDownload(const QString &uniqueID);
     // The change hub: stores the record (a change of state at once, progress with the other

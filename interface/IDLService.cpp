@@ -5,6 +5,7 @@
 #include <binder/Parcel.h>
 
 #include <initializer_list>
+#include <iterator>
 #include <utility>
 
 using namespace android;
@@ -54,17 +55,13 @@ public:
         status_t err = remote()->transact(GET_DOWNLOAD_LIST, data, &reply);
         if (err != NO_ERROR)
             return err;
-        int32_t result = 0, count = 0;
-        if ((err = reply.readInt32(&result)) != NO_ERROR || (err = reply.readInt32(&count)) != NO_ERROR)
+        int32_t result = 0;
+        std::vector<IDownload> records;
+        if ((err = reply.readInt32(&result)) != NO_ERROR
+            || (err = IDownload::readList(reply, &records)) != NO_ERROR)
             return err;
-        for (int32_t i = 0; i < count; ++i) {
-            auto *download = new IDownload;
-            if ((err = download->readFromParcel(reply)) != NO_ERROR) {
-                delete download;
-                return err;
-            }
-            list.push_back(download);
-        }
+        for (IDownload &record : records)
+            list.push_back(new IDownload(std::move(record)));
         return result;
     }
 
@@ -164,21 +161,14 @@ public:
         writeText(&data, after);
         Parcel reply;
         status_t err = remote()->transact(LIST_DOWNLOADS_PAGE, data, &reply);
-        int32_t count = 0;
-        if (err != NO_ERROR || (err = reply.readInt32(&count)) != NO_ERROR)
+        if (err != NO_ERROR || (err = IDownload::readList(reply, page)) != NO_ERROR)
             return err;
-        // Each record takes at least 4 bytes: a count beyond that is a lie, not an allocation.
-        if (count < 0 || size_t(count) > reply.dataAvail() / 4)
-            return BAD_VALUE;
-        page->resize(size_t(count));
-        for (IDownload &download : *page) {
-            if ((err = download.readFromParcel(reply)) != NO_ERROR) {
-                page->clear();
-                return err;
-            }
-        }
-        return count;
+        return int(page->size());
     }
+
+    int32_t requestPause(const std::string &uniqueID) override { return control(REQUEST_PAUSE, uniqueID); }
+    int32_t requestResume(const std::string &uniqueID) override { return control(REQUEST_RESUME, uniqueID); }
+    int32_t requestRemove(const std::string &uniqueID) override { return control(REQUEST_REMOVE, uniqueID); }
 
 private:
     static Parcel request()
@@ -192,6 +182,17 @@ private:
         Parcel reply;
         remote()->transact(code, data, &reply);
     }
+    int32_t control(uint32_t code, const std::string &uniqueID)
+    {
+        Parcel data = request();
+        writeText(&data, uniqueID);
+        Parcel reply;
+        status_t err = remote()->transact(code, data, &reply);
+        int32_t result = 0;
+        if (err == NO_ERROR)
+            err = reply.readInt32(&result);
+        return err != NO_ERROR ? err : result;
+    }
     void callWithText(uint32_t code, const std::string &text)
     {
         Parcel data = request();
@@ -201,6 +202,21 @@ private:
 };
 
 IMPLEMENT_META_INTERFACE(DLService, "com.velta.IDLService");
+
+int IDLService::listDownloads(const std::string &clientID, std::vector<IDownload> *list)
+{
+    list->clear();
+    std::vector<IDownload> page;
+    for (;;) {
+        const int count = listDownloadsPage(clientID, list->empty() ? "" : list->back().uniqueID, &page);
+        if (count < 0)
+            return count;
+        if (count == 0)
+            return int(list->size());
+        list->insert(list->end(), std::make_move_iterator(page.begin()),
+                     std::make_move_iterator(page.end()));
+    }
+}
 
 status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *reply, uint32_t flags)
 {
@@ -256,13 +272,13 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
         const int result = getDownloadList(a, list);
         if (result < 0)
             return result;
-        reply->writeInt32(result);
-        reply->writeInt32(int32_t(list.size()));
+        std::vector<IDownload> records;
         for (IDownload *download : list) {
-            download->writeToParcel(reply);
+            records.push_back(std::move(*download));
             delete download;
         }
-        return NO_ERROR;
+        reply->writeInt32(result);
+        return IDownload::writeList(reply, records);
     }
     case GET_DOWNLOAD: {
         if ((err = texts({ { &a, id } })))
@@ -316,11 +332,17 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
         const int result = listDownloadsPage(a, b, &page);
         if (result < 0)
             return result;
-        reply->writeInt32(int32_t(page.size()));
-        for (const IDownload &download : page)
-            download.writeToParcel(reply);
-        return NO_ERROR;
+        return IDownload::writeList(reply, page);
     }
+    case REQUEST_PAUSE:
+    case REQUEST_RESUME:
+    case REQUEST_REMOVE:
+        if ((err = texts({ { &a, id } })))
+            return err;
+        reply->writeInt32(code == REQUEST_PAUSE ? requestPause(a)
+                : code == REQUEST_RESUME        ? requestResume(a)
+                                                : requestRemove(a));
+        return NO_ERROR;
     }
     return UNKNOWN_TRANSACTION;
 }

@@ -17,6 +17,9 @@ class IDLService : public android::IInterface
 public:
     DECLARE_META_INTERFACE(DLService);
 
+    // The name the service is published under: defaultServiceManager()->getService(it).
+    static constexpr char kServiceName[] = "com.velta.DLService";
+
     enum {
         CREATE_DOWNLOAD = android::IBinder::FIRST_CALL_TRANSACTION,
         ADD_CLIENT,
@@ -30,6 +33,9 @@ public:
         SET_DOWNLOAD_PATH,
         REQUEST_DOWNLOAD,
         LIST_DOWNLOADS_PAGE,
+        REQUEST_PAUSE,
+        REQUEST_RESUME,
+        REQUEST_REMOVE,
         REQUEST_DOWNLOAD_CHECKED,
     };
 
@@ -56,6 +62,21 @@ public:
         PATH_NOT_ABSOLUTE = 1,    // empty or relative: refused, nothing changed
         PATH_NOT_A_DIRECTORY = 2, // missing, or not a directory: refused, nothing changed
         PATH_NOT_PERMITTED = 3,   // the caller may not write there, or may not set this client
+        PATH_NOT_WRITABLE = 4,    // the service cannot write there now: a read-only file system,
+                                  // or outside what its sandbox lets it write (ReadWritePaths=)
+    };
+    // Answers of getDownload.
+    enum DownloadLookup : int { DOWNLOAD_NOT_FOUND = 0, DOWNLOAD_FOUND = 1 };
+    // Answers of checkSpaceAvailability.
+    enum SpaceAnswer : int { SPACE_FITS = 0, SPACE_DOES_NOT_FIT = 1, SPACE_UNKNOWN = 2 };
+    // Answers of requestPause, requestResume and requestRemove; negative values mean the call
+    // did not reach the service.
+    enum ControlStatus : int32_t {
+        CONTROL_DONE = 0,
+        CONTROL_NOT_FOUND = 1,     // no download of the caller's has that identifier
+        CONTROL_NOT_PERMITTED = 2, // its stored record is unusable: it is never run again
+        CONTROL_WRONG_STATE = 3,   // pause: not Pending, Progressing or Stalled;
+                                   // resume: not Paused or Failed
     };
 
     virtual void createDownload(const std::string &clientID, const std::string &url,
@@ -68,13 +89,14 @@ public:
     // Every call is judged by the caller's uid: a caller other than root sees and controls only
     // the downloads it created ("all" means all of its own, another's is "not found"), and its
     // client directories are its own.
-    // Fills list (emptied first) with records the caller owns; 1 when any, 0 when none. Fails
-    // (negative) when the records do not fit in one reply: read long lists page by page.
+    // Kept for older clients; listDownloads() is simpler. Fills list with new'd records the
+    // caller owns and must delete; the vector is cleared first WITHOUT deleting what it held.
+    // 1 when any, 0 when none; fails (negative) when the records do not fit in one reply.
     virtual int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) = 0;
-    // 1 and record filled when found, 0 when not.
+    // DOWNLOAD_FOUND and record filled, or DOWNLOAD_NOT_FOUND.
     virtual int getDownload(const std::string &uniqueID, IDownload *download) = 0;
-    // 0 fits, 1 does not fit, 2 directory missing or free space unknown. A negative size is
-    // refused with BAD_VALUE.
+    // A SpaceAnswer: SPACE_UNKNOWN when the directory is missing or its free space unknown. A
+    // negative size is refused with BAD_VALUE.
     virtual int checkSpaceAvailability(const std::string &clientID, const long long &size) = 0;
     // The directory of the client's next downloads; a DownloadPathStatus.
     virtual int32_t setDownloadPath(const std::string &clientID,
@@ -95,6 +117,15 @@ public:
                                            const std::string &uniqueID, const std::string &name,
                                            int64_t expectedSize, const std::string &sha256Hex,
                                            std::string *uniqueIDOut) = 0;
+    // Pause, resume and remove that answer with a ControlStatus ("all": CONTROL_DONE); the
+    // one-way calls above stay for older clients.
+    virtual int32_t requestPause(const std::string &uniqueID) = 0;
+    virtual int32_t requestResume(const std::string &uniqueID) = 0;
+    virtual int32_t requestRemove(const std::string &uniqueID) = 0;
+
+    // Every record getDownloadList names, by value, read page by page (so lists of any length);
+    // the number of records, or negative when a call did not reach the service.
+    int listDownloads(const std::string &clientID, std::vector<IDownload> *list);
 };
 
 // Server stub: unpacks each transaction and calls the matching operation.

@@ -62,12 +62,13 @@ for f in sbin/downloadmanager bin/dlctl etc/downloadmanager/downloadmanager.ini 
          share/bash-completion/completions/dlctl share/man/man8/downloadmanager.8.gz \
          "lib/$ARCH/libdownloadmanager-client.so.0" "lib/$ARCH/pkgconfig/downloadmanager-client.pc" \
          "lib/$ARCH/cmake/DownloadManagerClient/DownloadManagerClientConfig.cmake" \
-         include/downloadmanager/IDLService.h include/downloadmanager/binder/ProcessState.h; do
+         include/downloadmanager/IDLService.h include/downloadmanager/DownloadClient.h \
+         include/downloadmanager/binder/ProcessState.h; do
     grep -qxF "$f" "$WORK/installed" || fail "$f is not installed"
 done
 # Public headers are the interface and the IPC runtime's; nothing of the service's internals.
 internal="$(grep '^include/' "$WORK/installed" |
-    grep -vE '^include/downloadmanager/(IDLService|IDLClient|IDownload|binder/[A-Za-z]+)\.h$' || true)"
+    grep -vE '^include/downloadmanager/(IDLService|IDLClient|IDownload|DownloadClient|binder/[A-Za-z]+)\.h$' || true)"
 [ -z "$internal" ] || fail "headers that are not part of the client library: $internal"
 
 echo "== Debian packages"
@@ -199,6 +200,7 @@ status=0
 LD_LIBRARY_PATH="$R/usr/lib/$ARCH" "$WORK/example-pc" "$URL/missing.bin" example \
     >"$WORK/example.log" 2>&1 || status=$?
 [ "$status" = 1 ] || fail "example of a failing download exited $status: $(cat "$WORK/example.log")"
+grep -q "failed: HTTP 404" "$WORK/example.log" || fail "the example was not told why: $(cat "$WORK/example.log")"
 # A client that looks in the old socket directory reaches the service through a link there.
 mkdir -p "$WORK/run/binder"
 ln -s "$BINDER_SOCKET_DIR/com.velta.DLService" "$WORK/run/binder/com.velta.DLService"

@@ -22,8 +22,8 @@ const QString kUpsert = QStringLiteral(
     "amountDownloaded = excluded.amountDownloaded");
 const QString kExtra = QStringLiteral(
     "INSERT OR REPLACE INTO download_extra (uniqueID, fileDevice, fileInode, validator, "
-    "expectedSize, expectedSha256) VALUES (?, ?, ?, ?, ?, ?)");
-constexpr int kSchemaVersion = 2;
+    "expectedSize, expectedSha256, failureReason, httpStatus) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+constexpr int kSchemaVersion = 3;
 const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
 
 QByteArray local(const QString &text)
@@ -127,6 +127,17 @@ bool DownloadDataBase::migrate()
             QStringLiteral("ALTER TABLE download_extra ADD COLUMN expectedSize INTEGER NOT NULL "
                            "DEFAULT -1"),
             QStringLiteral("ALTER TABLE download_extra ADD COLUMN expectedSha256 TEXT") },
+        // 3: the last failure's reason and HTTP status, kept also for a download that failed
+        // before it made a file: the identity may be NULL, which reads as an older download.
+        { QStringLiteral("ALTER TABLE download_extra RENAME TO download_extra_2"),
+            QStringLiteral("CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice "
+                           "INTEGER, fileInode INTEGER, validator BLOB, expectedSize INTEGER NOT "
+                           "NULL DEFAULT -1, expectedSha256 TEXT, failureReason TEXT NOT NULL "
+                           "DEFAULT '', httpStatus INTEGER NOT NULL DEFAULT 0)"),
+            QStringLiteral("INSERT INTO download_extra (uniqueID, fileDevice, fileInode, "
+                           "validator, expectedSize, expectedSha256) SELECT uniqueID, fileDevice, "
+                           "fileInode, validator, expectedSize, expectedSha256 FROM download_extra_2"),
+            QStringLiteral("DROP TABLE download_extra_2") },
     };
     for (int next = version + 1; next <= kSchemaVersion; ++next) {
         bool done = db.transaction();
@@ -199,6 +210,7 @@ void DownloadDataBase::close()
     writtenState.clear();
     writtenIdentity.clear();
     writtenValidator.clear();
+    writtenReason.clear();
     upsert = QSqlQuery();
     extra = QSqlQuery();
     exists = QSqlQuery();
@@ -295,25 +307,32 @@ bool DownloadDataBase::write(Download *download)
                 download->amountDownloaded, download->startTime, download->ownerUid }))
         return false;
     writtenState.insert(download, download->state);
-    // An older download's row gets one once its file is known.
+    // An older download's row gets one once its file is known, or once it fails; a new one
+    // also when it expects a content.
     const FileIdentity &file = download->fileIdentity;
-    const auto identity = writtenIdentity.constFind(download);
-    if (file.unrecorded
-        || (identity != writtenIdentity.constEnd() && identity.value() == file
-            && writtenValidator.value(download) == download->validator))
-        return true;
     const ContentCheck &content = download->content;
+    const bool expects = content.expectedSize() >= 0 || !content.expectedSha256().isEmpty();
+    const auto identity = writtenIdentity.constFind(download);
+    if ((identity == writtenIdentity.constEnd() ? file.unrecorded && !expects
+                                                : identity.value() == file)
+        && writtenValidator.value(download) == download->validator
+        && writtenReason.value(download) == download->failureReason)
+        return true;
+    const QVariant none(QMetaType::fromType<qulonglong>());
     const QVariant digest = content.expectedSha256().isEmpty()
         ? QVariant()
         : QVariant(QString::fromLatin1(content.expectedSha256()));
     if (!exec(extra, kExtra,
-            { download->uniqueID, file.device, file.inode, download->validator,
-                content.expectedSize(), digest }))
+            { download->uniqueID, file.unrecorded ? none : QVariant(file.device),
+                file.unrecorded ? none : QVariant(file.inode), download->validator,
+                content.expectedSize(), digest, download->failureReason, download->httpStatus }))
         return false;
     writtenIdentity.insert(download, file);
     // Kept only for the downloads that have one: most never do.
     if (!download->validator.isEmpty() || writtenValidator.contains(download))
         writtenValidator.insert(download, download->validator);
+    if (!download->failureReason.isEmpty())
+        writtenReason.insert(download, download->failureReason);
     return true;
 }
 
@@ -323,6 +342,7 @@ void DownloadDataBase::forget(Download *download)
     writtenState.remove(download);
     writtenIdentity.remove(download);
     writtenValidator.remove(download);
+    writtenReason.remove(download);
 }
 
 bool DownloadDataBase::deleteEntry(Download *download)
@@ -347,7 +367,7 @@ void DownloadDataBase::getDownloadList()
             QStringLiteral("SELECT uniqueID, clientID, name, contentURL, filePath, state, "
                            "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
                            "fileDevice, fileInode, fileInode IS NULL, COALESCE(expectedSize, -1), "
-                           "expectedSha256, validator FROM ")
+                           "expectedSha256, validator, failureReason, httpStatus FROM ")
                 + kTable + QStringLiteral(" LEFT JOIN download_extra USING (uniqueID)"),
             {}))
         return;
@@ -364,7 +384,7 @@ void DownloadDataBase::getDownloadList()
             FileIdentity { query.value(11).toULongLong(), query.value(12).toULongLong(),
                 query.value(13).toBool() },
             { query.value(14).toLongLong(), query.value(15).toString() },
-            query.value(16).toByteArray());
+            query.value(16).toByteArray(), query.value(17).toString(), query.value(18).toInt());
     }
 }
 

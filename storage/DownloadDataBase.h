@@ -18,7 +18,8 @@ class DownloadManager;
 // place to older files, their rows read as root's), and the "download_paths" table, one
 // directory per (owner uid, client id), and the "download_extra" table, the per-download values
 // "downloads" has no column for (the identity of the file it created, the resource's validator,
-// the size and SHA-256 its creator expects), on Qt's default
+// the size and SHA-256 its creator expects, the last failure's reason and HTTP status), on Qt's
+// default
 // connection; PRAGMA user_version counts the schema's migrations. Main thread only. Every
 // failure is a false result (and one ERROR line in the platform log).
 //
@@ -83,6 +84,8 @@ private:
     QHash<const Download *, unsigned> writtenState;
     QHash<const Download *, FileIdentity> writtenIdentity;
     QHash<const Download *, QByteArray> writtenValidator; // only of downloads that had one
+    QHash<const Download *, QString> writtenReason; // only those with a reason
+
     QSqlQuery extra;
     QTimer flushTimer;
 };

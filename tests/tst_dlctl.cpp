@@ -27,6 +27,8 @@ struct Request {
     QByteArray out = "", said = "", heard = "";
     bool poll = false; // out is the state the before-commands lead to: asked until it comes
     bool small = false; // needs the 8 MiB file system, skipped where it cannot be mounted
+    QByteArray json = ""; // members the last line's JSON object holds; out is then not compared
+    bool readOnly = false; // needs "@/ro", a read-only mount (root only)
 };
 
 // "stuck": a listener that never accepts, its backlog full; "term": SIGTERM in connect().
@@ -47,6 +49,7 @@ class tst_Dlctl : public QObject
     std::unique_ptr<Service> shared; // the requests table's service, built by a row that needs it
     std::unique_ptr<Child> watcher;  // dlmtest-b's dlctl watch on it
     bool smallFs = false; // client "small"'s directory, mounted by buildShared
+    bool readOnlyMounted = false;
 
 private slots:
     void initTestCase()
@@ -66,6 +69,8 @@ private slots:
     }
     void cleanupTestCase()
     {
+        if (readOnlyMounted)
+            QProcess::execute("umount", {shared->path("ro")});
         watcher.reset();
         if (smallFs)
             umount2(qPrintable(shared->path("small")), MNT_DETACH);
@@ -119,6 +124,8 @@ void tst_Dlctl::buildShared()
         QVERIFY(as(-1, "create " + url("/p.bin") + " --client sys --id swap"));
         QVERIFY(s.waitErr("/a/dl/p.bin\"  status:  \"Progressing\"  DL:  100000 / 300000") && as(-1, "pause swap"));
         QVERIFY(QDir().rename(s.path("a/dl"), s.path("a/dl.old")));
+        QVERIFY(QDir().mkpath(s.path("ro")));
+        readOnlyMounted = QProcess::execute("mount", {"-t", "tmpfs", "-o", "ro,size=64k", "dlmtest-ro", s.path("ro")}) == 0;
         QFile secret(s.path("db/p.bin"));
         QVERIFY(QFile::link(s.path("db"), s.path("a/dl")) && secret.open(QIODevice::WriteOnly));
         QVERIFY(secret.write("root's") == 6);
@@ -159,14 +166,14 @@ void tst_Dlctl::requests_data()
     row("a directory the caller may write only through its other group", {.user = "dlmtest-a", .args = "set-path grp @/g"});
     row("default directory", {.user = "dlmtest-a", .args = "set-path DEFAULT_CLIENT_ID @/a", .code = 1, .said = "is not permitted"});
     row("a client's directory per user", {.user = "dlmtest-a", .args = "set-path app @/a"});
-    row("another's directory stays", {.user = "dlmtest-b", .args = "create URL/no --client app --id b --wait", .code = 1, .out = "b\nb app Failed 0 0 @/b/no (failure 2: the server answered with an error status)\n", .heard = "b app Failed 0 0 "});
+    row("another's directory stays", {.user = "dlmtest-b", .args = "create URL/no --client app --id b --wait", .code = 1, .out = "b\nb app Failed 0 0 @/b/no (failure 2: the server answered with an error status; HTTP 404 Error)\n", .heard = "b app Failed 0 0 "});
     row("another's download unseen", {.user = "dlmtest-b", .args = "status theirs", .code = 1, .said = "no download theirs"});
     row("another's downloads unlisted", {.user = "dlmtest-b", .before = {"create URL/no --client app --id b --wait"}, .args = "list", .out = "b app Failed 0 0 @/b/no\n"});
     row("pause all of one's own", {.user = "dlmtest-b", .args = "pause all", .said = "all has been paused."});
     row("removed by another's raw call", {.user = "root", .before = {"dlprobe remove A:theirs"}, .args = "status A:theirs", .out = "A:theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
     row("root sees all", {.user = "root", .args = "status A:theirs", .out = "A:theirs dlctl Progressing 100000 300000 @/a/p.bin\n"});
     row("a user over its limit", {.user = "dlmtest-a", .before = {"create URL/f --id own"}, .args = "create URL/f", .code = 1, .said = "has 2 downloads, its limit"});
-    row("resumed onto a planted link, not followed", {.before = {"resume p"}, .args = "status p", .out = "p dlctl Failed 0 300000 @/downloads/p.bin\n", .said = "Too many levels of symbolic links", .poll = true});
+    row("resumed onto a planted link, not followed", {.before = {"resume p"}, .args = "status p", .out = "p dlctl Failed 0 300000 @/downloads/p.bin (failure 3: the local file could not be opened or written; cannot write @/downloads/p.bin: Too many levels of symbolic links)\n", .poll = true});
     row("a file outside one's directory is private", {.user = "dlmtest-b", .args = "create URL/dlmtest-0600 --client other --id fb --wait", .out = "fb\nfb other Completed 70000 70000 /tmp/dlmtest-0600\n"});
     row("what lies below a closed directory", {.user = "dlmtest-a", .args = "set-path app @/db/none", .code = 1, .said = "@/db/none is not permitted"});
     row("resumed through a swapped directory", {.user = "root", .args = "resume swap", .said = "swap failed: cannot write @/a/dl/p.bin: Too many levels of symbolic links"});
@@ -175,18 +182,26 @@ void tst_Dlctl::requests_data()
     row("a user's identifiers are its own", {.user = "dlmtest-b", .before = {"remove fb"}, .args = "create URL/no --client app --id p", .out = "p\n"});
     row("root's identifier a user holds", {.args = "create URL/dlmtest-never --id theirs", .out = "theirs\n"});
     row("an identifier too long", {.user = "dlmtest-a", .args = "status " + QByteArray(257, 'x'), .code = 1, .said = "longer than the"});
-    row("controls escaped", {.args = "create URL/no --id e\x1b\xc2\x85\xe2\x80\xae --wait", .code = 1, .out = "e\\x1b\\u0085\\u202e\ne\\x1b\\u0085\\u202e dlctl Failed 0 0 @/downloads/no (failure 2: the server answered with an error status)\n", .said = "uniqueID:e\\x1b\\u0085\\u202e url"});
+    row("pause of a finished download", {.before = {"create URL/a --id a --wait"}, .args = "pause a", .code = 1, .said = "a cannot be paused: it is not Pending, Progressing or Stalled"});
+    row("another's download not paused", {.user = "dlmtest-b", .args = "pause A:theirs", .code = 1, .said = "no download A:theirs"});
+    row("another's download not removed", {.user = "dlmtest-b", .args = "remove A:theirs", .code = 1, .said = "no download A:theirs"});
+    row("why a 404 failed, in the record", {.user = "dlmtest-b", .before = {"create URL/no --client app --id b --wait"}, .args = "status b --json", .json = R"({"id": "b", "state": "Failed", "failureCode": 2, "httpStatus": 404, "failureReason": "HTTP 404 Error", "bytesPerSecond": 0})"});
+    row("a read-only directory", {.args = "set-path app @/ro", .code = 1, .said = "@/ro is not writable for the service", .readOnly = true});
+    row("an unknown option", {.args = "list -q", .code = 64, .said = "usage: dlctl"});
+    row("controls escaped", {.args = "create URL/no --id e\x1b\xc2\x85\xe2\x80\xae --wait", .code = 1, .out = "e\\x1b\\u0085\\u202e\ne\\x1b\\u0085\\u202e dlctl Failed 0 0 @/downloads/no (failure 2: the server answered with an error status; HTTP 404 Error)\n", .said = "uniqueID:e\\x1b\\u0085\\u202e url"});
 }
 
 void tst_Dlctl::requests()
 {
     QFETCH(Request, row);
-    if (*row.user && geteuid() != 0)
+    if ((*row.user || row.readOnly) && geteuid() != 0)
         QSKIP("needs root to act as other users");
     if (!shared)
         buildShared();
     if (row.small && !smallFs)
         QSKIP("cannot mount an 8 MiB file system here");
+    if (row.readOnly && !readOnlyMounted)
+        QSKIP("no read-only mount could be made");
     const passwd *a = getpwnam("dlmtest-a"); // "A:" is the prefix of dlmtest-a's identifiers
     if (QTest::currentTestFailed())
         return;
@@ -204,7 +219,12 @@ void tst_Dlctl::requests()
     QList<QByteArray> lines = r.out.split('\n');
     if (QByteArray(row.args).endsWith("--wait")) // the updates before the last one vary in number
         lines.remove(1, lines.size() - 3);
-    QCOMPARE(lines.join('\n'), fill(row.out));
+    const QJsonObject expected = QJsonDocument::fromJson(row.json).object();
+    const QJsonObject got = QJsonDocument::fromJson(lines.value(lines.size() - 2)).object();
+    for (const QString &key : expected.keys())
+        QVERIFY2(got.value(key) == expected.value(key), qPrintable(key + ": " + lines.join('\n')));
+    if (row.json.isEmpty())
+        QCOMPARE(lines.join('\n'), fill(row.out));
     QVERIFY2(r.err.contains(fill(row.said)) || shared->waitErr(fill(row.said), 1, mark), r.err);
     QVERIFY(!watcher || row.heard.isEmpty() || waitFor("the watcher to hear " + row.heard, [&] { return watcher->out().contains(row.heard); }));
     QVERIFY(!watcher || !watcher->out().contains("theirs"));

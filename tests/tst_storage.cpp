@@ -69,6 +69,7 @@ private slots:
         Download b(nullptr, nullptr, key, "d", "b", "http://h/b", "/b", 1, 2, 6000000000, 45, 6);
         Download ab(nullptr, nullptr, key, "c", "b", "http://h/a", "/a", 1, 2, 6000000000, 45, 3);
         b.ownerUid = 4242; // the other columns a request sets once: a's stay
+        b.failureReason = "HTTP 404 " + key, b.httpStatus = 404; // kept though no file was made
         {
             DownloadDataBase db(nullptr, svc.path("db/dlm_download.db"));
             for (Download *d : { &x, &a, &b })
@@ -82,13 +83,15 @@ private slots:
         const auto manager = start(svc, svc.path("db"));
         QCOMPARE(values(manager->getDownloadList("*")), values({ &x, &b }));
         QCOMPARE(manager->getDownloadPath(key) + manager->getDownloadPath(key, 7), "/b/c");
+        const Download *restored = manager->getDownload(key);
+        QVERIFY(restored && restored->failureReason == b.failureReason && restored->httpStatus == 404);
         svc.sql("UPDATE downloads SET uniqueID = 'stored' WHERE uniqueID = 'x'"); // not live
         QVERIFY(manager->createDownload("c", "http://h/s", "stored", "")
             == DownloadManager::CreateStatus::IdInUse);
         QVERIFY(errors.size() == 1 && errors.takeFirst().contains("stored is in use"));
         manager->quit();
         QCOMPARE(svc.sql("PRAGMA journal_mode"), Rows { { "wal" } });
-        QCOMPARE(svc.sql("PRAGMA user_version"), Rows { { 2 } }); // and the older rows kept:
+        QCOMPARE(svc.sql("PRAGMA user_version"), Rows { { 3 } }); // and the older rows kept:
         QCOMPARE(svc.sql("SELECT uniqueID, fileDevice, fileInode, validator IS NULL, expectedSize, "
                          "expectedSha256 IS NULL FROM download_extra WHERE uniqueID = 'kept'"),
             older == 1 ? Rows({ { "kept", 5, 6, 1, -1, 1 } }) : Rows());

@@ -1,3 +1,5 @@
+#include "IDownload.h"
+#include "ParcelText.h"
 #include "Wire.h"
 
 #include <binder/Binder.h>
@@ -49,6 +51,32 @@ private slots:
         one.write((word(1) + word(1)).constData(), 8);
         one.setDataPosition(8);
         QVERIFY(one.readStrongBinder() == nullptr && one.dataPosition() == 8);
+
+        // Records grow at their tail: a reader built before it still finds every listed record,
+        // and a list from a service without tails reads with empty ones.
+        IDownload a, b;
+        a.uniqueID = "a", a.failureReason = "HTTP 404 Not Found", a.httpStatus = 404;
+        b.uniqueID = "b", b.bytesPerSecond = 7;
+        Parcel list;
+        QVERIFY(IDownload::writeList(&list, { a, b }) == NO_ERROR);
+        const auto oldReader = [&list] { // four texts, eight numbers, a text, a number
+            std::string id, text;
+            int64_t n = 0;
+            bool ok = dlparcel::readText(list, &text) == NO_ERROR && dlparcel::readText(list, &id) == NO_ERROR;
+            for (int k = 0; k < 6; ++k)
+                ok = ok && (k < 2 ? dlparcel::readText(list, &text) : list.readInt64(&n)) == NO_ERROR;
+            return ok && dlparcel::readText(list, &text) == NO_ERROR && list.readInt64(&n) == NO_ERROR ? id : "?";
+        };
+        list.setDataPosition(4);
+        QVERIFY(oldReader() == "a" && oldReader() == "b");
+        Parcel old;
+        old.write(list.data(), list.dataPosition());
+        old.setDataPosition(0);
+        std::vector<IDownload> got;
+        QVERIFY(IDownload::readList(old, &got) == NO_ERROR && got.size() == 2 && got[1].uniqueID == "b" && got[0].httpStatus == 0);
+        list.setDataPosition(0);
+        QVERIFY(IDownload::readList(list, &got) == NO_ERROR && got.size() == 2);
+        QVERIFY(got[0].failureReason == a.failureReason && got[0].httpStatus == 404 && got[1].bytesPerSecond == 7);
 
         // Lying lengths and binder entries naming nothing: refused by every reader, nothing read.
         for (const QByteArray &bytes : { word(1000) + "aaaaaaaa", word(INT32_MAX) + "aaaaaaaa",

@@ -213,28 +213,30 @@ QString Download::stateAsString() const
     }
 }
 
-void Download::pause()
+bool Download::pause()
 {
     if (state != Progressing && state != Pending && state != Stalled)
-        return;
+        return false;
     const bool receiving = state == Progressing;
     state = Paused;
     transfer().retry.cancel();
     if (receiving && !writeBuffered()) {
         failLocalFile();
-        return;
+        return true;
     }
     stopTransfer();
     transfer().file.close();
     report();
+    return true;
 }
 
-void Download::resume()
+bool Download::resume()
 {
     if (state != Paused && state != Failed)
-        return;
+        return false;
     transfer().retry.reset();
     launch();
+    return true;
 }
 
 void Download::restart()
@@ -363,6 +365,7 @@ void Download::endAttempt(unsigned code, const QString &reason, bool passing, qi
     stopTransfer();
     transfer().file.close();
     failureCode = code;
+    failureReason = reason.left(int(IDownload::kMaxReasonBytes));
     const qint64 delay = passing ? transfer().retry.schedule(amountDownloaded, retryAfterMs) : -1;
     if (delay >= 0) {
         state = Stalled;
@@ -601,6 +604,17 @@ void Download::report()
 {
     sinceReport.start();
     reportedAmount = amountDownloaded;
+    if (state != Progressing) {
+        rateClock.invalidate();
+        rate = 0;
+    } else if (!rateClock.isValid()) {
+        rateClock.start();
+        rateBase = amountDownloaded;
+    } else if (const qint64 ms = rateClock.elapsed(); ms >= 1000) {
+        rate = qMax<qint64>(0, amountDownloaded - rateBase) * 1000 / ms;
+        rateClock.start();
+        rateBase = amountDownloaded;
+    }
     manager->updateDownload(this);
 }
 
@@ -612,6 +626,7 @@ Download::ReplyVerdict Download::checkReply(bool redirectMayFollow)
     if (!attribute.isValid())
         return verdict; // no answer yet, or none at all: the network error decides
     const int status = attribute.toInt();
+    httpStatus = status;
     // The network library follows it; judge the answer it ends on. One it could not follow
     // ends with the network error of the way there (a refused connection, say).
     if (isRedirectStatus(status)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ContentCheck.h"
+#include "IDownload.h"
 #include "OwnedFile.h"
 #include "RetrySchedule.h"
 
@@ -27,14 +28,15 @@ class Download : public QObject {
     Q_OBJECT
 
 public:
+    // The interface's DownloadState, as the service's own names.
     enum State : unsigned {
         Undefined = 0,
-        Completed = 1,
-        Progressing = 2,
-        Paused = 4,
-        Failed = 8,
-        Pending = 16,
-        Stalled = 32,
+        Completed = STATE_COMPLETED,
+        Progressing = STATE_PROGRESSING,
+        Paused = STATE_PAUSED,
+        Failed = STATE_FAILED,
+        Pending = STATE_PENDING,
+        Stalled = STATE_STALLED,
     };
 
     // A new download, not launched yet (state 0, failure code 4). Note: the URL comes before the
@@ -50,8 +52,9 @@ public:
     QString stateAsString() const;
 
     // Pending, Progressing and Stalled downloads pause; their request or retry is dropped.
-    void pause();
-    void resume();
+    // Paused and Failed ones resume. False when the state does not allow it.
+    bool pause();
+    bool resume();
     void restart();
 
     // Start or continue the transfer from amountDownloaded; ignored once Completed.
@@ -63,6 +66,8 @@ public:
     void setMaxRetries(int count);
     // While Stalled: the next attempt's time in ms since the epoch; otherwise 0.
     qint64 nextAttemptTime() const;
+    // While Progressing: bytes per second over the last second or more of reports; otherwise 0.
+    qint64 bytesPerSecond() const { return state == Progressing ? rate : 0; }
 
     bool prepareFile(qint64 offset);
     bool saveToDisk(QByteArray data);
@@ -83,6 +88,10 @@ public:
     qint64 totalSize;
     qint64 amountDownloaded;
     qint64 startTime;
+    // Why the last attempt failed or stalled (the text of its log line); stays, as failureCode.
+    QString failureReason;
+    // Status of the last HTTP answer; 0 when none came.
+    int httpStatus = 0;
     // Who created it (root for the console and for rows stored before owners were kept): its
     // file is opened and removed with this user's file-system identity.
     uint ownerUid = 0;
@@ -170,4 +179,8 @@ private:
     QElapsedTimer sinceReport;
     int reportInterval = 0;
     qint64 reportedAmount = 0;
+    // The rate: bytes since rateClock started at rateBase, measured at reports.
+    QElapsedTimer rateClock;
+    qint64 rateBase = 0;
+    qint64 rate = 0;
 };

@@ -2,68 +2,16 @@
 
 #include "TextEscape.h"
 
+#include <sys/ioctl.h>
+
+#include <algorithm>
 #include <cinttypes>
-#include <ctime>
-
-const char *stateText(int32_t state)
-{
-    switch (state) {
-    case 1: return "Completed";
-    case 2: return "Progressing";
-    case 4: return "Paused";
-    case 8: return "Failed";
-    case 16: return "Pending";
-    case 32: return "Stalled";
-    default: return "Undefined";
-    }
-}
-
-const char *failureText(int32_t failureCode)
-{
-    switch (failureCode) {
-    case FAILURE_NETWORK: return "network or transfer fault";
-    case FAILURE_HTTP_STATUS: return "the server answered with an error status";
-    case FAILURE_LOCAL_FILE: return "the local file could not be opened or written";
-    case FAILURE_NONE: return "none";
-    case FAILURE_CONTENT_MISMATCH:
-        return "content does not match";
-    default: return "unknown";
-    }
-}
-
-std::string stateNote(const IDownload &r)
-{
-    char text[128];
-    if (r.state == 8) {
-        snprintf(text, sizeof text, " (failure %d: %s)", int(r.failureCode), failureText(r.failureCode));
-        return text;
-    }
-    if (r.state == 1 && !r.expectedSha256.empty())
-        return " (verified)"; // a mismatch fails
-    if (r.state != 32)
-        return std::string();
-    const time_t when = time_t(r.nextAttemptTime / 1000);
-    struct tm local;
-    if (r.nextAttemptTime <= 0 || !localtime_r(&when, &local))
-        return " (waiting to try again)";
-    strftime(text, sizeof text, " (next attempt at %H:%M:%S)", &local);
-    return text;
-}
-
-std::string recordLine(const IDownload &r)
-{
-    char numbers[64];
-    snprintf(numbers, sizeof numbers, " %" PRId64 " %" PRId64 " ", r.amountDownloaded, r.totalSize);
-    // Other users' texts reach root's terminal: escaped as the service's log does.
-    return escapeText(r.uniqueID) + ' ' + escapeText(r.clientID) + ' ' + stateText(r.state)
-        + numbers + escapeText(r.filePath);
-}
 
 namespace {
 
 std::string humanBytes(double bytes)
 {
-    const char *units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    const char *units[] = { "B", "KiB", "MiB", "GiB", "TiB" };
     int unit = 0;
     while (bytes >= 1024 && unit < 4) {
         bytes /= 1024;
@@ -74,7 +22,44 @@ std::string humanBytes(double bytes)
     return text;
 }
 
+std::string duration(double seconds)
+{
+    char text[32];
+    const long long s = (long long)(seconds + 0.5);
+    if (s >= 100 * 3600)
+        return ">99h";
+    if (s >= 3600)
+        snprintf(text, sizeof text, "%lldh%02lldm", s / 3600, s / 60 % 60);
+    else
+        snprintf(text, sizeof text, "%lldm%02llds", s / 60, s % 60);
+    return text;
+}
+
+// Columns a UTF-8 text takes, one per character.
+size_t width(const std::string &text)
+{
+    return size_t(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
+
+// At most `columns` characters, cut at a character's start.
+std::string fit(const std::string &text, size_t columns)
+{
+    size_t seen = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if ((text[i] & 0xc0) != 0x80 && seen++ == columns)
+            return text.substr(0, i);
+    }
+    return text;
+}
+
 } // namespace
+
+int ProgressView::columns() const
+{
+    struct winsize size { };
+    return ioctl(fileno(out), TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
 
 void ProgressView::update(const IDownload &record)
 {
@@ -94,7 +79,9 @@ void ProgressView::update(const IDownload &record)
         row.lastTime = now;
         row.lastBytes = record.amountDownloaded;
     }
-    if (record.state != 2 && record.state != 16)
+    if (record.bytesPerSecond > 0)
+        row.rate = double(record.bytesPerSecond);
+    if (record.state != STATE_PROGRESSING && record.state != STATE_PENDING)
         row.rate = 0;
     row.record = record;
     redraw();
@@ -104,22 +91,35 @@ void ProgressView::redraw()
 {
     if (drawn)
         fprintf(out, "\033[%zuA", drawn);
-    const int width = 30;
+    // One column stays free: a line that fills the last one wraps on some terminals.
+    const size_t cols = size_t(std::max(columns() - 1, 20));
     for (const std::string &id : order) {
         const Row &row = rows[id];
         const IDownload &r = row.record;
-        const double fraction =
-            r.totalSize > 0 ? double(r.amountDownloaded) / double(r.totalSize) : 0.0;
-        const int filled = int(fraction * width + 0.5);
-        std::string bar(size_t(filled > width ? width : filled), '#');
-        bar.resize(width, '.');
+        const double fraction
+            = r.totalSize > 0 ? double(r.amountDownloaded) / double(r.totalSize) : 0.0;
         std::string name = escapeText(r.filePath.substr(r.filePath.find_last_of('/') + 1));
-        if (name.size() > 24)
-            name = name.substr(0, 21) + "...";
-        fprintf(out, "\033[2K%-24s [%s] %3d%% %s / %s %s/s %s%s\n", name.c_str(), bar.c_str(),
-                int(fraction * 100), humanBytes(double(r.amountDownloaded)).c_str(),
-                r.totalSize > 0 ? humanBytes(double(r.totalSize)).c_str() : "?",
-                humanBytes(row.rate).c_str(), stateText(r.state), stateNote(r).c_str());
+        if (width(name) > 20)
+            name = fit(name, 17) + "...";
+        std::string figures = " " + std::to_string(int(fraction * 100)) + "% "
+            + humanBytes(double(r.amountDownloaded)) + " / "
+            + (r.totalSize > 0 ? humanBytes(double(r.totalSize)) : "?");
+        if (row.rate > 0) {
+            figures += " " + humanBytes(row.rate) + "/s";
+            if (r.totalSize > r.amountDownloaded)
+                figures += " ETA " + duration(double(r.totalSize - r.amountDownloaded) / row.rate);
+        }
+        figures += std::string(" ") + stateText(r.state) + stateNote(r);
+        // The bar takes what is left, up to 30 columns; under 5 it is left out.
+        const size_t fixed = width(name) + 3 + width(figures);
+        const size_t barWidth = cols > fixed ? std::min<size_t>(30, cols - fixed) : 0;
+        std::string bar;
+        if (barWidth >= 5) {
+            bar.assign(size_t(std::min(double(barWidth), fraction * double(barWidth) + 0.5)), '#');
+            bar.resize(barWidth, '.');
+            bar = " [" + bar + "]";
+        }
+        fprintf(out, "\033[2K%s\n", fit(name + bar + figures, cols).c_str());
     }
     drawn = order.size();
     fflush(out);

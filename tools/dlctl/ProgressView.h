@@ -1,6 +1,6 @@
 #pragma once
 
-#include "IDownload.h"
+#include "RecordText.h"
 
 #include <chrono>
 #include <cstdio>
@@ -8,16 +8,9 @@
 #include <string>
 #include <vector>
 
-const char *stateText(int32_t state);
-const char *failureText(int32_t failureCode);
-// "ID CLIENT STATE BYTES TOTAL FILE": one download on one line, for pipes and scripts.
-std::string recordLine(const IDownload &record);
-// What a Failed or Stalled state needs said, as " (...)": the failure's meaning, or when the
-// next attempt starts; "verified" for a Completed download that matched its SHA-256. Empty for
-// the other states.
-std::string stateNote(const IDownload &record);
-
 // Live progress bars on a terminal, one line per download, redrawn in place on each update.
+// Each line fits the terminal's width at that redraw (a wrapped line would garble the next
+// redraw): the bar shrinks first, then the line is cut.
 class ProgressView
 {
 public:
@@ -28,11 +21,13 @@ private:
     struct Row
     {
         IDownload record;
-        double rate = 0; // bytes per second, smoothed
+        double rate = 0; // bytes per second, smoothed; the service's when it sends one
         int64_t lastBytes = 0;
         std::chrono::steady_clock::time_point lastTime;
     };
     void redraw();
+    // Columns of the terminal, 80 when it does not say.
+    int columns() const;
 
     FILE *out;
     std::vector<std::string> order;

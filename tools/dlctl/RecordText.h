@@ -1,0 +1,18 @@
+#pragma once
+
+#include "IDownload.h"
+
+#include <string>
+
+// How dlctl prints a record: texts for people, one line for pipes and scripts, one JSON object.
+const char *stateText(int32_t state);
+const char *failureText(int32_t failureCode);
+// "ID CLIENT STATE BYTES TOTAL FILE": one download on one line, for pipes and scripts.
+std::string recordLine(const IDownload &record);
+// What a Failed or Stalled state needs said, as " (...)": the failure's meaning and reason, or
+// when the next attempt starts and why. Empty for the other states.
+std::string stateNote(const IDownload &record);
+// One JSON object on one line. Its field names are kept from release to release: id, client,
+// name, url, file, state (text), stateCode, failureCode, failureReason, httpStatus, bytes,
+// total, bytesPerSecond, startTime, nextAttemptTime (ms since the epoch).
+std::string recordJson(const IDownload &record);
