@@ -20,13 +20,18 @@ QString RequestQueue::originOf(const QString &url)
         + QString::number(port);
 }
 
-bool RequestQueue::Origin::mayStart(uint uid) const
+void RequestQueue::setPerOrigin(int limit)
 {
-    if (running >= kPerOrigin)
+    perOriginSlots = qMax(2, limit);
+}
+
+bool RequestQueue::Origin::mayStart(uint uid, int limit) const
+{
+    if (running >= limit)
         return false;
     if (uid == 0)
-        return held.value(0) < kPerOrigin - 1;
-    return held.value(uid) < kPerUser && running - held.value(0) < kForUsers;
+        return held.value(0) < limit - 1;
+    return held.value(uid) < qMax(1, limit * 2 / 3) && running - held.value(0) < limit - 1;
 }
 
 void RequestQueue::enter(
@@ -77,7 +82,7 @@ void RequestQueue::startWaiting(const QString &origin)
         if (entry == origins.end())
             return;
         const auto next = std::find_if(entry->turns.cbegin(), entry->turns.cend(),
-            [&](uint uid) { return entry->mayStart(uid); });
+            [&](uint uid) { return entry->mayStart(uid, perOriginSlots); });
         if (next == entry->turns.cend())
             return;
         const uint uid = *next;

@@ -7,8 +7,8 @@
 
 #include <functional>
 
-// Lets at most kPerOrigin requests per origin (scheme, host and port) be on the wire, as many as
-// the network library opens connections per host; the others wait here. The library would fetch
+// Lets at most perOrigin() requests per origin (scheme, host and port) be on the wire, as many as
+// curl opens connections per host; the others wait here. The library would fetch
 // every request handed to it as fast as the network allows, whether or not the service keeps up
 // with writing the bodies out, and the bodies would pile up in memory. Users share an origin's
 // slots: each holds fewer than all of them, users other than root leave one for root, and a freed
@@ -16,10 +16,12 @@
 // Main thread only.
 class RequestQueue {
 public:
-    static constexpr int kPerOrigin = 6;
-    // Slots of one origin a user other than root may hold, and all of them together.
-    static constexpr int kPerUser = 4;
-    static constexpr int kForUsers = kPerOrigin - 1;
+    static constexpr int kDefaultPerOrigin = 6;
+
+    // Slots per origin (setting "max_connections_per_host", at least 2). Of them a user other than
+    // root may hold two thirds, and all such users together all but one.
+    void setPerOrigin(int limit);
+    int perOrigin() const { return perOriginSlots; }
 
     // The one queue of the process, as the network library's connections are shared.
     static RequestQueue &instance();
@@ -41,7 +43,7 @@ private:
         // Uids with waiting requests, the next one's turn first; each one's requests in order.
         QList<uint> turns;
         QHash<uint, QList<QPair<const void *, std::function<void()>>>> waiting;
-        bool mayStart(uint uid) const;
+        bool mayStart(uint uid, int limit) const;
     };
     struct Owner {
         QString origin;
@@ -52,4 +54,5 @@ private:
 
     QHash<QString, Origin> origins;
     QHash<const void *, Owner> owners; // every owner that holds or waits for a slot
+    int perOriginSlots = kDefaultPerOrigin;
 };
