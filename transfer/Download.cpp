@@ -6,6 +6,7 @@
 #include "RequestQueue.h"
 
 #include <QDateTime>
+#include <QUrl>
 
 namespace {
 // What the receive buffers of all transfers on the wire may take together (curl's buffer per
@@ -226,7 +227,8 @@ curl_slist *Download::requestHeaders() const
 void Download::sendRequest()
 {
     Transfer &t = transfer();
-    t.easy = engine->open(this, contentURL.toUtf8(), requestHeaders());
+    // curl takes the URL as it goes on the wire: non-ASCII characters percent-encoded.
+    t.easy = engine->open(this, QUrl(contentURL).toEncoded(), requestHeaders());
     setReceiving(true);
     curl_easy_setopt(t.easy, CURLOPT_BUFFERSIZE, long(readBufferShare()));
     // A connection that cannot be made in the stall time-out is a stall as well.
