@@ -26,6 +26,16 @@ struct Commits {
     QString framing = "length";
 };
 
+// An answer's head against the request (Range offset, known total): what becomes of its body.
+struct Answer {
+    int status;
+    qint64 offset = 0, known = 0;
+    QByteArray contentRange = "";
+    qint64 length = -1;
+    http::Verdict verdict;
+    qint64 total = -1;
+};
+
 class tst_Transfer : public QObject {
     Q_OBJECT
     FakeHttpServer server;
@@ -85,6 +95,31 @@ private slots:
             expected << n;
         QVERIFY(seen >= 2 * period && at.size() >= (period < 0 ? 2 : 0));
         QCOMPARE(period < 0 ? expected : at, expected); // the buffer's commits come where they fit
+    }
+
+    void answers_data()
+    {
+        using V = http::Verdict;
+        QTest::addColumn<Answer>("row");
+        QTest::newRow("whole") << Answer {.status = 200, .length = 7, .verdict = V::Accept, .total = 7};
+        QTest::newRow("whole to a Range") << Answer {.status = 200, .offset = 5, .known = 7, .length = 7, .verdict = V::AcceptFromZero, .total = 7};
+        QTest::newRow("range continues") << Answer {.status = 206, .offset = 5, .known = 7, .contentRange = "bytes 5-6/7", .verdict = V::Accept, .total = 7};
+        QTest::newRow("range, total unknown") << Answer {.status = 206, .offset = 5, .contentRange = "bytes 5-6/*", .verdict = V::Accept};
+        QTest::newRow("range elsewhere") << Answer {.status = 206, .offset = 5, .known = 7, .contentRange = "bytes 0-6/7", .verdict = V::StartOver};
+        QTest::newRow("range of a changed file") << Answer {.status = 206, .offset = 5, .known = 7, .contentRange = "bytes 5-8/9", .verdict = V::StartOverChanged};
+        QTest::newRow("range unreadable") << Answer {.status = 206, .offset = 5, .contentRange = "bytes 5-/7", .verdict = V::StartOver};
+        QTest::newRow("range elsewhere, never asked") << Answer {.status = 206, .contentRange = "bytes 3-6/7", .verdict = V::Reject};
+        QTest::newRow("416 at the end") << Answer {.status = 416, .offset = 7, .contentRange = "bytes */7", .verdict = V::Complete, .total = 7};
+        QTest::newRow("416 short of the end") << Answer {.status = 416, .offset = 5, .contentRange = "bytes */7", .verdict = V::Reject};
+        QTest::newRow("error page") << Answer {.status = 404, .length = 9, .verdict = V::Reject};
+        QTest::newRow("redirect not followed") << Answer {.status = 302, .verdict = V::Reject};
+    }
+    void answers()
+    {
+        QFETCH(Answer, row);
+        const http::Judgement j = http::judge(row.status, row.offset, row.known, row.contentRange, row.length);
+        QCOMPARE(int(j.verdict), int(row.verdict));
+        QCOMPARE(j.total, row.total);
     }
 
     void retrySchedule()

@@ -37,26 +37,25 @@ constexpr Failure kFailures[] = {
     { CURLE_URL_MALFORMAT, "Invalid URL", false },
     { CURLE_WEIRD_SERVER_REPLY, "Protocol failure", false },
 };
+} // namespace
 
-CURLM *makeMulti(CurlEngine *engine, int maxPerHost)
+CurlEngine::CurlEngine(int maxPerHost, QObject *parent) : QObject(parent), hostLimit(maxPerHost)
 {
     static const bool initialized = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
     Q_UNUSED(initialized);
-    CURLM *multi = curl_multi_init();
-    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, long(maxPerHost));
-    curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, engine);
-    curl_multi_setopt(multi, CURLMOPT_TIMERDATA, engine);
-    return multi;
-}
-} // namespace
-
-CurlEngine::CurlEngine(int maxPerHost, QObject *parent)
-    : QObject(parent), multi(makeMulti(this, maxPerHost)), hostLimit(maxPerHost)
-{
-    curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &CurlEngine::onSocket);
-    curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, &CurlEngine::onTimer);
+    makeMulti();
     timer.setSingleShot(true);
     connect(&timer, &QTimer::timeout, this, [this] { act(CURL_SOCKET_TIMEOUT, 0); });
+}
+
+void CurlEngine::makeMulti()
+{
+    multi = curl_multi_init();
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, long(hostLimit));
+    curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &CurlEngine::onSocket);
+    curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this);
+    curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, &CurlEngine::onTimer);
+    curl_multi_setopt(multi, CURLMOPT_TIMERDATA, this);
 }
 
 CurlEngine::~CurlEngine()
@@ -66,6 +65,7 @@ CurlEngine::~CurlEngine()
 
 void CurlEngine::dropIdleConnections()
 {
+    // A fresh multi handle is the one way to close curl's idle connections at once.
     if (depth > 0 || live > 0)
         return;
     curl_multi_cleanup(multi);
@@ -75,9 +75,7 @@ void CurlEngine::dropIdleConnections()
     }
     watches.clear();
     timer.stop();
-    multi = makeMulti(this, hostLimit);
-    curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &CurlEngine::onSocket);
-    curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, &CurlEngine::onTimer);
+    makeMulti();
 }
 
 CURL *CurlEngine::open(Transfer *owner, const QByteArray &url, curl_slist *headers)

@@ -66,6 +66,7 @@ private:
     static size_t onHeader(char *data, size_t size, size_t count, void *request);
     static size_t onBody(char *data, size_t size, size_t count, void *request);
     static int onPrereq(void *request, char *, char *, int, int);
+    void makeMulti();
     void watch(curl_socket_t fd, int what);
     // Lets curl act on fd (or on its time-outs), then hands finished requests to their owners.
     void act(curl_socket_t fd, int events);
