@@ -108,6 +108,8 @@ DownloadManager::DownloadManager(const QString &settingsPath)
     loadSettings();
     RequestQueue::instance().setPerOrigin(countSetting(
         QStringLiteral("max_connections_per_host"), RequestQueue::kDefaultPerOrigin));
+    RequestQueue::instance().setActiveLimit(
+        countSetting(QStringLiteral("max_active_downloads"), 0));
     engine = new CurlEngine(RequestQueue::instance().perOrigin(), this);
     maxRetries = countSetting(QStringLiteral("max_retries"), RetrySchedule::kDefaultMaxRetries);
     maxDownloadsPerUser =

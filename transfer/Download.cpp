@@ -95,6 +95,8 @@ Download::Download(DownloadManager *manager, CurlEngine *engine, QString uniqueI
       startTime(startTime),
       packetCount(0)
 {
+    static quint64 created = 0;
+    creationOrder = ++created;
 }
 
 Download::Transfer &Download::transfer()
@@ -206,8 +208,8 @@ void Download::launch()
     verdict = AnswerVerdict::Unchecked;
     answer = Answer();
     attemptSettled = false;
-    RequestQueue::instance().enter(
-        this, ownerUid, RequestQueue::originOf(contentURL), [this] { sendRequest(); });
+    RequestQueue::instance().enter(this, ownerUid, RequestQueue::originOf(contentURL),
+        creationOrder, [this] { sendRequest(); });
     state = Pending;
     report();
 }

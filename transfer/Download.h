@@ -172,6 +172,8 @@ private:
     Transfer &transfer();
     std::unique_ptr<Transfer> running;
     int maxRetries = -1;
+    // Place among the downloads of this process, in order of creation (or restore).
+    quint64 creationOrder = 0;
     QElapsedTimer lastActivity;
     int stallTimeoutMs = 0;
     // Counted among the transfers sharing the read-buffer budget.
