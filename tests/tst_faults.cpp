@@ -295,6 +295,7 @@ void tst_Faults::queued()
     QByteArrayList asked;
     for (const FakeHttpServer::Request &q : host.requests())
         asked << q.path.mid(1) + (q.header("range").isEmpty() ? "" : " with a range");
+    std::sort(asked.begin(), asked.begin() + qMin(most, asked.size())); // started together
     QCOMPARE(asked, ids);
     QCOMPARE(host.mostConnections, most);
     QCOMPARE(one.stop(), 0);
