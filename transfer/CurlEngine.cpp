@@ -41,15 +41,16 @@ constexpr Failure kFailures[] = {
 
 CurlEngine::CurlEngine(int maxPerHost, QObject *parent) : QObject(parent), hostLimit(maxPerHost)
 {
-    static const bool initialized = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
-    Q_UNUSED(initialized);
-    makeMulti();
     timer.setSingleShot(true);
     connect(&timer, &QTimer::timeout, this, [this] { act(CURL_SOCKET_TIMEOUT, 0); });
 }
 
 void CurlEngine::makeMulti()
 {
+    // At the first request, not at start: curl's TLS library costs megabytes once initialized,
+    // and a service that restores its downloads may run none.
+    static const bool initialized = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+    Q_UNUSED(initialized);
     multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, long(hostLimit));
     curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &CurlEngine::onSocket);
@@ -60,13 +61,14 @@ void CurlEngine::makeMulti()
 
 CurlEngine::~CurlEngine()
 {
-    curl_multi_cleanup(multi); // requests were released by their owners
+    if (multi)
+        curl_multi_cleanup(multi); // requests were released by their owners
 }
 
 void CurlEngine::dropIdleConnections()
 {
     // A fresh multi handle is the one way to close curl's idle connections at once.
-    if (depth > 0 || live > 0)
+    if (depth > 0 || live > 0 || !multi)
         return;
     curl_multi_cleanup(multi);
     for (auto &[fd, w] : watches) {
@@ -75,11 +77,13 @@ void CurlEngine::dropIdleConnections()
     }
     watches.clear();
     timer.stop();
-    makeMulti();
+    multi = nullptr; // made again by the next request
 }
 
 CURL *CurlEngine::open(Transfer *owner, const QByteArray &url, curl_slist *headers)
 {
+    if (!multi)
+        makeMulti();
     CURL *easy = curl_easy_init();
     auto *request = new Request { this, owner, easy, headers };
     ++live;
@@ -135,6 +139,8 @@ void CurlEngine::free(Request *request)
 
 void CurlEngine::act(curl_socket_t fd, int events)
 {
+    if (!multi)
+        return;
     ++depth;
     int running = 0;
     curl_multi_socket_action(multi, fd, events, &running);

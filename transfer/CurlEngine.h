@@ -73,7 +73,7 @@ private:
     void finishRequests();
     void free(Request *request);
 
-    CURLM *multi;
+    CURLM *multi = nullptr; // made by the first request, and again after dropIdleConnections
     int hostLimit;
     int live = 0; // requests opened and not yet freed
     QTimer timer;
