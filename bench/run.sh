@@ -5,7 +5,7 @@
 #   bench/run.sh [ROUNDS]                  # 3 rounds by default
 #
 # Knobs (environment), with their defaults:
-#   BENCH_ROWS="small slow watch many stored big onehost"   which loads to run
+#   BENCH_ROWS="small slow watch many stored big bigtmpfs onehost"   which loads to run
 #   BIG_MIB=1024 WATCHERS=20                one large file, alone and with `dlctl watch` clients
 #   SMALL_COUNT=1000 SMALL_KIB=64           small files created at once, written to tmpfs
 #   SLOW_COUNT=50 SLOW_KIB=2048 SLOW_RATE_KIB=200 SLOW_CHUNK=4096   steady slow links

@@ -1,5 +1,9 @@
 #include "DownloadManager.h"
 
+#include "CurlEngine.h"
+#include "RequestQueue.h"
+
+#include "CurlEngine.h"
 #include "DLBaseClient.h"
 #include "DLBinderClient.h"
 #include "DLConsoleReaderClient.h"
@@ -12,13 +16,13 @@
 #include "FileTrust.h"
 #include "FsIdentity.h"
 #include "OwnedFile.h"
+#include "RequestQueue.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QNetworkAccessManager>
 #include <QSettings>
 #include <QUrl>
 
@@ -126,14 +130,18 @@ QString defaultSettingsPath()
 DownloadManager::DownloadManager() : DownloadManager(defaultSettingsPath()) {}
 
 DownloadManager::DownloadManager(const QString &settingsPath)
-    : QObject(nullptr), networkManager(nullptr), database(nullptr), settings(nullptr),
+    : QObject(nullptr), engine(nullptr), database(nullptr), settings(nullptr),
       settingsPath(settingsPath)
 {
-    networkManager = new QNetworkAccessManager(this);
     idleTimer.setSingleShot(true);
     idleTimer.setInterval(500);
     connect(&idleTimer, &QTimer::timeout, this, &DownloadManager::releaseIdleMemory);
     loadSettings();
+    RequestQueue::instance().setPerOrigin(countSetting(
+        QStringLiteral("max_connections_per_host"), RequestQueue::kDefaultPerOrigin));
+    RequestQueue::instance().setActiveLimit(
+        countSetting(QStringLiteral("max_active_downloads"), 0));
+    engine = new CurlEngine(RequestQueue::instance().perOrigin(), this);
     maxRetries = countSetting(QStringLiteral("max_retries"), RetrySchedule::kDefaultMaxRetries);
     maxDownloadsPerUser =
         countSetting(QStringLiteral("max_downloads_per_user"), kDefaultMaxDownloadsPerUser);
@@ -322,7 +330,7 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     const QString filePath = getFileName(clientID, url, ownerUid);
     reservedPaths.insert(filePath);
 
-    Download *download = new Download(this, networkManager, id, clientID, url,
+    Download *download = new Download(this, engine, id, clientID, url,
                                       name.isEmpty() ? filePath : name);
     download->setMaxRetries(maxRetries);
     download->filePath = filePath;
@@ -347,7 +355,7 @@ void DownloadManager::createDownload(const QString &uniqueID, const QString &cli
 {
     // Reserved by its canonical form, as new paths are.
     const QString canonical = QDir::isAbsolutePath(filePath) ? QDir::cleanPath(filePath) : filePath;
-    Download *download = new Download(this, networkManager, uniqueID, clientID, name, contentURL,
+    Download *download = new Download(this, engine, uniqueID, clientID, name, contentURL,
         canonical, state, failureCode, totalSize, amountDownloaded, startTime);
     download->setMaxRetries(maxRetries);
     download->ownerUid = ownerUid;
@@ -571,7 +579,7 @@ void DownloadManager::releaseIdleMemory()
         if (download->state == Download::Progressing || download->state == Download::Pending)
             return;
     }
-    networkManager->clearConnectionCache();
+    engine->dropIdleConnections();
     if (database)
         database->releaseMemory();
 #ifdef __GLIBC__

@@ -14,7 +14,7 @@
 class DLBaseClient;
 class Download;
 class DownloadDataBase;
-class QNetworkAccessManager;
+class CurlEngine;
 class QSettings;
 
 // The centre of the service. Owns the downloads, the client front ends, the database, the table
@@ -156,7 +156,7 @@ private:
     // gives freed heap back to the system, so a burst does not stay resident.
     void releaseIdleMemory();
 
-    QNetworkAccessManager *networkManager;
+    CurlEngine *engine;
     QList<Download *> downloads;
     QList<DLBaseClient *> clients;
     DownloadDataBase *database;

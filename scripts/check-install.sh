@@ -93,9 +93,11 @@ sort "$WORK"/files-* | diff "$WORK/installed" - || fail "packages and install ru
 [ "$(dpkg-deb --info "${DEB[$SERVICE]}" conffiles)" = /etc/downloadmanager/downloadmanager.ini ] ||
     fail "the settings file is not a conffile"
 depends="$(dpkg-deb --field "${DEB[$SERVICE]}" Depends)"
-for d in libqt6core6 libqt6network6 libqt6sql6 android-libutils android-liblog libc6; do
+for d in libqt6core6 libqt6sql6 libcurl4 android-libutils android-liblog libc6; do
     [[ "$depends" =~ (^|, )$d\ \(\>= ]] || fail "$SERVICE Depends lacks $d: $depends"
 done
+# HTTP is libcurl's on the service's own thread: Qt's network module is not even loaded.
+[[ "$depends" != *libqt6network6* ]] || fail "$SERVICE depends on Qt's network module: $depends"
 [[ "$depends" =~ (^|, )libqt6sql6-sqlite(,|$) ]] || fail "Depends lacks the SQLite driver: $depends"
 depends="$(dpkg-deb --field "${DEB[$LIB]}" Depends)"
 for d in android-libutils android-liblog libc6 libstdc\\+\\+6; do
@@ -143,6 +145,9 @@ echo "== hardening"
 # IBT/SHSTK property, so no program linked there has it (/bin/ls neither).
 hardening-check --nocfprotection "$R/usr/sbin/downloadmanager" "$R/usr/bin/dlctl" ||
     fail "hardening-check: the programs are not built with the hardening flags"
+for program in "$R/usr/sbin/downloadmanager" "$R/usr/bin/dlctl"; do
+    ! ldd "$program" | grep -q libQt6Network || fail "$program links Qt's network module"
+done
 
 echo "== manual pages"
 # man_words PAGE: the page's text with roff's escapes and font changes removed.

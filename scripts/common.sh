@@ -3,7 +3,7 @@ set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 PACKAGES=(build-essential cmake ninja-build pkg-config qt6-base-dev libqt6sql6-sqlite
-          android-libutils-dev android-liblog-dev clang libclang-rt-14-dev)
+          android-libutils-dev android-liblog-dev libcurl4-openssl-dev clang libclang-rt-14-dev)
 
 install_packages() {
     local missing=()

@@ -7,8 +7,7 @@
 
 #include <QtTest>
 
-QList<QList<qint64>> reports; // state, total, amount, data notifications seen before the report
-int seen = 0;
+QList<QList<qint64>> reports; // state, total, amount, data arrivals up to the report
 
 // No report counts bytes that are not in the file yet.
 struct Recorder : DLBaseClient {
@@ -16,12 +15,12 @@ struct Recorder : DLBaseClient {
     void updateDownloadEntry(Download *d) override
     {
         QVERIFY(d->amountDownloaded <= QFileInfo(d->filePath).size());
-        reports.append({ d->state, d->totalSize, d->amountDownloaded, seen });
+        reports.append({ d->state, d->totalSize, d->amountDownloaded, d->dataArrivals });
     }
 };
 
-// A commit at every period-th data notification of a body sent 200 bytes each 10 ms, at none
-// before the end with 0; with -1 only the read buffer's bound commits 20 MiB.
+// A commit at every period-th data arrival of a body sent 200 bytes each 10 ms, at none
+// before the end with 0; with -1 only the bound on unreported bytes commits 20 MiB.
 struct Commits {
     QByteArray limit = ""; // MAX_PACKET_COUNT
     int interval = 0, period; // DLM_REPORT_INTERVAL_MS
@@ -36,6 +35,15 @@ struct Shares {
 // A transfer paced by its bucket, reading whole buffers as fast as the bucket lets it.
 struct Pacing {
     int64_t rate, buffer, changeTo = 0;
+};
+// An answer's head against the request (Range offset, known total): what becomes of its body.
+struct Answer {
+    int status;
+    qint64 offset = 0, known = 0;
+    QByteArray contentRange = "";
+    qint64 length = -1;
+    http::Verdict verdict;
+    qint64 total = -1;
 };
 
 class tst_Transfer : public QObject {
@@ -70,7 +78,6 @@ private slots:
         r.chunkedCoding = framing == "chunked";
         r.lengthByClose = framing == "close";
         reports.clear();
-        seen = 0;
 
         QTemporaryDir dir;
         QSettings(dir.filePath("ini"), QSettings::NativeFormat)
@@ -81,9 +88,8 @@ private slots:
         manager.createDownload("id", "t", "f", server.url("/f").toString(), dir.filePath("f"),
             Download::Pending, 4, 0, 0, 0);
         Download *d = manager.getDownload("id");
-        QVERIFY(d && d->reply);
-        connect(d->reply, &QIODevice::readyRead, [] { ++seen; });
-        QTRY_VERIFY_WITH_TIMEOUT(!d->reply, 30000); // the first attempt is over
+        QVERIFY(d && d->onTheWire());
+        QTRY_VERIFY_WITH_TIMEOUT(!d->onTheWire(), 30000); // the first attempt is over
         QCOMPARE(d->state, unsigned(Download::Completed));
         QCOMPARE(readFile(d->filePath), r.body);
 
@@ -92,8 +98,9 @@ private slots:
             const bool done = reports[i][0] == Download::Completed;
             QCOMPARE(reports[i][1], framing == "length" || done ? r.body.size() : 0);
             if (!done && reports[i][2] > reports[i - 1][2])
-                at << reports[i][3] + 1;
+                at << reports[i][3];
         }
+        const qint64 seen = d->dataArrivals;
         for (int n = period; n > 0 && n <= seen; n += period)
             expected << n;
         QVERIFY(seen >= 2 * period && at.size() >= (period < 0 ? 2 : 0));
@@ -141,6 +148,31 @@ private slots:
         }
         const int64_t average = received * 1000 / (now - from), limit = row.changeTo ? row.changeTo : row.rate;
         QVERIFY2(average >= limit * 9 / 10 && average <= limit * 11 / 10, QByteArray::number(average));
+    }
+
+    void answers_data()
+    {
+        using V = http::Verdict;
+        QTest::addColumn<Answer>("row");
+        QTest::newRow("whole") << Answer {.status = 200, .length = 7, .verdict = V::Accept, .total = 7};
+        QTest::newRow("whole to a Range") << Answer {.status = 200, .offset = 5, .known = 7, .length = 7, .verdict = V::AcceptFromZero, .total = 7};
+        QTest::newRow("range continues") << Answer {.status = 206, .offset = 5, .known = 7, .contentRange = "bytes 5-6/7", .verdict = V::Accept, .total = 7};
+        QTest::newRow("range, total unknown") << Answer {.status = 206, .offset = 5, .contentRange = "bytes 5-6/*", .verdict = V::Accept};
+        QTest::newRow("range elsewhere") << Answer {.status = 206, .offset = 5, .known = 7, .contentRange = "bytes 0-6/7", .verdict = V::StartOver};
+        QTest::newRow("range of a changed file") << Answer {.status = 206, .offset = 5, .known = 7, .contentRange = "bytes 5-8/9", .verdict = V::StartOverChanged};
+        QTest::newRow("range unreadable") << Answer {.status = 206, .offset = 5, .contentRange = "bytes 5-/7", .verdict = V::StartOver};
+        QTest::newRow("range elsewhere, never asked") << Answer {.status = 206, .contentRange = "bytes 3-6/7", .verdict = V::Reject};
+        QTest::newRow("416 at the end") << Answer {.status = 416, .offset = 7, .contentRange = "bytes */7", .verdict = V::Complete, .total = 7};
+        QTest::newRow("416 short of the end") << Answer {.status = 416, .offset = 5, .contentRange = "bytes */7", .verdict = V::Reject};
+        QTest::newRow("error page") << Answer {.status = 404, .length = 9, .verdict = V::Reject};
+        QTest::newRow("redirect not followed") << Answer {.status = 302, .verdict = V::Reject};
+    }
+    void answers()
+    {
+        QFETCH(Answer, row);
+        const http::Judgement j = http::judge(row.status, row.offset, row.known, row.contentRange, row.length);
+        QCOMPARE(int(j.verdict), int(row.verdict));
+        QCOMPARE(j.total, row.total);
     }
 
     void retrySchedule()

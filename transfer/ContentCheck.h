@@ -1,11 +1,12 @@
 #pragma once
 
 #include <QByteArray>
+#include <QCryptographicHash>
 #include <QString>
 
 #include <memory>
 
-class QCryptographicHash;
+
 
 // What a download's content must be, as its creator said: its size and its SHA-256. The digest
 // follows the bytes as they are written, so a finished file is never read again; when the

@@ -7,29 +7,29 @@
 #include "ResumeValidator.h"
 
 #include <QDateTime>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QUrl>
 
 namespace {
-// What the replies of all transfers that receive a body may buffer together. Each gets an equal
-// share within these bounds, so the peak stays bounded at any concurrency while a single large
-// file still reads in large blocks.
+// What the receive buffers of all transfers on the wire may take together (curl's buffer per
+// request, CURLOPT_BUFFERSIZE, chosen at launch). Each gets an equal share within curl's bounds,
+// so the peak stays bounded at any concurrency while a single large file reads in large blocks.
 constexpr qint64 kReadBudget = 32 * 1024 * 1024;
-constexpr qint64 kMinReadBufferSize = 64 * 1024;
-constexpr qint64 kMaxReadBufferSize = 8 * 1024 * 1024;
-// Size of the buffer that carries a batch from a reply to its file.
-constexpr int kScratchSize = 256 * 1024;
+constexpr qint64 kMinReadBufferSize = 16 * 1024;
+constexpr qint64 kMaxReadBufferSize = CURL_MAX_READ_SIZE;
 constexpr int kDefaultPacketLimit = 10;
 constexpr int kDefaultTransferTimeoutMs = 60000;
 constexpr int kDefaultReportIntervalMs = 500;
 // On a slow link a batch also waits for this much content, or for this many intervals, so a
 // download costs a few reports per MiB at any rate.
 constexpr qint64 kReportBytes = 512 * 1024;
+// Written bytes not reported yet that make a report due whatever the batch count or the time:
+// half a share of the same budget, never below the slow link's batch (a lower bound only added
+// reports there: 4.5 per MiB on 50 links instead of 4).
+constexpr qint64 kMinReportBound = kReportBytes;
+constexpr qint64 kMaxReportBound = 4 * 1024 * 1024;
 constexpr int kMaxQuietIntervals = 6;
 
-// Transfers between their accepted answer and their end; main thread only.
+// Transfers with a request on the wire; main thread only.
 int receivingTransfers = 0;
 
 qint64 readBufferShare()
@@ -38,12 +38,9 @@ qint64 readBufferShare()
         kMinReadBufferSize, kReadBudget / qMax(1, receivingTransfers), kMaxReadBufferSize);
 }
 
-// Commits run one at a time on the main thread, so one buffer serves every transfer. It is
-// kept while any transfer receives: a fresh one per batch would fault in every page again.
-QByteArray &scratchBuffer()
+qint64 reportBound()
 {
-    static QByteArray buffer;
-    return buffer;
+    return qBound(kMinReportBound, kReadBudget / 2 / qMax(1, receivingTransfers), kMaxReportBound);
 }
 
 int packetLimit()
@@ -67,69 +64,6 @@ int reportIntervalMs()
     return (ok && value >= 0) ? value : kDefaultReportIntervalMs;
 }
 
-// "bytes 100-199/200", "bytes 100-199/*" or "bytes */200"; first is -1 for the last form.
-struct ContentRange {
-    qint64 first = -1;
-    qint64 total = -1;
-};
-
-bool parseContentRange(const QByteArray &header, ContentRange *range)
-{
-    const QByteArray value = header.trimmed();
-    if (!value.startsWith("bytes "))
-        return false;
-    const QByteArray rangeText = value.mid(6).trimmed();
-    const int slash = rangeText.indexOf('/');
-    if (slash < 0)
-        return false;
-    const QByteArray span = rangeText.left(slash).trimmed();
-    const QByteArray total = rangeText.mid(slash + 1).trimmed();
-    bool ok = true;
-    range->total = total == "*" ? -1 : total.toLongLong(&ok, 10);
-    if (!ok || (total != "*" && range->total < 0))
-        return false;
-    if (span == "*") {
-        range->first = -1;
-        return range->total >= 0;
-    }
-    const int dash = span.indexOf('-');
-    if (dash <= 0)
-        return false;
-    range->first = span.left(dash).toLongLong(&ok, 10);
-    if (!ok || range->first < 0)
-        return false;
-    span.mid(dash + 1).toLongLong(&ok, 10);
-    return ok;
-}
-
-// Answers worth asking again: the server is busy, overloaded or timed out.
-bool isPassingStatus(int status)
-{
-    return status == 408 || status == 429 || status == 500 || status == 502 || status == 503
-        || status == 504;
-}
-
-// Faults of the way, not of the address or the peer's identity: they may pass.
-bool isPassingNetworkError(QNetworkReply::NetworkError error)
-{
-    switch (error) {
-    case QNetworkReply::ConnectionRefusedError:
-    case QNetworkReply::RemoteHostClosedError:
-    case QNetworkReply::HostNotFoundError:
-    case QNetworkReply::TimeoutError:
-    case QNetworkReply::TemporaryNetworkFailureError:
-    case QNetworkReply::NetworkSessionFailedError:
-    case QNetworkReply::UnknownNetworkError:
-    case QNetworkReply::ProxyConnectionRefusedError:
-    case QNetworkReply::ProxyConnectionClosedError:
-    case QNetworkReply::ProxyNotFoundError:
-    case QNetworkReply::ProxyTimeoutError:
-        return true;
-    default:
-        return false;
-    }
-}
-
 bool isRedirectStatus(int status)
 {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
@@ -137,21 +71,20 @@ bool isRedirectStatus(int status)
 } // namespace
 
 // A new download is a stored one that has no file, no state and failure code 4 yet.
-Download::Download(DownloadManager *manager, QNetworkAccessManager *networkManager,
-    QString uniqueID, QString clientID, QString contentURL, QString name)
-    : Download(manager, networkManager, uniqueID, clientID, name, contentURL, QString(), Undefined,
+Download::Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID,
+    QString clientID, QString contentURL, QString name)
+    : Download(manager, engine, uniqueID, clientID, name, contentURL, QString(), Undefined,
         4, 0, 0, 0)
 {
 }
 
-Download::Download(DownloadManager *manager, QNetworkAccessManager *networkManager,
-    QString uniqueID, QString clientID, QString name, QString contentURL, QString filePath,
+Download::Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID,
+    QString clientID, QString name, QString contentURL, QString filePath,
     unsigned state, unsigned failureCode, qint64 totalSize, qint64 amountDownloaded,
     qint64 startTime)
     : QObject(nullptr),
       manager(manager),
-      networkManager(networkManager),
-      reply(nullptr),
+      engine(engine),
       uniqueID(uniqueID),
       clientID(clientID),
       name(name),
@@ -164,6 +97,8 @@ Download::Download(DownloadManager *manager, QNetworkAccessManager *networkManag
       startTime(startTime),
       packetCount(0)
 {
+    static quint64 created = 0;
+    creationOrder = ++created;
 }
 
 Download::Transfer &Download::transfer()
@@ -190,7 +125,7 @@ void Download::setMaxRetries(int count)
 
 Download::~Download()
 {
-    releaseReply();
+    releaseRequest();
 }
 
 QString Download::stateAsString() const
@@ -217,13 +152,9 @@ bool Download::pause()
 {
     if (state != Progressing && state != Pending && state != Stalled)
         return false;
-    const bool receiving = state == Progressing;
+    // Every received byte is in the file already; the request ends (no connection is held).
     state = Paused;
     transfer().retry.cancel();
-    if (receiving && !writeBuffered()) {
-        failLocalFile();
-        return true;
-    }
     stopTransfer();
     transfer().file.close();
     report();
@@ -264,58 +195,58 @@ void Download::launch()
     packetCount = 0;
     if (startTime == 0)
         startTime = QDateTime::currentMSecsSinceEpoch();
-
-    QNetworkRequest request { QUrl(contentURL) };
-    // Offsets and sizes must count the resource's own bytes, never a compressed form.
-    request.setRawHeader("Accept-Encoding", "identity");
-    request.setAttribute(
-        QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
-    // Our own stall timer, not the request's transfer timeout: that one also counts the time a
-    // request waits for one of the few connections per host.
+    // Our own stall clock, started when the request goes out: the wait for one of the few
+    // connections per host does not count.
     transfer().stallTimer.stop();
     stallTimeoutMs = transferTimeoutMs();
     requestOffset = 0;
     if (amountDownloaded != 0) {
-        if (prepareFile(amountDownloaded)) {
-            request.setRawHeader("Range", "bytes=" + QByteArray::number(amountDownloaded) + '-');
-            // Only the version our bytes came from may continue them; another one comes whole.
-            if (!validator.isEmpty())
-                request.setRawHeader("If-Range", validator);
+        if (prepareFile(amountDownloaded))
             requestOffset = amountDownloaded;
-        } else {
+        else
             amountDownloaded = 0;
-        }
     }
 
-    releaseReply();
+    releaseRequest();
     reportInterval = reportIntervalMs();
-    verdict = ReplyVerdict::Unchecked;
-    rangeTotal = -1;
+    verdict = AnswerVerdict::Unchecked;
+    answer = Answer();
     attemptSettled = false;
-    bodyTooLong = false;
+    contentFault.clear();
     RequestQueue::instance().enter(this, ownerUid, RequestQueue::originOf(contentURL),
-        [this, request] { sendRequest(request); });
+        creationOrder, [this] { sendRequest(); });
     state = Pending;
     report();
 }
 
-void Download::sendRequest(const QNetworkRequest &request)
+curl_slist *Download::requestHeaders() const
 {
-    reply = networkManager->get(request);
-    reply->setReadBufferSize(readBufferShare());
-    // The reply's own signal: the shared manager's would call every download for every reply.
-    connect(reply, &QNetworkReply::finished, this, [this, r = reply] { downloadFinished(r); });
-    connect(reply, &QNetworkReply::sslErrors, this, &Download::sslErrors);
-    connect(reply, &QNetworkReply::downloadProgress, this, &Download::downloadProgress);
-    connect(reply, &QNetworkReply::readyRead, this, &Download::dataReadyRead);
-    connect(reply, &QNetworkReply::metaDataChanged, this, &Download::replyMetaDataChanged);
-    // On the wire from now (the queue hands over no more than the library has connections), and
-    // silent until its whole header is in: a header that never ends, or a library too busy
-    // reading it to say anything, stalls like a silent server. A redirect may queue again.
-    restartStallTimer();
-    connect(reply, &QNetworkReply::socketStartedConnecting, this, &Download::restartStallTimer);
-    connect(reply, &QNetworkReply::requestSent, this, &Download::restartStallTimer);
-    connect(reply, &QNetworkReply::redirected, &transfer().stallTimer, &QTimer::stop);
+    // Offsets and sizes must count the resource's own bytes, never a compressed form. Both
+    // travel with a redirected request too.
+    curl_slist *headers = curl_slist_append(nullptr, "Accept-Encoding: identity");
+    if (requestOffset > 0) {
+        const QByteArray range = "Range: bytes=" + QByteArray::number(requestOffset) + '-';
+        headers = curl_slist_append(headers, range.constData());
+        // Only the version our bytes came from may continue them; another one comes whole.
+        if (!validator.isEmpty())
+            headers = curl_slist_append(headers, ("If-Range: " + validator).constData());
+    }
+    return headers;
+}
+
+void Download::sendRequest()
+{
+    Transfer &t = transfer();
+    // curl takes the URL as it goes on the wire: non-ASCII characters percent-encoded.
+    t.easy = engine->open(this, QUrl(contentURL).toEncoded(), requestHeaders());
+    setReceiving(true);
+    curl_easy_setopt(t.easy, CURLOPT_BUFFERSIZE, long(readBufferShare()));
+    // A connection that cannot be made in the stall time-out is a stall as well.
+    curl_easy_setopt(t.easy, CURLOPT_CONNECTTIMEOUT_MS, long(stallTimeoutMs));
+    if (!engine->start(t.easy)) {
+        t.easy = nullptr;
+        endAttempt(FAILURE_NETWORK, QStringLiteral("the request could not be started"), true);
+    }
 }
 
 void Download::abort()
@@ -330,24 +261,19 @@ void Download::abort()
 void Download::stopTransfer()
 {
     transfer().stallTimer.stop();
+    transfer().flushTimer.stop();
     attemptSettled = true;
-    releaseReply();
+    releaseRequest();
 }
 
-void Download::releaseReply()
+void Download::releaseRequest()
 {
     setReceiving(false);
     RequestQueue::instance().leave(this);
-    if (!reply)
-        return;
-    // Cut off first: the notifications abort() delivers at once are no news, and the reply must
-    // never speak for this download again.
-    QNetworkReply *old = reply;
-    reply = nullptr;
-    old->disconnect(this);
-    if (old->isRunning())
-        old->abort();
-    old->deleteLater();
+    if (running && running->easy) {
+        engine->release(running->easy);
+        running->easy = nullptr;
+    }
 }
 
 void Download::setReceiving(bool on)
@@ -356,8 +282,6 @@ void Download::setReceiving(bool on)
         return;
     sharesBudget = on;
     receivingTransfers += on ? 1 : -1;
-    if (receivingTransfers == 0)
-        scratchBuffer() = QByteArray();
 }
 
 void Download::endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs)
@@ -381,8 +305,8 @@ void Download::endAttempt(unsigned code, const QString &reason, bool passing, qi
 
 void Download::failLocalFile()
 {
-    if (std::exchange(bodyTooLong, false)) {
-        failContent(content.tooLong(content.expectedSize() + 1));
+    if (!contentFault.isEmpty()) {
+        failContent(std::exchange(contentFault, QString()));
         return;
     }
     endAttempt(FAILURE_LOCAL_FILE,
@@ -406,88 +330,208 @@ bool Download::prepareFile(qint64 offset)
     return transfer().file.seek(offset);
 }
 
-bool Download::saveToDisk(QByteArray data)
+bool Download::saveToDisk(const char *data, qint64 size)
 {
     OwnedFile &file = transfer().file;
     if (!file.isOpen()
         && !file.openFresh(filePath, ownerUid, &fileIdentity, privateFile ? 0600 : 0666))
         return false;
-    if (data.isEmpty())
-        return true;
-    qint64 written = file.write(data);
+    qint64 written = size == 0 ? 0 : file.write(data, size);
     // A short write sets no error; writing the rest fails with the reason (a full disk, EFBIG).
-    if (written >= 0 && written < data.size())
-        written += qMax<qint64>(0, file.write(data.constData() + written, data.size() - written));
-    return written == data.size();
+    if (written >= 0 && written < size)
+        written += qMax<qint64>(0, file.write(data + written, size - written));
+    return written == size;
 }
 
-bool Download::commitData()
+void Download::requestSent()
 {
-    if (!writeBuffered())
+    // Out on a connection now, and silent until its head has ended: a head that never ends
+    // stalls like a silent server. Each redirected request starts the clock again.
+    if (attemptSettled)
+        return;
+    lastActivity.start();
+    transfer().stallTimer.start(stallTimeoutMs);
+}
+
+bool Download::headerLine(const char *data, size_t size)
+{
+    if (attemptSettled)
         return false;
+    const QByteArray line = QByteArray::fromRawData(data, qsizetype(size));
+    QByteArray phrase;
+    if (const int status = http::parseStatusLine(line, &phrase)) {
+        answer = Answer();
+        answer.status = status;
+        answer.reason = phrase;
+        return true;
+    }
+    const int colon = line.indexOf(':');
+    if (colon > 0) {
+        // Where an answer's headers are seen: only these decide what happens to the body.
+        const QByteArray name = line.left(colon).trimmed().toLower();
+        const QByteArray value = line.mid(colon + 1).trimmed();
+        if (name == "content-range")
+            answer.contentRange = value;
+        else if (name == "content-length")
+            answer.contentLength = value.toLongLong();
+        else if (name == "retry-after")
+            answer.retryAfter = value;
+        else if (name == "location")
+            answer.hasLocation = true;
+        else if (name == "etag")
+            answer.etag = value;
+        else if (name == "last-modified")
+            answer.lastModified = value;
+        return true;
+    }
+    if (!line.trimmed().isEmpty())
+        return true;
+    restartStallClock();
+    // The end of a head: an informational one (100) precedes the real answer, and curl follows
+    // a redirect itself; one it cannot follow ends with curl's error.
+    if (answer.status < 200 || (isRedirectStatus(answer.status) && answer.hasLocation))
+        return true;
+    return judgeAnswer();
+}
+
+bool Download::judgeAnswer()
+{
+    httpStatus = answer.status;
+    const http::Judgement j = http::judge(
+        answer.status, requestOffset, totalSize, answer.contentRange, answer.contentLength);
+    const bool accepted = j.verdict == http::Verdict::Accept || j.verdict == http::Verdict::AcceptFromZero;
+    if (accepted && !(contentFault = content.tooLong(j.total)).isEmpty()) {
+        verdict = AnswerVerdict::FileFault; // before any byte is written
+        return false;
+    }
+    switch (j.verdict) {
+    case http::Verdict::AcceptFromZero:
+        restartInPlace(j.total);
+        acceptAnswer(j.total);
+        return true;
+    case http::Verdict::Accept:
+        acceptAnswer(j.total);
+        return true;
+    case http::Verdict::StartOver:
+    case http::Verdict::StartOverChanged:
+        verdict = AnswerVerdict::StartOver;
+        rangeChanged = j.verdict == http::Verdict::StartOverChanged;
+        return false;
+    case http::Verdict::Complete:
+        verdict = AnswerVerdict::RangeComplete;
+        rangeTotal = j.total;
+        return false;
+    case http::Verdict::Reject:
+        break;
+    }
+    // Neither an error page nor an unusable body may reach the file.
+    verdict = AnswerVerdict::Rejected;
+    return false;
+}
+
+void Download::acceptAnswer(qint64 total)
+{
+    // Bytes of an accepted answer are on their way: Progressing, with the total known now.
+    verdict = AnswerVerdict::Accepted;
+    // The answer the file's bytes start with names their version.
+    if (requestOffset == 0)
+        validator = ResumeValidator::fromAnswer(answer.etag, answer.lastModified);
+    state = Progressing;
+    if (totalSize == 0 && total > 0)
+        totalSize = total;
     report();
+}
+
+void Download::rejectAnswer()
+{
+    QString reason = QStringLiteral("HTTP %1 %2")
+                         .arg(answer.status)
+                         .arg(QString::fromUtf8(answer.reason));
+    if (answer.status < 400)
+        reason += QStringLiteral(" is not a usable answer");
+    endAttempt(FAILURE_HTTP_STATUS, reason, http::isPassingStatus(answer.status),
+        RetrySchedule::retryAfterMs(answer.retryAfter, QDateTime::currentDateTimeUtc()));
+}
+
+bool Download::bodyData(const char *data, size_t size)
+{
+    if (attemptSettled || verdict != AnswerVerdict::Accepted)
+        return false;
+    restartStallClock();
+    // Where bytes are written: straight from curl's buffer into the file, counted once there;
+    // never a byte past the expected size, and every byte written feeds the digest.
+    const qint64 at = amountDownloaded, fits = content.room(at, qint64(size));
+    if (!saveToDisk(data, fits) || !content.add(transfer().file.handle(), at, data, fits)) {
+        verdict = AnswerVerdict::FileFault;
+        return false;
+    }
+    amountDownloaded += fits;
+    if (fits < qint64(size)) {
+        contentFault = content.tooLong(content.expectedSize() + 1);
+        verdict = AnswerVerdict::FileFault;
+        return false;
+    }
+    ++dataArrivals;
+    batchArrival();
     return true;
 }
 
-bool Download::writeBuffered()
+void Download::batchArrival()
 {
-    // Copied through one reused buffer: a fresh array per batch would fault in every page again.
-    qint64 committed = 0;
-    if (reply) {
-        // The reply takes up its share of the budget as transfers start and end, changed only
-        // here: Qt learns a new bound before the reads that follow free the buffer, so it never
-        // stops short under a bound the notifications no longer compare with.
-        const qint64 share = readBufferShare();
-        if (reply->readBufferSize() != share)
-            reply->setReadBufferSize(share);
-        QByteArray &scratch = scratchBuffer();
-        if (scratch.size() != kScratchSize)
-            scratch.resize(kScratchSize);
-        qint64 n = 0;
-        while ((n = reply->read(scratch.data(), scratch.size())) > 0) {
-            // Never a byte past the expected size; every byte written feeds the digest.
-            const qint64 at = amountDownloaded + committed, fits = content.room(at, n);
-            if (!saveToDisk(QByteArray::fromRawData(scratch.constData(), fits))
-                || !content.add(transfer().file.handle(), at, scratch.constData(), fits))
-                return false;
-            committed += fits;
-            if (fits < n) {
-                amountDownloaded += committed;
-                bodyTooLong = true;
-                return false;
-            }
+    const qint64 fresh = amountDownloaded - reportedAmount;
+    if (fresh < reportBound()) {
+        const qint64 quiet = sinceReport.elapsed();
+        const qint64 longest = qint64(reportInterval) * kMaxQuietIntervals;
+        if (packetLimit() > packetCount++ || quiet < reportInterval
+            || (fresh < kReportBytes && quiet < longest)) {
+            // Bytes received just before the link goes quiet are still reported in time.
+            if (reportInterval > 0 && !transfer().flushTimer.isActive())
+                transfer().flushTimer.start(int(qMax<qint64>(longest - quiet, 0)));
+            return;
         }
     }
-    if (committed == 0 && !saveToDisk(QByteArray()))
-        return false;
-    amountDownloaded += committed;
-    return true;
+    flushBatch();
 }
 
-void Download::sslErrors(const QList<QSslError> &errors)
+void Download::flushBatch()
 {
-    Q_UNUSED(errors);
+    transfer().flushTimer.stop();
+    packetCount = 0;
+    if (!attemptSettled && verdict == AnswerVerdict::Accepted && amountDownloaded != reportedAmount)
+        report();
 }
 
-void Download::downloadFinished(QNetworkReply *finished)
+void Download::requestDone(CURLcode result, const QString &detail)
 {
-    if (!finished || finished != reply)
-        return;
     transfer().stallTimer.stop();
+    transfer().flushTimer.stop();
+    releaseRequest();
     if (attemptSettled || state == Completed || state == Paused) {
         transfer().file.close();
         return;
     }
-    const ReplyVerdict judged = checkReply(false);
-    if (reply != finished || attemptSettled)
-        return; // started over, rejected or settled by a range answer
-
-    attemptSettled = true;
-    if (judged != ReplyVerdict::Rejected && finished->error() == QNetworkReply::NoError) {
-        // Also a body without a length ends here: its total is what it held.
+    switch (verdict) {
+    case AnswerVerdict::FileFault:
+        failLocalFile();
+        return;
+    case AnswerVerdict::Rejected:
+        rejectAnswer();
+        return;
+    case AnswerVerdict::StartOver:
+        startOverWithoutRange(rangeChanged);
+        return;
+    case AnswerVerdict::RangeComplete:
+        completeFromRangeAnswer(rangeTotal);
+        return;
+    case AnswerVerdict::Accepted:
+        if (result != CURLE_OK)
+            break; // what arrived before the fault is in the file: the next attempt goes on
+        attemptSettled = true;
+        // Also a body without a length ends here: its total is what it held. An empty body
+        // still leaves its (empty) file.
         if (totalSize == 0)
-            totalSize = amountDownloaded + finished->bytesAvailable();
-        if (!writeBuffered()) {
+            totalSize = amountDownloaded;
+        if (!saveToDisk(nullptr, 0)) {
             failLocalFile();
             return;
         }
@@ -500,100 +544,31 @@ void Download::downloadFinished(QNetworkReply *finished)
             return;
         }
         transfer().file.close();
-        releaseReply();
         state = Completed;
         report();
         return;
+    case AnswerVerdict::Unchecked:
+        break;
     }
-    // What arrived before the fault is content: keep it, so the next attempt goes on from there.
-    if (judged == ReplyVerdict::Accepted && !writeBuffered()) {
-        failLocalFile();
-        return;
-    }
-    endAttempt(FAILURE_NETWORK, finished->errorString(), isPassingNetworkError(finished->error()));
+    bool passing = false;
+    const QString reason = CurlEngine::failureText(result, detail, &passing);
+    endAttempt(FAILURE_NETWORK, reason, passing);
 }
 
-void Download::downloadProgress(qint64 bytesReceived, qint64 bytesTotal)
+void Download::restartStallClock()
 {
-    Q_UNUSED(bytesReceived);
-    Q_UNUSED(bytesTotal);
-    // The total comes from the accepted answer's header; the counts here may be a redirect's,
-    // an error page's, or made up by the library when a reply without a length ends.
-    if (attemptSettled || !reply || sender() != reply)
-        return;
-    restartStallTimer();
-    checkReply(true);
-}
-
-void Download::dataReadyRead()
-{
-    if (attemptSettled || !reply || (sender() && sender() != reply))
-        return;
-    restartStallTimer();
-    QNetworkReply *handled = reply;
-    const ReplyVerdict judged = checkReply(true);
-    if (reply != handled || attemptSettled || judged != ReplyVerdict::Accepted)
-        return;
-
-    // Qt stops filling the read buffer once the last block it handed over is at least as large
-    // as the room left, so a buffer of small blocks may stop anywhere past its half, and no
-    // notification follows until we read: from the half on, the batch is committed at once.
-    if (reply->bytesAvailable() < reply->readBufferSize() / 2) {
-        const qint64 quiet = sinceReport.elapsed();
-        const qint64 fresh = amountDownloaded + reply->bytesAvailable() - reportedAmount;
-        const qint64 longest = qint64(reportInterval) * kMaxQuietIntervals;
-        if (packetLimit() > packetCount++ || quiet < reportInterval
-            || (fresh < kReportBytes && quiet < longest)) {
-            // Bytes received just before the link goes quiet are still counted in time.
-            if (reportInterval > 0 && !transfer().flushTimer.isActive())
-                transfer().flushTimer.start(int(qMax<qint64>(longest - quiet, 0)));
-            return;
-        }
-    }
-    flushBatch();
-}
-
-void Download::flushBatch()
-{
-    transfer().flushTimer.stop();
-    if (attemptSettled || !reply || verdict != ReplyVerdict::Accepted
-        || reply->bytesAvailable() == 0)
-        return;
-    packetCount = 0;
-    if (!commitData())
-        failLocalFile();
-}
-
-void Download::replyMetaDataChanged()
-{
-    if (attemptSettled || !reply || sender() != reply)
-        return;
-    restartStallTimer();
-    checkReply(true);
-}
-
-void Download::restartStallTimer()
-{
-    if (attemptSettled)
-        return;
-    // Re-arming a timer at every notification costs more than the notification itself on a slow
-    // link: the running timer is left alone and checks the time of the last notification.
+    // Re-arming a timer at every block costs more than the block itself on a slow link: the
+    // running timer is left alone and checks the time of the last activity.
     lastActivity.start();
-    if (!transfer().stallTimer.isActive())
-        transfer().stallTimer.start(stallTimeoutMs);
 }
 
 void Download::transferStalled()
 {
-    if (attemptSettled || !reply)
+    if (attemptSettled || !onTheWire())
         return;
     const qint64 quiet = lastActivity.elapsed();
     if (quiet < stallTimeoutMs) {
         transfer().stallTimer.start(int(stallTimeoutMs - quiet));
-        return;
-    }
-    if (verdict == ReplyVerdict::Accepted && !writeBuffered()) {
-        failLocalFile();
         return;
     }
     endAttempt(
@@ -618,92 +593,9 @@ void Download::report()
     manager->updateDownload(this);
 }
 
-Download::ReplyVerdict Download::checkReply(bool redirectMayFollow)
-{
-    if (verdict != ReplyVerdict::Unchecked || !reply)
-        return verdict;
-    const QVariant attribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (!attribute.isValid())
-        return verdict; // no answer yet, or none at all: the network error decides
-    const int status = attribute.toInt();
-    httpStatus = status;
-    // The network library follows it; judge the answer it ends on. One it could not follow
-    // ends with the network error of the way there (a refused connection, say).
-    if (isRedirectStatus(status)
-        && (reply->error() != QNetworkReply::NoError
-            || (redirectMayFollow && reply->hasRawHeader("Location"))))
-        return verdict;
-
-    ContentRange range;
-    const bool hasRange = parseContentRange(reply->rawHeader("Content-Range"), &range);
-    if (status == 206) {
-        const bool sameContent = range.total < 0 || totalSize == 0 || range.total == totalSize;
-        if (hasRange && range.first == requestOffset && sameContent) {
-            rangeTotal = range.total;
-            acceptReply(status);
-        } else if (requestOffset > 0) {
-            startOverWithoutRange(!sameContent);
-        } else {
-            rejectReply(status);
-        }
-        return verdict;
-    }
-    if (status >= 200 && status < 300) {
-        if (requestOffset > 0) {
-            const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
-            restartInPlace(length.isValid() ? length.toLongLong() : -1);
-        }
-        acceptReply(status);
-        return verdict;
-    }
-    if (status == 416 && requestOffset > 0 && hasRange && range.first < 0
-        && range.total == requestOffset) {
-        completeFromRangeAnswer(range.total);
-        return verdict;
-    }
-    rejectReply(status);
-    return verdict;
-}
-
-void Download::acceptReply(int status)
-{
-    // Bytes of an accepted answer are on their way: Progressing, with the total known now.
-    verdict = ReplyVerdict::Accepted;
-    const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
-    const qint64 total = status == 206 ? rangeTotal : (length.isValid() ? length.toLongLong() : -1);
-    if (const QString why = content.tooLong(total); !why.isEmpty()) {
-        failContent(why);
-        return;
-    }
-    // The answer the file's bytes start with names their version.
-    if (requestOffset == 0)
-        validator = ResumeValidator::fromAnswer(
-            reply->rawHeader("ETag"), reply->rawHeader("Last-Modified"));
-    state = Progressing;
-    setReceiving(true);
-    if (totalSize == 0 && total > 0) {
-        totalSize = total;
-        report();
-    }
-}
-
-void Download::rejectReply(int status)
-{
-    // Neither an error page nor an unusable body may reach the file.
-    verdict = ReplyVerdict::Rejected;
-    const QString phrase = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
-    QString reason = QStringLiteral("HTTP %1 %2").arg(status).arg(phrase);
-    if (status < 400)
-        reason += QStringLiteral(" is not a usable answer");
-    endAttempt(FAILURE_HTTP_STATUS, reason, isPassingStatus(status),
-        RetrySchedule::retryAfterMs(
-            reply->rawHeader("Retry-After"), QDateTime::currentDateTimeUtc()));
-}
-
 void Download::completeFromRangeAnswer(qint64 completeLength)
 {
     // The server has nothing past the bytes already on disk: the file is whole.
-    verdict = ReplyVerdict::Settled;
     stopTransfer();
     if (transfer().file.isOpen() && transfer().file.size() > completeLength)
         transfer().file.resize(completeLength);
@@ -721,7 +613,7 @@ void Download::completeFromRangeAnswer(qint64 completeLength)
 void Download::startOverWithoutRange(bool contentChanged)
 {
     // The partial answer does not continue our bytes; fetch the whole resource anew.
-    releaseReply();
+    releaseRequest();
     transfer().file.close();
     amountDownloaded = 0;
     if (contentChanged)

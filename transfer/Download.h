@@ -2,29 +2,26 @@
 
 #include "ContentCheck.h"
 #include "IDownload.h"
+#include "CurlEngine.h"
+#include "HttpAnswer.h"
 #include "OwnedFile.h"
 #include "RetrySchedule.h"
 
 #include <QElapsedTimer>
-#include <QList>
 #include <QObject>
-#include <QSslError>
 #include <QString>
 #include <QTimer>
 
 #include <memory>
 
 class DownloadManager;
-class QNetworkAccessManager;
-class QNetworkReply;
-class QNetworkRequest;
 
 // One file fetched over HTTP for a client: the persisted record, the state machine and the
 // transfer that writes the content into filePath. Lives on the main thread; every change worth
 // storing or announcing is reported through DownloadManager::updateDownload(this). Every
 // transfer ends by itself: Completed, Failed (reported, with its reason in the log), or Stalled
 // while it waits to try a passing fault again.
-class Download : public QObject {
+class Download : public QObject, private CurlEngine::Transfer {
     Q_OBJECT
 
 public:
@@ -41,10 +38,10 @@ public:
 
     // A new download, not launched yet (state 0, failure code 4). Note: the URL comes before the
     // name.
-    Download(DownloadManager *manager, QNetworkAccessManager *networkManager, QString uniqueID,
-        QString clientID, QString contentURL, QString name);
+    Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID, QString clientID,
+        QString contentURL, QString name);
     // A download restored from its stored record, values taken as they are.
-    Download(DownloadManager *manager, QNetworkAccessManager *networkManager, QString uniqueID,
+    Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID,
         QString clientID, QString name, QString contentURL, QString filePath, unsigned state,
         unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
     ~Download() override;
@@ -70,13 +67,14 @@ public:
     qint64 bytesPerSecond() const { return state == Progressing ? rate : 0; }
 
     bool prepareFile(qint64 offset);
-    bool saveToDisk(QByteArray data);
-    // Write everything the reply has buffered, count it and report.
-    bool commitData();
+    // Writes size bytes at the file's position (creating the file first); false unless all are
+    // written.
+    bool saveToDisk(const char *data, qint64 size);
+    // Whether a request of this download is on the wire or waits for a connection.
+    bool onTheWire() const { return running && running->easy; }
 
     DownloadManager *manager;
-    QNetworkAccessManager *networkManager;
-    QNetworkReply *reply;
+    CurlEngine *engine;
 
     QString uniqueID;
     QString clientID;
@@ -105,33 +103,39 @@ public:
     QByteArray validator;
 
     int packetCount;
-
-public slots:
-    void sslErrors(const QList<QSslError> &errors);
-    void downloadFinished(QNetworkReply *reply);
-    void downloadProgress(qint64 bytesReceived, qint64 bytesTotal);
-    void dataReadyRead();
+    // Blocks of body received in this process, counted as MAX_PACKET_COUNT counts them.
+    qint64 dataArrivals = 0;
 
 private slots:
-    void replyMetaDataChanged();
-    void restartStallTimer();
     void transferStalled();
     void flushBatch();
 
 private:
-    // How the current reply's HTTP status was judged; decided once, before any byte is written.
-    enum class ReplyVerdict { Unchecked, Accepted, Rejected, Settled };
+    // How the current answer was judged; decided once, at the end of its head, before any byte
+    // of its body is written. The states after Accepted end the request; requestDone acts.
+    enum class AnswerVerdict { Unchecked, Accepted, Rejected, StartOver, RangeComplete, FileFault };
+
+    // CurlEngine::Transfer: where the request goes out, answer headers are seen and bytes are
+    // written.
+    void requestSent() override;
+    bool headerLine(const char *data, size_t size) override;
+    bool bodyData(const char *data, size_t size) override;
+    void requestDone(CURLcode result, const QString &detail) override;
 
     void report();
+    // The request's own header lines.
+    curl_slist *requestHeaders() const;
     // Puts the request on the wire once the request queue lets it go.
-    void sendRequest(const QNetworkRequest &request);
-    // Moves what the reply holds into the file and counts it, without reporting.
-    bool writeBuffered();
-    // Stops the reply (if any) without touching the state; its notifications change nothing.
+    void sendRequest();
+    // Judges an answer whose head has ended; false ends the request.
+    bool judgeAnswer();
+    // Commits (reports) what is written when the batch is due.
+    void batchArrival();
+    // Stops the request (if any) without touching the state: nothing it says counts any more.
     void stopTransfer();
-    // Hands the reply (if any) to deleteLater() after cutting it off; gives back its place in
-    // the request queue and its share of the read-buffer budget.
-    void releaseReply();
+    // Gives the request (if any) back to the engine, its place in the request queue and its
+    // share of the read-buffer budget.
+    void releaseRequest();
     // Joins or leaves the transfers that share the read-buffer budget.
     void setReceiving(bool on);
     // The attempt failed: Stalled until the retry when the fault may pass, else Failed.
@@ -140,29 +144,40 @@ private:
     void failLocalFile();
     // Failed with FAILURE_CONTENT_MISMATCH; the file stays for inspection.
     void failContent(const QString &reason);
-    ReplyVerdict checkReply(bool redirectMayFollow);
-    void acceptReply(int status);
-    void rejectReply(int status);
+    void acceptAnswer(qint64 total);
+    void rejectAnswer();
     void completeFromRangeAnswer(qint64 completeLength);
     void startOverWithoutRange(bool contentChanged);
     void restartInPlace(qint64 newTotal);
+    void restartStallClock();
 
-    ReplyVerdict verdict = ReplyVerdict::Unchecked;
+    AnswerVerdict verdict = AnswerVerdict::Unchecked;
+    // The head of the answer being read (the last one of a redirect chain counts).
+    struct Answer {
+        int status = 0;
+        QByteArray reason, contentRange, retryAfter, etag, lastModified;
+        qint64 contentLength = -1;
+        bool hasLocation = false;
+    } answer;
     // Offset named by the Range header of the current request; 0 when none was sent.
     qint64 requestOffset = 0;
-    // Complete length from a 206 answer's Content-Range; -1 when not known.
+    // A partial answer elsewhere told of a changed length (StartOver); the 416's length.
+    bool rangeChanged = false;
     qint64 rangeTotal = -1;
-    // Set once this attempt's outcome is decided (or it was stopped): later notifications of
-    // its reply change nothing.
+    // Set once this attempt's outcome is decided (or it was stopped): later calls of its
+    // request change nothing.
     bool attemptSettled = false;
-    // The last write stopped at the expected size with more of the body left.
-    bool bodyTooLong = false;
+    // Why the answer is not the content its creator expects (too long), found before or while
+    // its bytes were written; ends the attempt as a FileFault does, with failure code 5.
+    QString contentFault;
     // What only a download that runs needs, made at its first launch: most stored downloads
     // never run again in a session and then cost their record and little more.
     struct Transfer {
         OwnedFile file;
-        // Runs while the request is on the wire; the attempt stalls once the reply has been
-        // quiet for stallTimeoutMs since lastActivity, its last notification.
+        // The request on the wire (or queued by curl for a connection); null between attempts.
+        CURL *easy = nullptr;
+        // Runs from the moment the request goes out; the attempt stalls once the answer has
+        // been quiet for stallTimeoutMs since lastActivity (an answer's end of head, a block).
         QTimer stallTimer;
         // Commits a batch that waits for more notifications than the link sends.
         QTimer flushTimer;
@@ -171,6 +186,8 @@ private:
     Transfer &transfer();
     std::unique_ptr<Transfer> running;
     int maxRetries = -1;
+    // Place among the downloads of this process, in order of creation (or restore).
+    quint64 creationOrder = 0;
     QElapsedTimer lastActivity;
     int stallTimeoutMs = 0;
     // Counted among the transfers sharing the read-buffer budget.

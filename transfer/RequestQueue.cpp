@@ -20,26 +20,48 @@ QString RequestQueue::originOf(const QString &url)
         + QString::number(port);
 }
 
-bool RequestQueue::Origin::mayStart(uint uid) const
+void RequestQueue::setPerOrigin(int limit)
 {
-    if (running >= kPerOrigin)
-        return false;
-    if (uid == 0)
-        return held.value(0) < kPerOrigin - 1;
-    return held.value(uid) < kPerUser && running - held.value(0) < kForUsers;
+    perOriginLimit = qMax(2, limit);
 }
 
-void RequestQueue::enter(
-    const void *owner, uint uid, const QString &origin, std::function<void()> start)
+void RequestQueue::setActiveLimit(int limit)
+{
+    allLimit = limit <= 0 ? 0 : qMax(2, limit);
+}
+
+bool RequestQueue::Holders::mayStart(uint uid, int limit) const
+{
+    if (limit == 0)
+        return true;
+    if (running >= limit)
+        return false;
+    if (uid == 0)
+        return held.value(0) < limit - 1;
+    return held.value(uid) < qMax(1, limit * 2 / 3) && running - held.value(0) < limit - 1;
+}
+
+void RequestQueue::Holders::add(uint uid, int count)
+{
+    running += count;
+    if ((held[uid] += count) == 0)
+        held.remove(uid);
+}
+
+void RequestQueue::enter(const void *owner, uint uid, const QString &origin, quint64 order,
+    std::function<void()> start)
 {
     leave(owner);
     Origin &entry = origins[origin];
     owners.insert(owner, { origin, uid, true });
-    entry.waiting[uid].append({ owner, std::move(start) });
+    QList<Waiter> &queue = entry.waiting[uid];
+    const auto later = std::upper_bound(queue.begin(), queue.end(), order,
+        [](quint64 o, const Waiter &w) { return o < w.order; });
+    queue.insert(later, { owner, order, std::move(start) });
     if (!entry.turns.contains(uid))
         entry.turns.append(uid);
     // A slot given back is already promised to a request that waits: the turns decide.
-    startWaiting(origin);
+    startWaiting();
 }
 
 void RequestQueue::leave(const void *owner)
@@ -52,45 +74,50 @@ void RequestQueue::leave(const void *owner)
     Origin &entry = origins[left.origin];
     if (left.waiting) {
         auto &queue = entry.waiting[left.uid];
-        queue.removeIf([owner](const auto &w) { return w.first == owner; });
+        queue.removeIf([owner](const Waiter &w) { return w.owner == owner; });
         if (queue.isEmpty()) {
             entry.waiting.remove(left.uid);
             entry.turns.removeOne(left.uid);
         }
     } else {
-        --entry.running;
-        if (--entry.held[left.uid] == 0)
-            entry.held.remove(left.uid);
+        entry.add(left.uid, -1);
+        all.add(left.uid, -1);
         // Started from the event loop, not from inside the caller (often a transfer that is
         // ending); "pause all" drops every waiting request before any of them would start.
-        if (!entry.turns.isEmpty())
-            QTimer::singleShot(0, [this, origin = left.origin] { startWaiting(origin); });
+        QTimer::singleShot(0, [this] { startWaiting(); });
     }
     if (entry.running == 0 && entry.turns.isEmpty())
         origins.remove(left.origin);
 }
 
-void RequestQueue::startWaiting(const QString &origin)
+void RequestQueue::startWaiting()
 {
     for (;;) {
-        const auto entry = origins.find(origin);
-        if (entry == origins.end())
-            return;
-        const auto next = std::find_if(entry->turns.cbegin(), entry->turns.cend(),
-            [&](uint uid) { return entry->mayStart(uid); });
-        if (next == entry->turns.cend())
+        Origin *from = nullptr;
+        QList<uint>::const_iterator next;
+        for (Origin &entry : origins) {
+            const auto turn = std::find_if(entry.turns.cbegin(), entry.turns.cend(), [&](uint uid) {
+                return entry.mayStart(uid, perOriginLimit) && all.mayStart(uid, allLimit);
+            });
+            if (turn != entry.turns.cend()
+                && (!from || entry.waiting[*turn].first().order < from->waiting[*next].first().order)) {
+                from = &entry;
+                next = turn;
+            }
+        }
+        if (!from)
             return;
         const uint uid = *next;
-        entry->turns.erase(next);
-        auto &queue = entry->waiting[uid];
-        auto [owner, start] = queue.takeFirst();
+        from->turns.erase(next);
+        auto &queue = from->waiting[uid];
+        Waiter w = queue.takeFirst();
         if (queue.isEmpty())
-            entry->waiting.remove(uid);
+            from->waiting.remove(uid);
         else
-            entry->turns.append(uid); // its next request waits for its next turn
-        owners[owner].waiting = false;
-        ++entry->running;
-        ++entry->held[uid];
-        start(); // may enter or leave: the entry is looked up again
+            from->turns.append(uid); // its next request waits for its next turn
+        owners[w.owner].waiting = false;
+        from->add(uid, 1);
+        all.add(uid, 1);
+        w.start(); // may enter or leave: the entries are looked up again
     }
 }

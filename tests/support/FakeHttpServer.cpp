@@ -84,6 +84,7 @@ void FakeHttpServer::onNewConnection()
         auto *c = new Connection;
         c->socket = socket;
         connections.insert(socket, c);
+        mostConnections = qMax(mostConnections, int(connections.size()));
         connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
         connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
             if (Connection *c = connections.value(socket))

@@ -61,6 +61,7 @@ public:
     QList<Request> requests() const { return received; }
     QList<Request> requestsFor(const QByteArray &path) const;
     void clearRequests() { received.clear(); }
+    int mostConnections = 0; // open at once, at most, so far
 
     // Deterministic pseudo-random content, so tests can compare exact bytes.
     static QByteArray makeBody(qint64 size, quint32 seed = 1);
