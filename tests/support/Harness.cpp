@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -98,6 +99,8 @@ bool Child::start(
         return false;
     mPid = fork();
     if (mPid == 0) {
+        // A test that aborts must not leave its service holding ports, users and locks.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(in[0], 0);
         dup2(out[1], 1);
         dup2(err[1], 2);
