@@ -204,8 +204,10 @@ void CurlEngine::watch(curl_socket_t fd, int what)
     if (!w.read) {
         w.read = new QSocketNotifier(fd, QSocketNotifier::Read, this);
         w.write = new QSocketNotifier(fd, QSocketNotifier::Write, this);
-        connect(w.read, &QSocketNotifier::activated, this, [this, fd] { act(fd, CURL_CSELECT_IN); });
-        connect(w.write, &QSocketNotifier::activated, this, [this, fd] { act(fd, CURL_CSELECT_OUT); });
+        connect(
+            w.read, &QSocketNotifier::activated, this, [this, fd] { act(fd, CURL_CSELECT_IN); });
+        connect(
+            w.write, &QSocketNotifier::activated, this, [this, fd] { act(fd, CURL_CSELECT_OUT); });
     }
     w.read->setEnabled(what & CURL_POLL_IN);
     w.write->setEnabled(what & CURL_POLL_OUT);

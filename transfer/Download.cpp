@@ -71,17 +71,16 @@ bool isRedirectStatus(int status)
 } // namespace
 
 // A new download is a stored one that has no file, no state and failure code 4 yet.
-Download::Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID,
-    QString clientID, QString contentURL, QString name)
-    : Download(manager, engine, uniqueID, clientID, name, contentURL, QString(), Undefined,
-        4, 0, 0, 0)
+Download::Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID, QString clientID,
+    QString contentURL, QString name)
+    : Download(
+        manager, engine, uniqueID, clientID, name, contentURL, QString(), Undefined, 4, 0, 0, 0)
 {
 }
 
-Download::Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID,
-    QString clientID, QString name, QString contentURL, QString filePath,
-    unsigned state, unsigned failureCode, qint64 totalSize, qint64 amountDownloaded,
-    qint64 startTime)
+Download::Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID, QString clientID,
+    QString name, QString contentURL, QString filePath, unsigned state, unsigned failureCode,
+    qint64 totalSize, qint64 amountDownloaded, qint64 startTime)
     : QObject(nullptr),
       manager(manager),
       engine(engine),
@@ -444,9 +443,8 @@ void Download::acceptAnswer(qint64 total)
 
 void Download::rejectAnswer()
 {
-    QString reason = QStringLiteral("HTTP %1 %2")
-                         .arg(answer.status)
-                         .arg(QString::fromUtf8(answer.reason));
+    QString reason
+        = QStringLiteral("HTTP %1 %2").arg(answer.status).arg(QString::fromUtf8(answer.reason));
     if (answer.status < 400)
         reason += QStringLiteral(" is not a usable answer");
     endAttempt(FAILURE_HTTP_STATUS, reason, http::isPassingStatus(answer.status),

@@ -41,9 +41,9 @@ public:
     Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID, QString clientID,
         QString contentURL, QString name);
     // A download restored from its stored record, values taken as they are.
-    Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID,
-        QString clientID, QString name, QString contentURL, QString filePath, unsigned state,
-        unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
+    Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID, QString clientID,
+        QString name, QString contentURL, QString filePath, unsigned state, unsigned failureCode,
+        qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
     ~Download() override;
 
     QString stateAsString() const;

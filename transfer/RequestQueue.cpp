@@ -48,15 +48,15 @@ void RequestQueue::Holders::add(uint uid, int count)
         held.remove(uid);
 }
 
-void RequestQueue::enter(const void *owner, uint uid, const QString &origin, quint64 order,
-    std::function<void()> start)
+void RequestQueue::enter(
+    const void *owner, uint uid, const QString &origin, quint64 order, std::function<void()> start)
 {
     leave(owner);
     Origin &entry = origins[origin];
     owners.insert(owner, { origin, uid, true });
     QList<Waiter> &queue = entry.waiting[uid];
-    const auto later = std::upper_bound(queue.begin(), queue.end(), order,
-        [](quint64 o, const Waiter &w) { return o < w.order; });
+    const auto later = std::upper_bound(
+        queue.begin(), queue.end(), order, [](quint64 o, const Waiter &w) { return o < w.order; });
     queue.insert(later, { owner, order, std::move(start) });
     if (!entry.turns.contains(uid))
         entry.turns.append(uid);
@@ -100,7 +100,8 @@ void RequestQueue::startWaiting()
                 return entry.mayStart(uid, perOriginLimit) && all.mayStart(uid, allLimit);
             });
             if (turn != entry.turns.cend()
-                && (!from || entry.waiting[*turn].first().order < from->waiting[*next].first().order)) {
+                && (!from
+                    || entry.waiting[*turn].first().order < from->waiting[*next].first().order)) {
                 from = &entry;
                 next = turn;
             }
