@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DownloadManager.h"
+#include "FrontEnd.h"
 
 #include <QObject>
 #include <QString>
@@ -9,8 +10,7 @@ class Download;
 
 // Base of every front end. Forwards requests to the manager (doing nothing when it has none) and
 // gives the manager three hooks. The manager owns its clients and destroys them in quit().
-class DLBaseClient : public QObject
-{
+class DLBaseClient : public QObject, public FrontEnd {
     Q_OBJECT
 
 public:
@@ -27,12 +27,11 @@ public:
     DownloadManager::PathStatus setDownloadPath(const QString &clientID, const QString &path);
 
     virtual bool init();
-    virtual void help();
-    virtual void updateDownloadEntry(Download *download) = 0;
+    void help() override;
 
     // How the manager's quit() ends this client. A plain client is deleted; a client that other
     // owners may still reference (a published Binder object) overrides this to detach instead.
-    virtual void destroy();
+    void destroy() override;
 
 protected:
     DownloadManager *manager;

@@ -1,8 +1,5 @@
 #include "DownloadManager.h"
 
-#include "DLBaseClient.h"
-#include "DLBinderClient.h"
-#include "DLConsoleReaderClient.h"
 #include "DLMEvents.h"
 #include "DLTools.h"
 #include "DlmLog.h"
@@ -123,10 +120,16 @@ QString defaultSettingsPath()
 }
 } // namespace
 
-DownloadManager::DownloadManager() : DownloadManager(defaultSettingsPath()) {}
+DownloadManager::DownloadManager(const FrontEndFactory &frontEnds)
+    : DownloadManager(defaultSettingsPath(), frontEnds)
+{
+}
 
-DownloadManager::DownloadManager(const QString &settingsPath)
-    : QObject(nullptr), networkManager(nullptr), database(nullptr), settings(nullptr),
+DownloadManager::DownloadManager(const QString &settingsPath, const FrontEndFactory &frontEnds)
+    : QObject(nullptr),
+      networkManager(nullptr),
+      database(nullptr),
+      settings(nullptr),
       settingsPath(settingsPath)
 {
     networkManager = new QNetworkAccessManager(this);
@@ -144,9 +147,10 @@ DownloadManager::DownloadManager(const QString &settingsPath)
     }
     // Directories come first: the console keeps a stored directory of its own.
     loadDownloadPaths();
-    createClients();
+    if (frontEnds)
+        clients = frontEnds(this);
     if (database)
-        database->getDownloadList();
+        database->forEachStored([this](const StoredRecord &record) { restoreDownload(record); });
 }
 
 bool DownloadManager::openDatabase(const QString &directory)
@@ -176,7 +180,7 @@ bool DownloadManager::openDatabase(const QString &directory)
                  databaseLock.errorText().toLocal8Bit().constData());
         break;
     }
-    database = new DownloadDataBase(this, file);
+    database = new DownloadDataBase(file, &DownloadManager::storedRecord);
     return true;
 }
 
@@ -229,32 +233,14 @@ QString DownloadManager::getSettingsValue(const QString &key, const QString &def
     return value;
 }
 
-void DownloadManager::createClients()
-{
-    bool numeric = false;
-    const int consoleSwitch = qEnvironmentVariable("DL_CONSOLE_READER_ENABLE").toInt(&numeric, 10);
-    if (numeric && consoleSwitch != 0)
-        clients.append(new DLConsoleReaderClient(this));
-
-    DLBaseClient *binderClient = createBinderClient();
-    if (binderClient) {
-        if (binderClient->init()) {
-            clients.append(binderClient);
-        } else {
-            DLM_LOGE("Error: Unable to init Binder client");
-            binderClient->destroy();
-        }
-    }
-}
-
-void DownloadManager::addClient(DLBaseClient *client)
+void DownloadManager::addClient(FrontEnd *client)
 {
     clients.append(client);
 }
 
 void DownloadManager::execute()
 {
-    for (DLBaseClient *client : qAsConst(clients))
+    for (FrontEnd *client : qAsConst(clients))
         client->help();
 }
 
@@ -262,9 +248,9 @@ void DownloadManager::quit()
 {
     DLM_LOGD("!!!!QUIT!!!!!!");
     quitting = true;
-    const QList<DLBaseClient *> oldClients = clients;
+    const QList<FrontEnd *> oldClients = clients;
     clients.clear();
-    for (DLBaseClient *client : oldClients)
+    for (FrontEnd *client : oldClients)
         client->destroy();
 
     // Rows still behind are written while their downloads exist.
@@ -322,8 +308,8 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     const QString filePath = getFileName(clientID, url, ownerUid);
     reservedPaths.insert(filePath);
 
-    Download *download = new Download(this, networkManager, id, clientID, url,
-                                      name.isEmpty() ? filePath : name);
+    Download *download = new Download([this](Download *d) { updateDownload(d); }, networkManager,
+        id, clientID, url, name.isEmpty() ? filePath : name);
     download->setMaxRetries(maxRetries);
     download->filePath = filePath;
     download->ownerUid = ownerUid;
@@ -339,31 +325,29 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     return CreateStatus::Created;
 }
 
-void DownloadManager::createDownload(const QString &uniqueID, const QString &clientID,
-    const QString &name, const QString &contentURL, const QString &filePath, unsigned int state,
-    unsigned int failureCode, long long totalSize, long long amountDownloaded, long long startTime,
-    uint ownerUid, const FileIdentity &fileIdentity, const ExpectedContent &expected,
-    const QByteArray &validator, const QString &failureReason, int httpStatus)
+void DownloadManager::restoreDownload(const StoredRecord &r)
 {
     // Reserved by its canonical form, as new paths are.
-    const QString canonical = QDir::isAbsolutePath(filePath) ? QDir::cleanPath(filePath) : filePath;
-    Download *download = new Download(this, networkManager, uniqueID, clientID, name, contentURL,
-        canonical, state, failureCode, totalSize, amountDownloaded, startTime);
+    const QString canonical
+        = QDir::isAbsolutePath(r.filePath) ? QDir::cleanPath(r.filePath) : r.filePath;
+    Download *download = new Download([this](Download *d) { updateDownload(d); }, networkManager,
+        r.uniqueID, r.clientID, r.name, r.contentURL, canonical, r.state, r.failureCode,
+        r.totalSize, r.amountDownloaded, r.startTime);
     download->setMaxRetries(maxRetries);
-    download->ownerUid = ownerUid;
-    download->fileIdentity = fileIdentity;
-    download->content = ContentCheck(expected.size, expected.sha256.toLatin1());
-    download->validator = validator;
-    download->failureReason = failureReason;
-    download->httpStatus = httpStatus;
-    download->privateFile = !inChosenDirectory(ownerUid, clientID, canonical);
+    download->ownerUid = r.ownerUid;
+    download->fileIdentity = r.fileIdentity;
+    download->content = ContentCheck(r.expectedSize, r.expectedSha256);
+    download->validator = r.validator;
+    download->failureReason = r.failureReason;
+    download->httpStatus = r.httpStatus;
+    download->privateFile = !inChosenDirectory(r.ownerUid, r.clientID, canonical);
     reservedPaths.insert(canonical);
     downloads.append(download);
     const QString fault = storedRowFault(download);
     if (!fault.isEmpty()) {
         DLM_LOGE("Stored download %s stays Failed, never launched: %s. URL=%s file=%s",
-                 uniqueID.toLocal8Bit().constData(), fault.toLocal8Bit().constData(),
-                 contentURL.toLocal8Bit().constData(), filePath.toLocal8Bit().constData());
+            r.uniqueID.toLocal8Bit().constData(), fault.toLocal8Bit().constData(),
+            r.contentURL.toLocal8Bit().constData(), r.filePath.toLocal8Bit().constData());
         download->state = Download::Failed;
         return;
     }
@@ -561,7 +545,7 @@ void DownloadManager::updateDownload(Download *download)
         database->store(download);
     if (download->state != Download::Progressing && download->state != Download::Pending)
         idleTimer.start();
-    for (DLBaseClient *client : qAsConst(clients))
+    for (FrontEnd *client : qAsConst(clients))
         client->updateDownloadEntry(download);
 }
 
@@ -654,8 +638,8 @@ void DownloadManager::discard(Download *download)
     download->abort();
     // A database that keeps the row must not keep the download alive: it would stay
     // unremovable. The row brings it back at the next start.
-    if (database && !database->deleteEntry(download) &&
-        database->isDBEntryAvailable(download->uniqueID))
+    if (database && !database->deleteEntry(download, download->uniqueID)
+        && database->isDBEntryAvailable(download->uniqueID))
         DLM_LOGE("Unable to delete %s from the database; removed from memory only",
                  download->uniqueID.toLocal8Bit().constData());
     const QString path = download->filePath;
@@ -718,10 +702,11 @@ void DownloadManager::customEvent(QEvent *event)
     }
 }
 
-DLBaseClient *DownloadManager::createBinderClient()
+StoredRecord DownloadManager::storedRecord(DownloadDataBase::RowKey row)
 {
-    auto *client = new DLBinderClient(this);
-    // The manager's own reference; DLBinderClient::destroy() drops it.
-    client->incStrong(client);
-    return client;
+    const auto *d = static_cast<const Download *>(row);
+    return { d->uniqueID, d->clientID, d->name, d->contentURL, d->filePath, d->state,
+        d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid,
+        d->fileIdentity, d->content.expectedSize(), d->content.expectedSha256(), d->validator,
+        d->failureReason, d->httpStatus };
 }

@@ -1,7 +1,8 @@
 #pragma once
 
 #include "DirectoryLock.h"
-#include "OwnedFile.h"
+#include "DownloadDataBase.h"
+#include "FrontEnd.h"
 
 #include <QHash>
 #include <QList>
@@ -11,9 +12,9 @@
 #include <QString>
 #include <QTimer>
 
-class DLBaseClient;
+#include <functional>
+
 class Download;
-class DownloadDataBase;
 class QNetworkAccessManager;
 class QSettings;
 
@@ -38,9 +39,12 @@ class DownloadManager : public QObject
     Q_OBJECT
 
 public:
-    DownloadManager();
+    // Builds the front ends once the directories are known and before stored downloads come
+    // back; an empty one builds none (addClient() adds them later).
+    using FrontEndFactory = std::function<QList<FrontEnd *>(DownloadManager *)>;
+    explicit DownloadManager(const FrontEndFactory &frontEnds = {});
     // Reads its settings from settingsPath instead of the file next to the executable.
-    explicit DownloadManager(const QString &settingsPath);
+    explicit DownloadManager(const QString &settingsPath, const FrontEndFactory &frontEnds = {});
     ~DownloadManager() override;
 
     // True when another service holds the database directory: this manager then made nothing
@@ -59,7 +63,7 @@ public:
     // line, and every setting keeps its default.
     void loadSettings();
     // Registers one more front end after construction; the manager owns it from then on.
-    void addClient(DLBaseClient *client);
+    void addClient(FrontEnd *client);
     QString getSettingsValue(const QString &key, const QString &defaultValue);
 
     // Stops the service: destroys the clients, then the downloads, then the database, and leaves
@@ -75,14 +79,11 @@ public:
                                 const QString &uniqueID, const QString &name,
                                 QString *createdID = nullptr, uint ownerUid = 0,
                                 const ExpectedContent &expected = {});
-    // A stored row comes back as it was, unless its URL is not http(s) or its path not one
+    // A stored record comes back as it was, unless its URL is not http(s) or its path not one
     // these rules give: that one is logged and stays Failed, never launched nor resumed.
-    void createDownload(const QString &uniqueID, const QString &clientID, const QString &name,
-        const QString &contentURL, const QString &filePath, unsigned int state,
-        unsigned int failureCode, long long totalSize, long long amountDownloaded,
-        long long startTime, uint ownerUid = 0, const FileIdentity &fileIdentity = {},
-        const ExpectedContent &expected = {}, const QByteArray &validator = {},
-        const QString &failureReason = {}, int httpStatus = 0);
+    void restoreDownload(const StoredRecord &record);
+    // The record the database writes for a download (a DownloadDataBase::RowKey).
+    static StoredRecord storedRecord(DownloadDataBase::RowKey download);
     // 32 lowercase hexadecimal characters, different on every call.
     QString getUniqueID(const QString &url);
     QString getFileName(const QString &clientID, const QString &url, uint ownerUid = 0);
@@ -138,7 +139,6 @@ protected:
 private:
     using PathKey = QPair<uint, QString>; // owner uid, client id
 
-    void createClients();
     // Opens the database unless it is not trusted; false when the service must not start.
     bool openDatabase(const QString &directory);
     // A non-negative whole number from the settings, else defaultValue.
@@ -150,15 +150,13 @@ private:
     bool identifierInUse(const QString &uniqueID) const;
     // Aborts, unstores and destroys a download that is no longer in the list.
     void discard(Download *download);
-    // Builds the IPC front end (not yet published).
-    DLBaseClient *createBinderClient();
     // Once no download is on the wire: drops idle connections and the database's cache, and
     // gives freed heap back to the system, so a burst does not stay resident.
     void releaseIdleMemory();
 
     QNetworkAccessManager *networkManager;
     QList<Download *> downloads;
-    QList<DLBaseClient *> clients;
+    QList<FrontEnd *> clients;
     DownloadDataBase *database;
     // Canonical directories; chosenPaths are those a uid set itself (not defaults).
     QHash<PathKey, QString> downloadPaths;

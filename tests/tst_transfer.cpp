@@ -78,8 +78,13 @@ private slots:
         DownloadManager manager(dir.filePath("ini"));
         const auto quit = qScopeGuard([&] { manager.quit(); });
         manager.addClient(new Recorder(&manager));
-        manager.createDownload("id", "t", "f", server.url("/f").toString(), dir.filePath("f"),
-            Download::Pending, 4, 0, 0, 0);
+        manager.restoreDownload({ .uniqueID = "id",
+            .clientID = "t",
+            .name = "f",
+            .contentURL = server.url("/f").toString(),
+            .filePath = dir.filePath("f"),
+            .state = Download::Pending,
+            .failureCode = 4 });
         Download *d = manager.getDownload("id");
         QVERIFY(d && d->reply);
         connect(d->reply, &QIODevice::readyRead, [] { ++seen; });
