@@ -6,7 +6,6 @@
 #include "DownloadManager.h"
 #include "MainThreadQueue.h"
 
-#include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -21,11 +20,6 @@
 #include <unistd.h>
 
 using namespace android;
-
-#define BINDER_LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, DLM_BINDER_TAG, __VA_ARGS__)
-#define BINDER_LOGI(...) __android_log_print(ANDROID_LOG_INFO, DLM_BINDER_TAG, __VA_ARGS__)
-#define BINDER_LOGW(...) __android_log_print(ANDROID_LOG_WARN, DLM_BINDER_TAG, __VA_ARGS__)
-#define BINDER_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, DLM_BINDER_TAG, __VA_ARGS__)
 
 namespace {
 
@@ -52,9 +46,8 @@ constexpr int kPageRecords = 4096;
 size_t recordBytes(const IDownload &r)
 {
     size_t bytes = 4 + 4 + 8 + 8 + 8 + 8 + 4 + 4 + 8;
-    for (const std::string *text :
-        { &r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath, &r.failureReason,
-            &r.expectedSha256 })
+    for (const std::string *text : { &r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath,
+             &r.failureReason, &r.expectedSha256 })
         bytes += 4 + (text->size() + 3) / 4 * 4;
     return bytes;
 }
@@ -76,15 +69,14 @@ QString storedIdOf(DownloadManager *manager, const QString &id, uint uid)
 
 } // namespace
 
-DLBinderClient::DLBinderClient(DownloadManager *manager) : DLBaseClient(manager) {}
+DLBinderClient::DLBinderClient(DownloadManager *manager) : manager(manager) { }
 
 DLBinderClient::~DLBinderClient() = default;
 
 template <typename R>
 R DLBinderClient::askManager(R fallback, std::function<R(DownloadManager *)> question)
 {
-    struct Answer
-    {
+    struct Answer {
         std::mutex mutex;
         std::condition_variable ready;
         bool done = false;
@@ -111,7 +103,8 @@ R DLBinderClient::askManager(R fallback, std::function<R(DownloadManager *)> que
     }
     std::unique_lock<std::mutex> wait(answer->mutex);
     while (!answer->done) {
-        if (answer->ready.wait_for(wait, std::chrono::milliseconds(50)) == std::cv_status::timeout) {
+        if (answer->ready.wait_for(wait, std::chrono::milliseconds(50))
+            == std::cv_status::timeout) {
             // quit() drops queued work; do not wait for an answer that will never come.
             std::shared_lock<std::shared_mutex> lock(gate);
             if (detached)
@@ -141,8 +134,7 @@ bool DLBinderClient::init()
     managerThread = new MainThreadQueue;
     ProcessState::self()->startThreadPool();
     const sp<IBinder> self = static_cast<BBinder *>(this);
-    const status_t err =
-        defaultServiceManager()->addService(String16(kServiceName), self);
+    const status_t err = defaultServiceManager()->addService(String16(kServiceName), self);
     if (err != 0) {
         BINDER_LOGE("Unable to add DL service err %d", err);
         return false;
@@ -150,7 +142,7 @@ bool DLBinderClient::init()
     return true;
 }
 
-void DLBinderClient::help() {}
+void DLBinderClient::help() { }
 
 void DLBinderClient::destroy()
 {
@@ -162,25 +154,20 @@ void DLBinderClient::destroy()
         std::swap(queue, managerThread);
     }
     delete queue; // no pool thread can be inside post() any more
-    std::vector<EventClient> dropped;
-    {
-        std::lock_guard<std::mutex> lock(eventClientsMutex);
-        dropped.swap(eventClients);
-    }
-    dropped.clear();
+    eventClients.takeAll(); // released here, outside its lock
     decStrong(this);
 }
 
 void DLBinderClient::createDownload(const std::string &clientID, const std::string &url,
-                                    const std::string &uniqueID, const std::string &name)
+    const std::string &uniqueID, const std::string &name)
 {
     BINDER_LOGD("Create download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
-                url.c_str(), uniqueID.c_str(), name.c_str());
+        url.c_str(), uniqueID.c_str(), name.c_str());
     const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
                   displayName = textIn(name);
     const uint uid = callerUid();
     if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes) {
-        BINDER_LOGE("Create download refused: identifier %s too long", uniqueID.c_str());
+        BINDER_LOGW("Create download refused: identifier %s too long", uniqueID.c_str());
         return;
     }
     post([=](DownloadManager *m) {
@@ -211,7 +198,7 @@ void DLBinderClient::removeDownload(const std::string &uniqueID)
 {
     BINDER_LOGD("Remove download unique id:%s", uniqueID.c_str());
     if (uniqueID.empty()) {
-        BINDER_LOGE("uniqueID must be specified");
+        BINDER_LOGW("uniqueID must be specified");
         return;
     }
     const QString id = textIn(uniqueID);
@@ -269,7 +256,7 @@ int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download
         return result;
     });
     if (!found.first) {
-        BINDER_LOGE(" getDownload download is null %s", uniqueID.c_str());
+        BINDER_LOGI(" getDownload download is null %s", uniqueID.c_str());
         return DOWNLOAD_NOT_FOUND;
     }
     if (download)
@@ -298,13 +285,14 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
         return result;
     });
     if (answer.second) {
-        BINDER_LOGE("getDownloadList client id %s: the records exceed one reply (%zu bytes); "
-                    "refused, read them page by page", clientID.c_str(), kListReplyBytes);
+        BINDER_LOGW("getDownloadList client id %s: the records exceed one reply (%zu bytes); "
+                    "refused, read them page by page",
+            clientID.c_str(), kListReplyBytes);
         return android::FAILED_TRANSACTION;
     }
     const std::vector<IDownload> &records = answer.first;
     if (records.empty()) {
-        BINDER_LOGE("getDownloadList No downloads!!! client id %s", clientID.c_str());
+        BINDER_LOGI("getDownloadList No downloads!!! client id %s", clientID.c_str());
         return 0;
     }
     BINDER_LOGD("download list found:%d", int(records.size()));
@@ -314,8 +302,8 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
     return 1;
 }
 
-int DLBinderClient::listDownloadsPage(const std::string &clientID, const std::string &after,
-                                      std::vector<IDownload> *page)
+int DLBinderClient::listDownloadsPage(
+    const std::string &clientID, const std::string &after, std::vector<IDownload> *page)
 {
     BINDER_LOGD("listDownloadsPage client id:%s after:%s", clientID.c_str(), after.c_str());
     const QString client = textIn(clientID), cursor = textIn(after);
@@ -360,15 +348,15 @@ int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const lo
     });
 }
 
-int32_t DLBinderClient::setDownloadPath(const std::string &clientID,
-                                        const std::string &downloadPath)
+int32_t DLBinderClient::setDownloadPath(
+    const std::string &clientID, const std::string &downloadPath)
 {
-    BINDER_LOGD("setDownloadPath clientID:%s downloadPath %s", clientID.c_str(),
-                downloadPath.c_str());
-    static_assert(int(DownloadManager::PathStatus::NotADirectory) == PATH_NOT_A_DIRECTORY &&
-                  int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE &&
-                  int(DownloadManager::PathStatus::NotPermitted) == PATH_NOT_PERMITTED &&
-                  int(DownloadManager::PathStatus::NotWritable) == PATH_NOT_WRITABLE);
+    BINDER_LOGD(
+        "setDownloadPath clientID:%s downloadPath %s", clientID.c_str(), downloadPath.c_str());
+    static_assert(int(DownloadManager::PathStatus::NotADirectory) == PATH_NOT_A_DIRECTORY
+        && int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE
+        && int(DownloadManager::PathStatus::NotPermitted) == PATH_NOT_PERMITTED
+        && int(DownloadManager::PathStatus::NotWritable) == PATH_NOT_WRITABLE);
     const QString client = textIn(clientID), path = textIn(downloadPath);
     const uint uid = callerUid();
     return askManager<int32_t>(DEAD_OBJECT, [client, path, uid](DownloadManager *m) {
@@ -377,23 +365,19 @@ int32_t DLBinderClient::setDownloadPath(const std::string &clientID,
 }
 
 int32_t DLBinderClient::requestDownload(const std::string &clientID, const std::string &url,
-                                        const std::string &uniqueID, const std::string &name,
-                                        std::string *uniqueIDOut)
+    const std::string &uniqueID, const std::string &name, std::string *uniqueIDOut)
 {
     return requestDownloadChecked(clientID, url, uniqueID, name, -1, std::string(), uniqueIDOut);
 }
 
-int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID,
-                                               const std::string &url,
-                                               const std::string &uniqueID,
-                                               const std::string &name, int64_t expectedSize,
-                                               const std::string &sha256Hex,
-                                               std::string *uniqueIDOut)
+int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID, const std::string &url,
+    const std::string &uniqueID, const std::string &name, int64_t expectedSize,
+    const std::string &sha256Hex, std::string *uniqueIDOut)
 {
     BINDER_LOGD("Request download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
-                url.c_str(), uniqueID.c_str(), name.c_str());
-    static_assert(int(DownloadManager::CreateStatus::IdInUse) == REQUEST_ID_IN_USE &&
-                  int(DownloadManager::CreateStatus::Refused) == REQUEST_REFUSED);
+        url.c_str(), uniqueID.c_str(), name.c_str());
+    static_assert(int(DownloadManager::CreateStatus::IdInUse) == REQUEST_ID_IN_USE
+        && int(DownloadManager::CreateStatus::Refused) == REQUEST_REFUSED);
     const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
                   displayName = textIn(name), digest = textIn(sha256Hex);
     const uint uid = callerUid();
@@ -420,41 +404,14 @@ void DLBinderClient::addClient(const sp<IDLClient> &client)
 {
     if (client == nullptr)
         return;
-    const sp<IBinder> binder = IInterface::asBinder(client);
-    // A local object would be the service calling itself and keeping itself alive.
-    const BpBinder *remote = binder->remoteBinder();
-    const char *refusal = remote == nullptr ? "not another process's object" : nullptr;
-    const uint uid = callerUid();
-    if (!refusal) {
-        std::lock_guard<std::mutex> lock(eventClientsMutex);
-        size_t sameConnection = 0, sameUid = 0, others = 0;
-        for (size_t i = 0; i < eventClients.size() && !refusal; ++i) {
-            const sp<IBinder> entry = IInterface::asBinder(eventClients[i].client);
-            if (entry == binder)
-                refusal = "already registered";
-            else if (entry->remoteBinder()->connection() == remote->connection())
-                ++sameConnection;
-            sameUid += eventClients[i].uid == uid;
-            others += eventClients[i].uid != 0;
-        }
-        if (!refusal && sameConnection >= kMaxEventClientsPerConnection)
-            refusal = "its connection's limit of event clients is reached";
-        else if (!refusal && uid != 0 && sameUid >= kMaxEventClientsPerUid)
-            refusal = "its user's limit of event clients is reached";
-        else if (!refusal
-            && (eventClients.size() >= kMaxEventClients
-                || (uid != 0 && others + kEventClientsRootReserve >= kMaxEventClients)))
-            refusal = "the limit of event clients is reached";
-        if (!refusal)
-            eventClients.push_back({ client, uid });
-    }
-    if (refusal) {
+    if (const char *refusal = eventClients.add(client, callerUid())) {
         BINDER_LOGW("Event client %p refused: %s", client.get(), refusal);
         return;
     }
     // Who listens is an operator's concern, as the refusal above is.
     BINDER_LOGI("Event client registered %p", client.get());
     // A client whose process is already gone would never be told dead: do not keep it.
+    const sp<IBinder> binder = IInterface::asBinder(client);
     if (binder->linkToDeath(sp<IBinder::DeathRecipient>(this), nullptr, 0) != android::NO_ERROR)
         binderDied(binder);
 }
@@ -465,18 +422,8 @@ void DLBinderClient::removeClient(const sp<IDLClient> &client)
     if (client == nullptr)
         return;
     const sp<IBinder> binder = IInterface::asBinder(client);
-    sp<IDLClient> removed; // released after the lock
-    {
-        std::lock_guard<std::mutex> lock(eventClientsMutex);
-        for (size_t i = 0; i < eventClients.size(); ++i) {
-            if (IInterface::asBinder(eventClients[i].client).get() == binder.get()) {
-                BINDER_LOGD("Removing client %p", client.get());
-                removed = eventClients[i].client;
-                eventClients.erase(eventClients.begin() + long(i));
-                break;
-            }
-        }
-    }
+    if (eventClients.remove(binder.get()) != nullptr)
+        BINDER_LOGD("Removing client %p", client.get());
     binder->unlinkToDeath(wp<IBinder::DeathRecipient>(this), nullptr, 0);
 }
 
@@ -484,18 +431,8 @@ void DLBinderClient::binderDied(const wp<IBinder> &who)
 {
     const sp<IBinder> binder = who.unsafe_get();
     BINDER_LOGD("Binder event client %p died, trying to remove from clients list", binder.get());
-    sp<IDLClient> removed;
-    {
-        std::lock_guard<std::mutex> lock(eventClientsMutex);
-        for (size_t i = 0; i < eventClients.size(); ++i) {
-            if (IInterface::asBinder(eventClients[i].client).get() == binder.get()) {
-                BINDER_LOGI("Removing client %p from eventClients", eventClients[i].client.get());
-                removed = eventClients[i].client;
-                eventClients.erase(eventClients.begin() + long(i));
-                break;
-            }
-        }
-    }
+    if (const sp<IDLClient> removed = eventClients.remove(binder.get()))
+        BINDER_LOGI("Removing client %p from eventClients", removed.get());
 }
 
 void DLBinderClient::updateDownloadEntry(Download *download)
@@ -507,16 +444,11 @@ void DLBinderClient::updateDownloadEntry(Download *download)
     for (size_t i = 0;; ++i) {
         sp<IDLClient> client;
         uint uid = 0;
-        {
-            std::lock_guard<std::mutex> lock(eventClientsMutex);
-            if (i >= eventClients.size())
-                break;
-            // A caller sees only the downloads it may touch, in updates as in queries.
-            if (!DownloadManager::mayTouch(eventClients[i].uid, download))
-                continue;
-            client = eventClients[i].client;
-            uid = eventClients[i].uid;
-        }
+        if (!eventClients.at(i, &client, &uid))
+            break;
+        // A caller sees only the downloads it may touch, in updates as in queries.
+        if (!AccessPolicy::mayTouch(uid, download))
+            continue;
         Parcel &update = updates[uid != 0];
         if (update.dataSize() == 0) {
             IDownload record;

@@ -24,10 +24,6 @@ const QString kExtra = QStringLiteral(
 constexpr int kSchemaVersion = 3;
 const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
 
-QByteArray local(const QString &text)
-{
-    return text.toLocal8Bit();
-}
 } // namespace
 
 DownloadDataBase::DownloadDataBase(const QString &path, RowReader reader) : read(std::move(reader))
@@ -48,8 +44,8 @@ bool DownloadDataBase::open(const QString &path)
     db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"));
     db.setDatabaseName(path);
     if (!db.open()) {
-        DLM_LOGE("Unable to open database %s: %s", local(path).constData(),
-            local(db.lastError().text()).constData());
+        DLM_LOGE("Unable to open database %s: %s", qUtf8Printable(path),
+            qUtf8Printable(db.lastError().text()));
         return false;
     }
     if (!isTableInDB()) {
@@ -159,7 +155,7 @@ bool DownloadDataBase::useWriteAheadLog()
         return false;
     const QString mode = query.next() ? query.value(0).toString() : QString();
     if (mode.compare(QLatin1String("wal"), Qt::CaseInsensitive) != 0) {
-        DLM_LOGW("Database stays in journal mode %s", local(mode).constData());
+        DLM_LOGW("Database stays in journal mode %s", qUtf8Printable(mode));
         return false;
     }
     return run(query, QStringLiteral("PRAGMA synchronous=NORMAL"), {});
@@ -180,8 +176,8 @@ bool DownloadDataBase::run(QSqlQuery &query, const QString &statement, const QVa
 bool DownloadDataBase::prepare(QSqlQuery &query, const QString &statement)
 {
     if (!query.prepare(statement)) {
-        DLM_LOGE("Unable to prepare \"%s\": %s", local(statement).constData(),
-            local(query.lastError().text()).constData());
+        DLM_LOGE("Unable to prepare \"%s\": %s", qUtf8Printable(statement),
+            qUtf8Printable(query.lastError().text()));
         return false;
     }
     return true;
@@ -194,8 +190,8 @@ bool DownloadDataBase::exec(QSqlQuery &query, const QString &statement, const QV
     for (int i = 0; i < values.size(); ++i)
         query.bindValue(i, values.at(i));
     if (!query.exec()) {
-        DLM_LOGE("Unable to execute \"%s\": %s", local(statement).constData(),
-            local(query.lastError().text()).constData());
+        DLM_LOGE("Unable to execute \"%s\": %s", qUtf8Printable(statement),
+            qUtf8Printable(query.lastError().text()));
         return false;
     }
     return true;
@@ -287,7 +283,7 @@ bool DownloadDataBase::flush()
         written = write(row) && written;
     if (transaction && !db.commit()) {
         DLM_LOGE("Unable to commit %d rows: %s", int(rows.size()),
-            local(db.lastError().text()).constData());
+            qUtf8Printable(db.lastError().text()));
         db.rollback();
         for (RowKey row : rows)
             writtenState.remove(row);

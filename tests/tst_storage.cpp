@@ -89,7 +89,6 @@ private slots:
         svc.sql("UPDATE downloads SET uniqueID = 'stored' WHERE uniqueID = 'x'"); // not live
         QVERIFY(manager->createDownload("c", "http://h/s", "stored", "")
             == DownloadManager::CreateStatus::IdInUse);
-        QVERIFY(errors.size() == 1 && errors.takeFirst().contains("stored is in use"));
         manager->quit();
         QCOMPARE(svc.sql("PRAGMA journal_mode"), Rows { { "wal" } });
         QCOMPARE(svc.sql("PRAGMA user_version"), Rows { { 3 } }); // and the older rows kept:

@@ -1,5 +1,5 @@
 // Transfers in-process, where every data notification and every report can be counted.
-#include "DLBaseClient.h"
+#include "DownloadManager.h"
 #include "Download.h"
 #include "FakeHttpServer.h"
 #include "Harness.h"
@@ -11,8 +11,8 @@ QList<QList<qint64>> reports; // state, total, amount, data notifications seen b
 int seen = 0;
 
 // No report counts bytes that are not in the file yet.
-struct Recorder : DLBaseClient {
-    using DLBaseClient::DLBaseClient;
+struct Recorder : FrontEnd {
+    void destroy() override { delete this; }
     void updateDownloadEntry(Download *d) override
     {
         QVERIFY(d->amountDownloaded <= QFileInfo(d->filePath).size());
@@ -77,7 +77,7 @@ private slots:
             .setValue("download_database_path", dir.path());
         DownloadManager manager(dir.filePath("ini"));
         const auto quit = qScopeGuard([&] { manager.quit(); });
-        manager.addClient(new Recorder(&manager));
+        manager.addClient(new Recorder);
         manager.restoreDownload({ .uniqueID = "id",
             .clientID = "t",
             .name = "f",
