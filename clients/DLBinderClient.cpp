@@ -4,18 +4,13 @@
 #include "DlmLog.h"
 #include "Download.h"
 #include "DownloadManager.h"
-#include "MainThreadQueue.h"
 
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 
-#include <QThread>
-
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <unistd.h>
 
@@ -69,69 +64,13 @@ QString storedIdOf(DownloadManager *manager, const QString &id, uint uid)
 
 } // namespace
 
-DLBinderClient::DLBinderClient(DownloadManager *manager) : manager(manager) { }
+DLBinderClient::DLBinderClient(DownloadManager *manager) : gate(manager) { }
 
 DLBinderClient::~DLBinderClient() = default;
 
-template <typename R>
-R DLBinderClient::askManager(R fallback, std::function<R(DownloadManager *)> question)
-{
-    struct Answer {
-        std::mutex mutex;
-        std::condition_variable ready;
-        bool done = false;
-        R value;
-    };
-    auto answer = std::make_shared<Answer>();
-    {
-        std::shared_lock<std::shared_mutex> lock(gate);
-        if (detached || !manager)
-            return fallback;
-        DownloadManager *target = manager;
-        if (QThread::currentThread() == target->thread())
-            return question(target);
-        // The answer lives in shared state: work that runs after we gave up writes there.
-        const bool queued = managerThread && managerThread->post([target, answer, question] {
-            R value = question(target);
-            std::lock_guard<std::mutex> guard(answer->mutex);
-            answer->value = std::move(value);
-            answer->done = true;
-            answer->ready.notify_all();
-        });
-        if (!queued)
-            return fallback;
-    }
-    std::unique_lock<std::mutex> wait(answer->mutex);
-    while (!answer->done) {
-        if (answer->ready.wait_for(wait, std::chrono::milliseconds(50))
-            == std::cv_status::timeout) {
-            // quit() drops queued work; do not wait for an answer that will never come.
-            std::shared_lock<std::shared_mutex> lock(gate);
-            if (detached)
-                return fallback;
-        }
-    }
-    return answer->value;
-}
-
-void DLBinderClient::post(std::function<void(DownloadManager *)> request)
-{
-    // Queued work stays counted against the caller's connection and uid until it has run, so a
-    // flood of calls that return at once is held back like any other (see IPCThreadState).
-    std::shared_ptr<void> counted = IPCThreadState::self()->keepCallCounted();
-    std::shared_lock<std::shared_mutex> lock(gate);
-    if (detached || !manager || !managerThread)
-        return;
-    DownloadManager *target = manager;
-    managerThread->post([target, request = std::move(request), counted] {
-        if (!target->isQuitting())
-            request(target);
-    });
-}
-
 bool DLBinderClient::init()
 {
-    managerThread = new MainThreadQueue;
+    gate.open();
     ProcessState::self()->startThreadPool();
     const sp<IBinder> self = static_cast<BBinder *>(this);
     const status_t err = defaultServiceManager()->addService(String16(kServiceName), self);
@@ -146,14 +85,7 @@ void DLBinderClient::help() { }
 
 void DLBinderClient::destroy()
 {
-    MainThreadQueue *queue = nullptr;
-    {
-        std::unique_lock<std::shared_mutex> lock(gate);
-        detached = true;
-        manager = nullptr;
-        std::swap(queue, managerThread);
-    }
-    delete queue; // no pool thread can be inside post() any more
+    gate.close();
     eventClients.takeAll(); // released here, outside its lock
     decStrong(this);
 }
@@ -170,7 +102,7 @@ void DLBinderClient::createDownload(const std::string &clientID, const std::stri
         BINDER_LOGW("Create download refused: identifier %s too long", uniqueID.c_str());
         return;
     }
-    post([=](DownloadManager *m) {
+    gate.post([=](DownloadManager *m) {
         // A refusal is logged; the one-way caller has nobody to tell.
         if (uid == 0 || id.isEmpty() || !CallerView::find(m, id, uid))
             m->createDownload(
@@ -183,7 +115,7 @@ void DLBinderClient::pauseDownload(const std::string &uniqueID)
     BINDER_LOGD("Pause download unique id:%s", uniqueID.c_str());
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    post([=](DownloadManager *m) { m->pauseDownload(storedIdOf(m, id, uid), uid); });
+    gate.post([=](DownloadManager *m) { m->pauseDownload(storedIdOf(m, id, uid), uid); });
 }
 
 void DLBinderClient::resumeDownload(const std::string &uniqueID)
@@ -191,7 +123,7 @@ void DLBinderClient::resumeDownload(const std::string &uniqueID)
     BINDER_LOGD("Resume download unique id:%s", uniqueID.c_str());
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    post([=](DownloadManager *m) { m->resumeDownload(storedIdOf(m, id, uid), uid); });
+    gate.post([=](DownloadManager *m) { m->resumeDownload(storedIdOf(m, id, uid), uid); });
 }
 
 void DLBinderClient::removeDownload(const std::string &uniqueID)
@@ -203,7 +135,7 @@ void DLBinderClient::removeDownload(const std::string &uniqueID)
     }
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    post([=](DownloadManager *m) { m->removeDownload(storedIdOf(m, id, uid), uid); });
+    gate.post([=](DownloadManager *m) { m->removeDownload(storedIdOf(m, id, uid), uid); });
 }
 
 int32_t DLBinderClient::control(const char *what, const std::string &uniqueID,
@@ -214,7 +146,7 @@ int32_t DLBinderClient::control(const char *what, const std::string &uniqueID,
         && int(DownloadManager::ControlStatus::WrongState) == CONTROL_WRONG_STATE);
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    return askManager<int32_t>(DEAD_OBJECT, [id, uid, action](DownloadManager *m) {
+    return gate.ask<int32_t>(DEAD_OBJECT, [id, uid, action](DownloadManager *m) {
         return id.isEmpty() ? int32_t(CONTROL_NOT_FOUND)
                             : int32_t(action(m, storedIdOf(m, id, uid), uid));
     });
@@ -247,7 +179,7 @@ int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download
     const QString id = textIn(uniqueID);
     using Found = std::pair<bool, IDownload>;
     const uint uid = callerUid();
-    const Found found = askManager<Found>(Found(false, IDownload()), [id, uid](DownloadManager *m) {
+    const Found found = gate.ask<Found>(Found(false, IDownload()), [id, uid](DownloadManager *m) {
         Found result(false, IDownload());
         if (const Download *d = CallerView::find(m, id, uid)) {
             result.first = true;
@@ -272,7 +204,7 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
     // (records, false) or, when they would not fit in one reply, (nothing, true).
     using Answer = std::pair<std::vector<IDownload>, bool>;
     const uint uid = callerUid();
-    const Answer answer = askManager<Answer>({}, [client, uid](DownloadManager *m) {
+    const Answer answer = gate.ask<Answer>({}, [client, uid](DownloadManager *m) {
         Answer result;
         size_t bytes = 0;
         for (const Download *d : m->getDownloadList(client, uid)) {
@@ -308,7 +240,7 @@ int DLBinderClient::listDownloadsPage(
     BINDER_LOGD("listDownloadsPage client id:%s after:%s", clientID.c_str(), after.c_str());
     const QString client = textIn(clientID), cursor = textIn(after);
     const uint uid = callerUid();
-    *page = askManager<std::vector<IDownload>>({}, [client, cursor, uid](DownloadManager *m) {
+    *page = gate.ask<std::vector<IDownload>>({}, [client, cursor, uid](DownloadManager *m) {
         // Identifier order, as the caller sees them, keeps the pages consistent while downloads
         // come and go.
         using Shown = std::pair<QString, const Download *>;
@@ -343,7 +275,7 @@ int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const lo
     const QString client = textIn(clientID);
     const long long wanted = size;
     const uint uid = callerUid();
-    return askManager<int>(SPACE_UNKNOWN, [client, wanted, uid](DownloadManager *m) {
+    return gate.ask<int>(SPACE_UNKNOWN, [client, wanted, uid](DownloadManager *m) {
         return m->checkDownloadPossible(client, wanted, uid);
     });
 }
@@ -359,7 +291,7 @@ int32_t DLBinderClient::setDownloadPath(
         && int(DownloadManager::PathStatus::NotWritable) == PATH_NOT_WRITABLE);
     const QString client = textIn(clientID), path = textIn(downloadPath);
     const uint uid = callerUid();
-    return askManager<int32_t>(DEAD_OBJECT, [client, path, uid](DownloadManager *m) {
+    return gate.ask<int32_t>(DEAD_OBJECT, [client, path, uid](DownloadManager *m) {
         return int32_t(m->setDownloadPath(client, path, uid));
     });
 }
@@ -385,7 +317,7 @@ int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID, cons
     if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes)
         return TEXT_TOO_LONG;
     using Answer = std::pair<int32_t, QString>;
-    const Answer answer = askManager<Answer>(Answer(DEAD_OBJECT, QString()),
+    const Answer answer = gate.ask<Answer>(Answer(DEAD_OBJECT, QString()),
         [client, address, id, displayName, uid, expectedSize, digest](DownloadManager *m) {
             // Its own identifiers only: another user's with the same name do not matter.
             if (uid != 0 && !id.isEmpty() && CallerView::find(m, id, uid))

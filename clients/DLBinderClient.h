@@ -4,6 +4,7 @@
 #include "EventClients.h"
 #include "FrontEnd.h"
 #include "IDLService.h"
+#include "ManagerGate.h"
 
 #include <binder/IBinder.h>
 
@@ -11,8 +12,6 @@
 #include <mutex>
 #include <shared_mutex>
 #include <vector>
-
-class MainThreadQueue;
 
 // The service other processes reach as "com.velta.DLService". IPC calls arrive on pool threads
 // and reach the manager only through one MainThreadQueue, in order of arrival: one-way requests
@@ -60,18 +59,10 @@ public:
     void destroy() override;
 
 private:
-    // Runs question on the manager's thread and waits; fallback once the manager is gone.
-    template <typename R> R askManager(R fallback, std::function<R(DownloadManager *)> question);
-    // Queues a request for the manager's thread unless the manager is gone; it stays counted
-    // against the calling connection and uid until it has run.
-    void post(std::function<void(DownloadManager *)> request);
     // Runs a pause, resume or remove as the caller on the manager's thread; a ControlStatus.
     int32_t control(const char *what, const std::string &uniqueID,
         std::function<int(DownloadManager *, const QString &, uint)> action);
 
     EventClients eventClients;
-    std::shared_mutex gate; // guards the manager pointer and the queue against quit()
-    DownloadManager *manager; // null once detached
-    bool detached = false;
-    MainThreadQueue *managerThread = nullptr; // created by init() on the manager's thread
+    ManagerGate gate; // the one way to the manager; closed by destroy()
 };
