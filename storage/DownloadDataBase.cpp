@@ -48,42 +48,9 @@ bool DownloadDataBase::open(const QString &path)
             qUtf8Printable(db.lastError().text()));
         return false;
     }
-    if (!isTableInDB()) {
-        QSqlQuery query;
-        if (!run(query,
-                QStringLiteral("CREATE TABLE ") + kTable
-                    + QStringLiteral(" (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
-                                     "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, "
-                                     "failureCode NUMERIC, totalSize NUMERIC, amountDownloaded "
-                                     "NUMERIC, startTime NUMERIC, ownerUid INTEGER NOT NULL "
-                                     "DEFAULT 0);"),
-                {})) {
-            // A file that is no database stays untouched; later calls find a closed connection
-            // instead of failing (and logging) on every report.
-            close();
-            return false;
-        }
-    } else if (!db.record(kTable).contains(QStringLiteral("ownerUid"))) {
-        // Rows stored before owners were kept belong to root.
-        QSqlQuery query;
-        if (!run(query,
-                QStringLiteral("ALTER TABLE ") + kTable
-                    + QStringLiteral(" ADD COLUMN ownerUid INTEGER NOT NULL DEFAULT 0"),
-                {})) {
-            close();
-            return false;
-        }
-    }
-    QSqlQuery paths;
-    if (!run(paths,
-            QStringLiteral("CREATE TABLE IF NOT EXISTS ") + kPathsTable
-                + QStringLiteral(" (ownerUid INTEGER NOT NULL, clientID TEXT NOT NULL, "
-                                 "path TEXT NOT NULL, PRIMARY KEY (ownerUid, clientID))"),
-            {})) {
-        close();
-        return false;
-    }
-    if (!migrate()) {
+    // A file that is no database stays untouched; later calls find a closed connection instead
+    // of failing (and logging) on every report.
+    if (!createTables() || !migrate()) {
         close();
         return false;
     }
@@ -100,6 +67,38 @@ bool DownloadDataBase::open(const QString &path)
         return false;
     }
     return true;
+}
+
+bool DownloadDataBase::createTables()
+{
+    if (!isTableInDB()) {
+        QSqlQuery query;
+        if (!run(query,
+                QStringLiteral("CREATE TABLE ") + kTable
+                    + QStringLiteral(" (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
+                                     "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, "
+                                     "failureCode NUMERIC, totalSize NUMERIC, amountDownloaded "
+                                     "NUMERIC, startTime NUMERIC, ownerUid INTEGER NOT NULL "
+                                     "DEFAULT 0);"),
+                {})) {
+            return false;
+        }
+    } else if (!db.record(kTable).contains(QStringLiteral("ownerUid"))) {
+        // Rows stored before owners were kept belong to root.
+        QSqlQuery query;
+        if (!run(query,
+                QStringLiteral("ALTER TABLE ") + kTable
+                    + QStringLiteral(" ADD COLUMN ownerUid INTEGER NOT NULL DEFAULT 0"),
+                {})) {
+            return false;
+        }
+    }
+    QSqlQuery paths;
+    return run(paths,
+        QStringLiteral("CREATE TABLE IF NOT EXISTS ") + kPathsTable
+            + QStringLiteral(" (ownerUid INTEGER NOT NULL, clientID TEXT NOT NULL, "
+                             "path TEXT NOT NULL, PRIMARY KEY (ownerUid, clientID))"),
+        {});
 }
 
 bool DownloadDataBase::migrate()
@@ -128,9 +127,10 @@ bool DownloadDataBase::migrate()
                            "INTEGER, fileInode INTEGER, validator BLOB, expectedSize INTEGER NOT "
                            "NULL DEFAULT -1, expectedSha256 TEXT, failureReason TEXT NOT NULL "
                            "DEFAULT '', httpStatus INTEGER NOT NULL DEFAULT 0)"),
-            QStringLiteral("INSERT INTO download_extra (uniqueID, fileDevice, fileInode, "
-                           "validator, expectedSize, expectedSha256) SELECT uniqueID, fileDevice, "
-                           "fileInode, validator, expectedSize, expectedSha256 FROM download_extra_2"),
+            QStringLiteral(
+                "INSERT INTO download_extra (uniqueID, fileDevice, fileInode, "
+                "validator, expectedSize, expectedSha256) SELECT uniqueID, fileDevice, "
+                "fileInode, validator, expectedSize, expectedSha256 FROM download_extra_2"),
             QStringLiteral("DROP TABLE download_extra_2") },
     };
     for (int next = version + 1; next <= kSchemaVersion; ++next) {
@@ -389,7 +389,8 @@ void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord
     }
 }
 
-bool DownloadDataBase::storeDownloadPath(uint ownerUid, const QString &clientID, const QString &path)
+bool DownloadDataBase::storeDownloadPath(
+    uint ownerUid, const QString &clientID, const QString &path)
 {
     QSqlQuery query;
     return run(query,
@@ -403,11 +404,10 @@ QList<DownloadDataBase::StoredPath> DownloadDataBase::downloadPaths()
     QList<StoredPath> result;
     QSqlQuery query;
     query.setForwardOnly(true);
-    if (!run(query,
-            QStringLiteral("SELECT ownerUid, clientID, path FROM ") + kPathsTable, {}))
+    if (!run(query, QStringLiteral("SELECT ownerUid, clientID, path FROM ") + kPathsTable, {}))
         return result;
     while (query.next())
-        result.append({ query.value(0).toUInt(), query.value(1).toString(),
-            query.value(2).toString() });
+        result.append(
+            { query.value(0).toUInt(), query.value(1).toString(), query.value(2).toString() });
     return result;
 }

@@ -77,6 +77,8 @@ private:
     // Runs a statement prepared once for the connection with these values.
     bool exec(QSqlQuery &query, const QString &statement, const QVariantList &values);
     bool write(RowKey row);
+    // The tables of the oldest schema, where the file has none yet; false when it cannot be.
+    bool createTables();
     // Brings an older file's schema up to this version; false when it cannot be.
     bool migrate();
 

@@ -11,7 +11,7 @@ QList<QList<qint64>> reports; // state, total, amount, data notifications seen b
 int seen = 0;
 
 // No report counts bytes that are not in the file yet.
-struct Recorder : FrontEnd {
+struct Recorder final : FrontEnd {
     void destroy() override { delete this; }
     void updateDownloadEntry(Download *d) override
     {
@@ -78,13 +78,13 @@ private slots:
         DownloadManager manager(dir.filePath("ini"));
         const auto quit = qScopeGuard([&] { manager.quit(); });
         manager.addClient(new Recorder);
-        manager.restoreDownload({ .uniqueID = "id",
-            .clientID = "t",
-            .name = "f",
-            .contentURL = server.url("/f").toString(),
-            .filePath = dir.filePath("f"),
-            .state = Download::Pending,
-            .failureCode = 4 });
+        StoredRecord stored; // a Pending download, launched as it comes back
+        stored.uniqueID = "id";
+        stored.clientID = "t";
+        stored.contentURL = server.url("/f").toString();
+        stored.filePath = dir.filePath("f");
+        stored.state = Download::Pending;
+        manager.restoreDownload(stored);
         Download *d = manager.getDownload("id");
         QVERIFY(d && d->reply);
         connect(d->reply, &QIODevice::readyRead, [] { ++seen; });
