@@ -4,28 +4,17 @@
 #include "DlmLog.h"
 #include "Download.h"
 #include "DownloadManager.h"
-#include "MainThreadQueue.h"
 
-#include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 
-#include <QThread>
-
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <unistd.h>
 
 using namespace android;
-
-#define BINDER_LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, DLM_BINDER_TAG, __VA_ARGS__)
-#define BINDER_LOGI(...) __android_log_print(ANDROID_LOG_INFO, DLM_BINDER_TAG, __VA_ARGS__)
-#define BINDER_LOGW(...) __android_log_print(ANDROID_LOG_WARN, DLM_BINDER_TAG, __VA_ARGS__)
-#define BINDER_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, DLM_BINDER_TAG, __VA_ARGS__)
 
 namespace {
 
@@ -52,9 +41,8 @@ constexpr int kPageRecords = 4096;
 size_t recordBytes(const IDownload &r)
 {
     size_t bytes = 4 + 4 + 8 + 8 + 8 + 8 + 4 + 4 + 8;
-    for (const std::string *text :
-        { &r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath, &r.failureReason,
-            &r.expectedSha256 })
+    for (const std::string *text : { &r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath,
+             &r.failureReason, &r.expectedSha256 })
         bytes += 4 + (text->size() + 3) / 4 * 4;
     return bytes;
 }
@@ -76,73 +64,16 @@ QString storedIdOf(DownloadManager *manager, const QString &id, uint uid)
 
 } // namespace
 
-DLBinderClient::DLBinderClient(DownloadManager *manager) : DLBaseClient(manager) {}
+DLBinderClient::DLBinderClient(DownloadManager *manager) : gate(manager) { }
 
 DLBinderClient::~DLBinderClient() = default;
 
-template <typename R>
-R DLBinderClient::askManager(R fallback, std::function<R(DownloadManager *)> question)
-{
-    struct Answer
-    {
-        std::mutex mutex;
-        std::condition_variable ready;
-        bool done = false;
-        R value;
-    };
-    auto answer = std::make_shared<Answer>();
-    {
-        std::shared_lock<std::shared_mutex> lock(gate);
-        if (detached || !manager)
-            return fallback;
-        DownloadManager *target = manager;
-        if (QThread::currentThread() == target->thread())
-            return question(target);
-        // The answer lives in shared state: work that runs after we gave up writes there.
-        const bool queued = managerThread && managerThread->post([target, answer, question] {
-            R value = question(target);
-            std::lock_guard<std::mutex> guard(answer->mutex);
-            answer->value = std::move(value);
-            answer->done = true;
-            answer->ready.notify_all();
-        });
-        if (!queued)
-            return fallback;
-    }
-    std::unique_lock<std::mutex> wait(answer->mutex);
-    while (!answer->done) {
-        if (answer->ready.wait_for(wait, std::chrono::milliseconds(50)) == std::cv_status::timeout) {
-            // quit() drops queued work; do not wait for an answer that will never come.
-            std::shared_lock<std::shared_mutex> lock(gate);
-            if (detached)
-                return fallback;
-        }
-    }
-    return answer->value;
-}
-
-void DLBinderClient::post(std::function<void(DownloadManager *)> request)
-{
-    // Queued work stays counted against the caller's connection and uid until it has run, so a
-    // flood of calls that return at once is held back like any other (see IPCThreadState).
-    std::shared_ptr<void> counted = IPCThreadState::self()->keepCallCounted();
-    std::shared_lock<std::shared_mutex> lock(gate);
-    if (detached || !manager || !managerThread)
-        return;
-    DownloadManager *target = manager;
-    managerThread->post([target, request = std::move(request), counted] {
-        if (!target->isQuitting())
-            request(target);
-    });
-}
-
 bool DLBinderClient::init()
 {
-    managerThread = new MainThreadQueue;
+    gate.open();
     ProcessState::self()->startThreadPool();
     const sp<IBinder> self = static_cast<BBinder *>(this);
-    const status_t err =
-        defaultServiceManager()->addService(String16(kServiceName), self);
+    const status_t err = defaultServiceManager()->addService(String16(kServiceName), self);
     if (err != 0) {
         BINDER_LOGE("Unable to add DL service err %d", err);
         return false;
@@ -150,40 +81,28 @@ bool DLBinderClient::init()
     return true;
 }
 
-void DLBinderClient::help() {}
+void DLBinderClient::help() { }
 
 void DLBinderClient::destroy()
 {
-    MainThreadQueue *queue = nullptr;
-    {
-        std::unique_lock<std::shared_mutex> lock(gate);
-        detached = true;
-        manager = nullptr;
-        std::swap(queue, managerThread);
-    }
-    delete queue; // no pool thread can be inside post() any more
-    std::vector<EventClient> dropped;
-    {
-        std::lock_guard<std::mutex> lock(eventClientsMutex);
-        dropped.swap(eventClients);
-    }
-    dropped.clear();
+    gate.close();
+    eventClients.takeAll(); // released here, outside its lock
     decStrong(this);
 }
 
 void DLBinderClient::createDownload(const std::string &clientID, const std::string &url,
-                                    const std::string &uniqueID, const std::string &name)
+    const std::string &uniqueID, const std::string &name)
 {
     BINDER_LOGD("Create download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
-                url.c_str(), uniqueID.c_str(), name.c_str());
+        url.c_str(), uniqueID.c_str(), name.c_str());
     const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
                   displayName = textIn(name);
     const uint uid = callerUid();
     if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes) {
-        BINDER_LOGE("Create download refused: identifier %s too long", uniqueID.c_str());
+        BINDER_LOGW("Create download refused: identifier %s too long", uniqueID.c_str());
         return;
     }
-    post([=](DownloadManager *m) {
+    gate.post([=](DownloadManager *m) {
         // A refusal is logged; the one-way caller has nobody to tell.
         if (uid == 0 || id.isEmpty() || !CallerView::find(m, id, uid))
             m->createDownload(
@@ -196,7 +115,7 @@ void DLBinderClient::pauseDownload(const std::string &uniqueID)
     BINDER_LOGD("Pause download unique id:%s", uniqueID.c_str());
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    post([=](DownloadManager *m) { m->pauseDownload(storedIdOf(m, id, uid), uid); });
+    gate.post([=](DownloadManager *m) { m->pauseDownload(storedIdOf(m, id, uid), uid); });
 }
 
 void DLBinderClient::resumeDownload(const std::string &uniqueID)
@@ -204,19 +123,19 @@ void DLBinderClient::resumeDownload(const std::string &uniqueID)
     BINDER_LOGD("Resume download unique id:%s", uniqueID.c_str());
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    post([=](DownloadManager *m) { m->resumeDownload(storedIdOf(m, id, uid), uid); });
+    gate.post([=](DownloadManager *m) { m->resumeDownload(storedIdOf(m, id, uid), uid); });
 }
 
 void DLBinderClient::removeDownload(const std::string &uniqueID)
 {
     BINDER_LOGD("Remove download unique id:%s", uniqueID.c_str());
     if (uniqueID.empty()) {
-        BINDER_LOGE("uniqueID must be specified");
+        BINDER_LOGW("uniqueID must be specified");
         return;
     }
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    post([=](DownloadManager *m) { m->removeDownload(storedIdOf(m, id, uid), uid); });
+    gate.post([=](DownloadManager *m) { m->removeDownload(storedIdOf(m, id, uid), uid); });
 }
 
 int32_t DLBinderClient::control(const char *what, const std::string &uniqueID,
@@ -227,7 +146,7 @@ int32_t DLBinderClient::control(const char *what, const std::string &uniqueID,
         && int(DownloadManager::ControlStatus::WrongState) == CONTROL_WRONG_STATE);
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
-    return askManager<int32_t>(DEAD_OBJECT, [id, uid, action](DownloadManager *m) {
+    return gate.ask<int32_t>(DEAD_OBJECT, [id, uid, action](DownloadManager *m) {
         return id.isEmpty() ? int32_t(CONTROL_NOT_FOUND)
                             : int32_t(action(m, storedIdOf(m, id, uid), uid));
     });
@@ -260,7 +179,7 @@ int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download
     const QString id = textIn(uniqueID);
     using Found = std::pair<bool, IDownload>;
     const uint uid = callerUid();
-    const Found found = askManager<Found>(Found(false, IDownload()), [id, uid](DownloadManager *m) {
+    const Found found = gate.ask<Found>(Found(false, IDownload()), [id, uid](DownloadManager *m) {
         Found result(false, IDownload());
         if (const Download *d = CallerView::find(m, id, uid)) {
             result.first = true;
@@ -269,7 +188,7 @@ int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download
         return result;
     });
     if (!found.first) {
-        BINDER_LOGE(" getDownload download is null %s", uniqueID.c_str());
+        BINDER_LOGI(" getDownload download is null %s", uniqueID.c_str());
         return DOWNLOAD_NOT_FOUND;
     }
     if (download)
@@ -285,7 +204,7 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
     // (records, false) or, when they would not fit in one reply, (nothing, true).
     using Answer = std::pair<std::vector<IDownload>, bool>;
     const uint uid = callerUid();
-    const Answer answer = askManager<Answer>({}, [client, uid](DownloadManager *m) {
+    const Answer answer = gate.ask<Answer>({}, [client, uid](DownloadManager *m) {
         Answer result;
         size_t bytes = 0;
         for (const Download *d : m->getDownloadList(client, uid)) {
@@ -298,13 +217,14 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
         return result;
     });
     if (answer.second) {
-        BINDER_LOGE("getDownloadList client id %s: the records exceed one reply (%zu bytes); "
-                    "refused, read them page by page", clientID.c_str(), kListReplyBytes);
+        BINDER_LOGW("getDownloadList client id %s: the records exceed one reply (%zu bytes); "
+                    "refused, read them page by page",
+            clientID.c_str(), kListReplyBytes);
         return android::FAILED_TRANSACTION;
     }
     const std::vector<IDownload> &records = answer.first;
     if (records.empty()) {
-        BINDER_LOGE("getDownloadList No downloads!!! client id %s", clientID.c_str());
+        BINDER_LOGI("getDownloadList No downloads!!! client id %s", clientID.c_str());
         return 0;
     }
     BINDER_LOGD("download list found:%d", int(records.size()));
@@ -314,13 +234,13 @@ int DLBinderClient::getDownloadList(const std::string &clientID, std::vector<IDo
     return 1;
 }
 
-int DLBinderClient::listDownloadsPage(const std::string &clientID, const std::string &after,
-                                      std::vector<IDownload> *page)
+int DLBinderClient::listDownloadsPage(
+    const std::string &clientID, const std::string &after, std::vector<IDownload> *page)
 {
     BINDER_LOGD("listDownloadsPage client id:%s after:%s", clientID.c_str(), after.c_str());
     const QString client = textIn(clientID), cursor = textIn(after);
     const uint uid = callerUid();
-    *page = askManager<std::vector<IDownload>>({}, [client, cursor, uid](DownloadManager *m) {
+    *page = gate.ask<std::vector<IDownload>>({}, [client, cursor, uid](DownloadManager *m) {
         // Identifier order, as the caller sees them, keeps the pages consistent while downloads
         // come and go.
         using Shown = std::pair<QString, const Download *>;
@@ -355,45 +275,41 @@ int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const lo
     const QString client = textIn(clientID);
     const long long wanted = size;
     const uint uid = callerUid();
-    return askManager<int>(SPACE_UNKNOWN, [client, wanted, uid](DownloadManager *m) {
+    return gate.ask<int>(SPACE_UNKNOWN, [client, wanted, uid](DownloadManager *m) {
         return m->checkDownloadPossible(client, wanted, uid);
     });
 }
 
-int32_t DLBinderClient::setDownloadPath(const std::string &clientID,
-                                        const std::string &downloadPath)
+int32_t DLBinderClient::setDownloadPath(
+    const std::string &clientID, const std::string &downloadPath)
 {
-    BINDER_LOGD("setDownloadPath clientID:%s downloadPath %s", clientID.c_str(),
-                downloadPath.c_str());
-    static_assert(int(DownloadManager::PathStatus::NotADirectory) == PATH_NOT_A_DIRECTORY &&
-                  int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE &&
-                  int(DownloadManager::PathStatus::NotPermitted) == PATH_NOT_PERMITTED &&
-                  int(DownloadManager::PathStatus::NotWritable) == PATH_NOT_WRITABLE);
+    BINDER_LOGD(
+        "setDownloadPath clientID:%s downloadPath %s", clientID.c_str(), downloadPath.c_str());
+    static_assert(int(DownloadManager::PathStatus::NotADirectory) == PATH_NOT_A_DIRECTORY
+        && int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE
+        && int(DownloadManager::PathStatus::NotPermitted) == PATH_NOT_PERMITTED
+        && int(DownloadManager::PathStatus::NotWritable) == PATH_NOT_WRITABLE);
     const QString client = textIn(clientID), path = textIn(downloadPath);
     const uint uid = callerUid();
-    return askManager<int32_t>(DEAD_OBJECT, [client, path, uid](DownloadManager *m) {
+    return gate.ask<int32_t>(DEAD_OBJECT, [client, path, uid](DownloadManager *m) {
         return int32_t(m->setDownloadPath(client, path, uid));
     });
 }
 
 int32_t DLBinderClient::requestDownload(const std::string &clientID, const std::string &url,
-                                        const std::string &uniqueID, const std::string &name,
-                                        std::string *uniqueIDOut)
+    const std::string &uniqueID, const std::string &name, std::string *uniqueIDOut)
 {
     return requestDownloadChecked(clientID, url, uniqueID, name, -1, std::string(), uniqueIDOut);
 }
 
-int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID,
-                                               const std::string &url,
-                                               const std::string &uniqueID,
-                                               const std::string &name, int64_t expectedSize,
-                                               const std::string &sha256Hex,
-                                               std::string *uniqueIDOut)
+int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID, const std::string &url,
+    const std::string &uniqueID, const std::string &name, int64_t expectedSize,
+    const std::string &sha256Hex, std::string *uniqueIDOut)
 {
     BINDER_LOGD("Request download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
-                url.c_str(), uniqueID.c_str(), name.c_str());
-    static_assert(int(DownloadManager::CreateStatus::IdInUse) == REQUEST_ID_IN_USE &&
-                  int(DownloadManager::CreateStatus::Refused) == REQUEST_REFUSED);
+        url.c_str(), uniqueID.c_str(), name.c_str());
+    static_assert(int(DownloadManager::CreateStatus::IdInUse) == REQUEST_ID_IN_USE
+        && int(DownloadManager::CreateStatus::Refused) == REQUEST_REFUSED);
     const QString client = textIn(clientID), address = textIn(url), id = textIn(uniqueID),
                   displayName = textIn(name), digest = textIn(sha256Hex);
     const uint uid = callerUid();
@@ -401,7 +317,7 @@ int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID,
     if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes)
         return TEXT_TOO_LONG;
     using Answer = std::pair<int32_t, QString>;
-    const Answer answer = askManager<Answer>(Answer(DEAD_OBJECT, QString()),
+    const Answer answer = gate.ask<Answer>(Answer(DEAD_OBJECT, QString()),
         [client, address, id, displayName, uid, expectedSize, digest](DownloadManager *m) {
             // Its own identifiers only: another user's with the same name do not matter.
             if (uid != 0 && !id.isEmpty() && CallerView::find(m, id, uid))
@@ -420,41 +336,14 @@ void DLBinderClient::addClient(const sp<IDLClient> &client)
 {
     if (client == nullptr)
         return;
-    const sp<IBinder> binder = IInterface::asBinder(client);
-    // A local object would be the service calling itself and keeping itself alive.
-    const BpBinder *remote = binder->remoteBinder();
-    const char *refusal = remote == nullptr ? "not another process's object" : nullptr;
-    const uint uid = callerUid();
-    if (!refusal) {
-        std::lock_guard<std::mutex> lock(eventClientsMutex);
-        size_t sameConnection = 0, sameUid = 0, others = 0;
-        for (size_t i = 0; i < eventClients.size() && !refusal; ++i) {
-            const sp<IBinder> entry = IInterface::asBinder(eventClients[i].client);
-            if (entry == binder)
-                refusal = "already registered";
-            else if (entry->remoteBinder()->connection() == remote->connection())
-                ++sameConnection;
-            sameUid += eventClients[i].uid == uid;
-            others += eventClients[i].uid != 0;
-        }
-        if (!refusal && sameConnection >= kMaxEventClientsPerConnection)
-            refusal = "its connection's limit of event clients is reached";
-        else if (!refusal && uid != 0 && sameUid >= kMaxEventClientsPerUid)
-            refusal = "its user's limit of event clients is reached";
-        else if (!refusal
-            && (eventClients.size() >= kMaxEventClients
-                || (uid != 0 && others + kEventClientsRootReserve >= kMaxEventClients)))
-            refusal = "the limit of event clients is reached";
-        if (!refusal)
-            eventClients.push_back({ client, uid });
-    }
-    if (refusal) {
+    if (const char *refusal = eventClients.add(client, callerUid())) {
         BINDER_LOGW("Event client %p refused: %s", client.get(), refusal);
         return;
     }
     // Who listens is an operator's concern, as the refusal above is.
     BINDER_LOGI("Event client registered %p", client.get());
     // A client whose process is already gone would never be told dead: do not keep it.
+    const sp<IBinder> binder = IInterface::asBinder(client);
     if (binder->linkToDeath(sp<IBinder::DeathRecipient>(this), nullptr, 0) != android::NO_ERROR)
         binderDied(binder);
 }
@@ -465,18 +354,8 @@ void DLBinderClient::removeClient(const sp<IDLClient> &client)
     if (client == nullptr)
         return;
     const sp<IBinder> binder = IInterface::asBinder(client);
-    sp<IDLClient> removed; // released after the lock
-    {
-        std::lock_guard<std::mutex> lock(eventClientsMutex);
-        for (size_t i = 0; i < eventClients.size(); ++i) {
-            if (IInterface::asBinder(eventClients[i].client).get() == binder.get()) {
-                BINDER_LOGD("Removing client %p", client.get());
-                removed = eventClients[i].client;
-                eventClients.erase(eventClients.begin() + long(i));
-                break;
-            }
-        }
-    }
+    if (eventClients.remove(binder.get()) != nullptr)
+        BINDER_LOGD("Removing client %p", client.get());
     binder->unlinkToDeath(wp<IBinder::DeathRecipient>(this), nullptr, 0);
 }
 
@@ -484,18 +363,8 @@ void DLBinderClient::binderDied(const wp<IBinder> &who)
 {
     const sp<IBinder> binder = who.unsafe_get();
     BINDER_LOGD("Binder event client %p died, trying to remove from clients list", binder.get());
-    sp<IDLClient> removed;
-    {
-        std::lock_guard<std::mutex> lock(eventClientsMutex);
-        for (size_t i = 0; i < eventClients.size(); ++i) {
-            if (IInterface::asBinder(eventClients[i].client).get() == binder.get()) {
-                BINDER_LOGI("Removing client %p from eventClients", eventClients[i].client.get());
-                removed = eventClients[i].client;
-                eventClients.erase(eventClients.begin() + long(i));
-                break;
-            }
-        }
-    }
+    if (const sp<IDLClient> removed = eventClients.remove(binder.get()))
+        BINDER_LOGI("Removing client %p from eventClients", removed.get());
 }
 
 void DLBinderClient::updateDownloadEntry(Download *download)
@@ -507,16 +376,11 @@ void DLBinderClient::updateDownloadEntry(Download *download)
     for (size_t i = 0;; ++i) {
         sp<IDLClient> client;
         uint uid = 0;
-        {
-            std::lock_guard<std::mutex> lock(eventClientsMutex);
-            if (i >= eventClients.size())
-                break;
-            // A caller sees only the downloads it may touch, in updates as in queries.
-            if (!DownloadManager::mayTouch(eventClients[i].uid, download))
-                continue;
-            client = eventClients[i].client;
-            uid = eventClients[i].uid;
-        }
+        if (!eventClients.at(i, &client, &uid))
+            break;
+        // A caller sees only the downloads it may touch, in updates as in queries.
+        if (!AccessPolicy::mayTouch(uid, download))
+            continue;
         Parcel &update = updates[uid != 0];
         if (update.dataSize() == 0) {
             IDownload record;

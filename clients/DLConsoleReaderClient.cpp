@@ -83,7 +83,7 @@ void printDownload(const char *label, const Download *download)
 } // namespace
 
 DLConsoleReaderClient::DLConsoleReaderClient(DownloadManager *manager)
-    : DLBaseClient(manager), inputNotifier(nullptr)
+    : QObject(nullptr), manager(manager), inputNotifier(nullptr)
 {
     // A directory the operator set in an earlier run stays.
     manager->ensureDownloadPath(kShellClientID, kShellDirectory);
@@ -157,47 +157,55 @@ void DLConsoleReaderClient::HandleText(const QString &line)
     const QString argument = lastBlank < 0 ? QString() : line.mid(lastBlank + 1).trimmed();
 
     if (command == QLatin1String("create")) {
-        createDownload(kShellClientID, argument, QString(), QString());
+        manager->createDownload(kShellClientID, argument, QString(), QString());
     } else if (command == QLatin1String("remove")) {
-        removeDownload(argument);
+        if (argument == QLatin1String("all")) // every download of every client
+            manager->removeAllDownloads();
+        else if (!argument.isEmpty())
+            manager->removeDownload(argument);
     } else if (command == QLatin1String("pause")) {
-        downloadAction(argument, 0);
+        manager->pauseDownload(argument);
     } else if (command == QLatin1String("resume")) {
-        downloadAction(argument, 1);
+        manager->resumeDownload(argument);
     } else if (command == QLatin1String("restart")) {
-        downloadAction(argument, 2);
+        manager->restartDownload(argument);
     } else if (command == QLatin1String("status")) {
         getDownload(argument);
     } else if (command == QLatin1String("list")) {
         getDownloadList(kAllClients);
     } else if (command == QLatin1String("download_possible") && isSize(argument)) {
         qDebug("download_possible result: %d.",
-               checkDownloadPossible(kShellClientID, argument.toLongLong()));
+            manager->checkDownloadPossible(kShellClientID, argument.toLongLong()));
     } else if (command == QLatin1String("download_path")) {
-        const QByteArray path = argument.toUtf8();
-        switch (setDownloadPath(kShellClientID, argument)) {
-        case DownloadManager::PathStatus::Set:
-            qDebug("Path %s set.", path.constData());
-            break;
-        case DownloadManager::PathStatus::NotAbsolute:
-            qDebug("Path %s refused: not an absolute path.", path.constData());
-            break;
-        case DownloadManager::PathStatus::NotADirectory:
-            qDebug("Path %s refused: no such directory.", path.constData());
-            break;
-        case DownloadManager::PathStatus::NotPermitted: // only for callers other than root
-            qDebug("Path %s refused: not permitted.", path.constData());
-            break;
-        case DownloadManager::PathStatus::NotWritable:
-            qDebug("Path %s refused: the service cannot write there.", path.constData());
-            break;
-        }
+        setPath(argument);
     } else if (command == QLatin1String("quit")) {
         manager->quit(); // destroys this client: nothing of it may be touched after this call
     } else if (command == QLatin1String("help")) {
         help();
     } else {
         ConsoleLine().text("invalid format: ").value(line);
+    }
+}
+
+void DLConsoleReaderClient::setPath(const QString &argument)
+{
+    const QByteArray path = argument.toUtf8();
+    switch (manager->setDownloadPath(kShellClientID, argument)) {
+    case DownloadManager::PathStatus::Set:
+        qDebug("Path %s set.", path.constData());
+        break;
+    case DownloadManager::PathStatus::NotAbsolute:
+        qDebug("Path %s refused: not an absolute path.", path.constData());
+        break;
+    case DownloadManager::PathStatus::NotADirectory:
+        qDebug("Path %s refused: no such directory.", path.constData());
+        break;
+    case DownloadManager::PathStatus::NotPermitted: // only for callers other than root
+        qDebug("Path %s refused: not permitted.", path.constData());
+        break;
+    case DownloadManager::PathStatus::NotWritable:
+        qDebug("Path %s refused: the service cannot write there.", path.constData());
+        break;
     }
 }
 

@@ -1,14 +1,16 @@
 #pragma once
 
-#include "DLBaseClient.h"
+#include "DownloadManager.h"
+#include "FrontEnd.h"
 
 #include <QByteArray>
+#include <QObject>
 
 class QSocketNotifier;
 
 // Operator console: one command per line on standard input, answers and a line for every change
 // of any download on standard error (through qDebug). Acts as client "shell". Main thread only.
-class DLConsoleReaderClient : public DLBaseClient {
+class DLConsoleReaderClient : public QObject, public FrontEnd {
     Q_OBJECT
 
 public:
@@ -19,19 +21,20 @@ public:
 
     void help() override;
     void updateDownloadEntry(Download *download) override;
-    virtual void getDownloadList(const QString &clientID);
-    virtual void getDownload(const QString &uniqueID);
+    void destroy() override { delete this; }
+    void getDownloadList(const QString &clientID);
+    void getDownload(const QString &uniqueID);
 
 public slots:
     void text();
-
-signals:
-    void textReceived(QString message);
 
 private:
     // Carries out one line; false when it was "quit" and this client no longer exists.
     bool handleLine(const QByteArray &rawLine);
     void stopListening();
+    void setPath(const QString &path);
+
+    DownloadManager *manager;
 
     QSocketNotifier *inputNotifier;
     // Bytes read from standard input that do not yet form a complete line.

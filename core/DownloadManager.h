@@ -1,26 +1,25 @@
 #pragma once
 
-#include "DirectoryLock.h"
-#include "OwnedFile.h"
+#include "AccessPolicy.h"
+#include "DatabaseHome.h"
+#include "DownloadDirectories.h"
+#include "FrontEnd.h"
+#include "ServiceSettings.h"
 
 #include <QHash>
 #include <QList>
 #include <QObject>
-#include <QPair>
-#include <QSet>
 #include <QString>
 #include <QTimer>
 
-class DLBaseClient;
-class Download;
-class DownloadDataBase;
-class CurlEngine;
-class QSettings;
+#include <functional>
 
-// The centre of the service. Owns the downloads, the client front ends, the database, the table
-// of per-client download directories and the one network access manager all transfers share.
-// Lives on the main thread; other threads reach it only through createDownloadEvent() and
-// actionDownloadEvent(), which post events to it.
+class Download;
+class CurlEngine;
+
+// The centre of the service. Owns the downloads, the client front ends, the database, the
+// download directories and the one network access manager all transfers share. Lives on the
+// main thread; the IPC front end reaches it through its MainThreadQueue.
 //
 // Callers are named by uid. Uid 0 (root, the console, the service's own user) sees and controls
 // every download; any other uid sees and controls only the downloads it created ("all" is all of
@@ -33,14 +32,16 @@ struct ExpectedContent {
     QString sha256;
 };
 
-class DownloadManager : public QObject
-{
+class DownloadManager : public QObject {
     Q_OBJECT
 
 public:
-    DownloadManager();
+    // Builds the front ends once the directories are known and before stored downloads come
+    // back; an empty one builds none (addClient() adds them later).
+    using FrontEndFactory = std::function<QList<FrontEnd *>(DownloadManager *)>;
+    explicit DownloadManager(const FrontEndFactory &frontEnds = {});
     // Reads its settings from settingsPath instead of the file next to the executable.
-    explicit DownloadManager(const QString &settingsPath);
+    explicit DownloadManager(const QString &settingsPath, const FrontEndFactory &frontEnds = {});
     ~DownloadManager() override;
 
     // True when another service holds the database directory: this manager then made nothing
@@ -50,17 +51,12 @@ public:
     // Answers of createDownload; the values are those the IPC interface sends.
     enum class CreateStatus { Created = 0, BadUrl = 1, IdInUse = 2, BadArgument = 3, Refused = 4 };
     // Answers of setDownloadPath; the values are those the IPC interface sends.
-    enum class PathStatus {
-        Set = 0, NotAbsolute = 1, NotADirectory = 2, NotPermitted = 3, NotWritable = 4 };
+    using PathStatus = DownloadDirectories::PathStatus;
     // Answers of pause, resume and remove; the values are those the IPC interface sends.
     enum class ControlStatus { Done = 0, NotFound = 1, NotPermitted = 2, WrongState = 3 };
 
-    // A settings file (or its directory) that another user could change is ignored: one ERROR
-    // line, and every setting keeps its default.
-    void loadSettings();
     // Registers one more front end after construction; the manager owns it from then on.
-    void addClient(DLBaseClient *client);
-    QString getSettingsValue(const QString &key, const QString &defaultValue);
+    void addClient(FrontEnd *client);
 
     // Stops the service: destroys the clients, then the downloads, then the database, and leaves
     // the event loop. The caller may be one of the clients; it is gone when this returns.
@@ -72,20 +68,13 @@ public:
     // ownerUid; a uid other than 0 that already has "max_downloads_per_user" is refused, and so
     // is an expectation ContentCheck::refusal() rejects (BadArgument).
     CreateStatus createDownload(const QString &clientID, const QString &url,
-                                const QString &uniqueID, const QString &name,
-                                QString *createdID = nullptr, uint ownerUid = 0,
-                                const ExpectedContent &expected = {});
-    // A stored row comes back as it was, unless its URL is not http(s) or its path not one
+        const QString &uniqueID, const QString &name, QString *createdID = nullptr,
+        uint ownerUid = 0, const ExpectedContent &expected = {});
+    // A stored record comes back as it was, unless its URL is not http(s) or its path not one
     // these rules give: that one is logged and stays Failed, never launched nor resumed.
-    void createDownload(const QString &uniqueID, const QString &clientID, const QString &name,
-        const QString &contentURL, const QString &filePath, unsigned int state,
-        unsigned int failureCode, long long totalSize, long long amountDownloaded,
-        long long startTime, uint ownerUid = 0, const FileIdentity &fileIdentity = {},
-        const ExpectedContent &expected = {}, const QByteArray &validator = {},
-        const QString &failureReason = {}, int httpStatus = 0);
-    // 32 lowercase hexadecimal characters, different on every call.
-    QString getUniqueID(const QString &url);
-    QString getFileName(const QString &clientID, const QString &url, uint ownerUid = 0);
+    void restoreDownload(const StoredRecord &record);
+    // The record the database writes for a download (a DownloadDataBase::RowKey).
+    static StoredRecord storedRecord(DownloadDataBase::RowKey download);
     // Stores an existing absolute directory (a leading "~/" is the home directory) for the
     // client of that uid, in memory and in the database, in canonical form (realpath); anything
     // else is refused and changes nothing. It is resolved as that uid, so below a directory the
@@ -106,7 +95,6 @@ public:
     ControlStatus pauseDownload(const QString &uniqueID, uint callerUid = 0);
     ControlStatus resumeDownload(const QString &uniqueID, uint callerUid = 0);
     void restartDownload(const QString &uniqueID);
-    void abortDownload(const QString &uniqueID);
     // The change hub: stores the record (a change of state at once, progress with the other
     // changed rows at the next turn of the event loop), then announces it to every client in
     // list order.
@@ -118,60 +106,33 @@ public:
     bool removeDownload(const QString &uniqueID, uint callerUid = 0);
     void removeAllDownloads();
 
-    // Safe from any thread: they only post an event to the manager.
-    void createDownloadEvent(const QString &clientID, const QString &url, const QString &uniqueID,
-                             const QString &name, uint callerUid = 0);
-    void actionDownloadEvent(const QString &uniqueID, int action, uint callerUid = 0);
-
-    // Whether a caller may see and control a download: root, or the download's owner.
-    static bool mayTouch(uint callerUid, const Download *download);
-
     // True once quit() has started: nothing may reach the downloads or clients any more.
     bool isQuitting() const { return quitting; }
 
 public slots:
     void execute();
 
-protected:
-    void customEvent(QEvent *event) override;
-
 private:
-    using PathKey = QPair<uint, QString>; // owner uid, client id
-
-    void createClients();
-    // Opens the database unless it is not trusted; false when the service must not start.
-    bool openDatabase(const QString &directory);
-    // A non-negative whole number from the settings, else defaultValue.
-    int countSetting(const QString &key, int defaultValue);
     void loadDownloadPaths();
     Download *find(const QString &uniqueID) const;
-    // Whether filePath lies in the directory the owner chose for the client.
-    bool inChosenDirectory(uint ownerUid, const QString &clientID, const QString &filePath) const;
     bool identifierInUse(const QString &uniqueID) const;
     // Aborts, unstores and destroys a download that is no longer in the list.
     void discard(Download *download);
-    // Builds the IPC front end (not yet published).
-    DLBaseClient *createBinderClient();
     // Once no download is on the wire: drops idle connections and the database's cache, and
     // gives freed heap back to the system, so a burst does not stay resident.
     void releaseIdleMemory();
 
     CurlEngine *engine;
     QList<Download *> downloads;
-    QList<DLBaseClient *> clients;
-    DownloadDataBase *database;
-    // Canonical directories; chosenPaths are those a uid set itself (not defaults).
-    QHash<PathKey, QString> downloadPaths;
-    QSet<PathKey> chosenPaths;
-    // File paths of the live downloads, so that a new download never shares one.
-    QSet<QString> reservedPaths;
-    QSettings *settings;
-    QString settingsPath;
+    QList<FrontEnd *> clients;
+    DatabaseHome databaseHome; // holds the database directory while the database is open
+    std::unique_ptr<DownloadDataBase> database; // null: no persistence
+    DownloadDirectories directories;
+    ServiceSettings settings;
     // Setting "max_retries": attempts a download makes after a passing fault without new bytes.
     int maxRetries;
     // Setting "max_downloads_per_user": downloads one uid other than 0 may have at a time.
-    int maxDownloadsPerUser;
-    DirectoryLock databaseLock;
+    AccessPolicy access;
     // Runs releaseIdleMemory() a moment after the last download stopped.
     QTimer idleTimer;
     bool refused = false;

@@ -12,13 +12,12 @@ using namespace android;
 using dlparcel::readText;
 using dlparcel::writeText;
 
-class BpDLService : public BpInterface<IDLService>
-{
+class BpDLService : public BpInterface<IDLService> {
 public:
-    explicit BpDLService(const sp<IBinder> &impl) : BpInterface<IDLService>(impl) {}
+    explicit BpDLService(const sp<IBinder> &impl) : BpInterface<IDLService>(impl) { }
 
     void createDownload(const std::string &clientID, const std::string &url,
-                        const std::string &uniqueID, const std::string &name) override
+        const std::string &uniqueID, const std::string &name) override
     {
         Parcel data = request();
         writeText(&data, clientID);
@@ -42,9 +41,18 @@ public:
         call(REMOVE_CLIENT, data);
     }
 
-    void removeDownload(const std::string &uniqueID) override { callWithText(REMOVE_DOWNLOAD, uniqueID); }
-    void pauseDownload(const std::string &uniqueID) override { callWithText(PAUSE_DOWNLOAD, uniqueID); }
-    void resumeDownload(const std::string &uniqueID) override { callWithText(RESUME_DOWNLOAD, uniqueID); }
+    void removeDownload(const std::string &uniqueID) override
+    {
+        callWithText(REMOVE_DOWNLOAD, uniqueID);
+    }
+    void pauseDownload(const std::string &uniqueID) override
+    {
+        callWithText(PAUSE_DOWNLOAD, uniqueID);
+    }
+    void resumeDownload(const std::string &uniqueID) override
+    {
+        callWithText(RESUME_DOWNLOAD, uniqueID);
+    }
 
     int getDownloadList(const std::string &clientID, std::vector<IDownload *> &list) override
     {
@@ -110,17 +118,15 @@ public:
     }
 
     int32_t requestDownload(const std::string &clientID, const std::string &url,
-                            const std::string &uniqueID, const std::string &name,
-                            std::string *uniqueIDOut) override
+        const std::string &uniqueID, const std::string &name, std::string *uniqueIDOut) override
     {
         Parcel data = createRequest(clientID, url, uniqueID, name);
         return answeredCreate(REQUEST_DOWNLOAD, data, uniqueIDOut);
     }
 
     int32_t requestDownloadChecked(const std::string &clientID, const std::string &url,
-                                   const std::string &uniqueID, const std::string &name,
-                                   int64_t expectedSize, const std::string &sha256Hex,
-                                   std::string *uniqueIDOut) override
+        const std::string &uniqueID, const std::string &name, int64_t expectedSize,
+        const std::string &sha256Hex, std::string *uniqueIDOut) override
     {
         Parcel data = createRequest(clientID, url, uniqueID, name);
         data.writeInt64(expectedSize);
@@ -129,10 +135,10 @@ public:
     }
 
     static Parcel createRequest(const std::string &clientID, const std::string &url,
-                                const std::string &uniqueID, const std::string &name)
+        const std::string &uniqueID, const std::string &name)
     {
         Parcel data = request();
-        for (const std::string *text : {&clientID, &url, &uniqueID, &name})
+        for (const std::string *text : { &clientID, &url, &uniqueID, &name })
             writeText(&data, *text);
         return data;
     }
@@ -153,7 +159,7 @@ public:
     }
 
     int listDownloadsPage(const std::string &clientID, const std::string &after,
-                          std::vector<IDownload> *page) override
+        std::vector<IDownload> *page) override
     {
         page->clear();
         Parcel data = request();
@@ -166,9 +172,18 @@ public:
         return int(page->size());
     }
 
-    int32_t requestPause(const std::string &uniqueID) override { return control(REQUEST_PAUSE, uniqueID); }
-    int32_t requestResume(const std::string &uniqueID) override { return control(REQUEST_RESUME, uniqueID); }
-    int32_t requestRemove(const std::string &uniqueID) override { return control(REQUEST_REMOVE, uniqueID); }
+    int32_t requestPause(const std::string &uniqueID) override
+    {
+        return control(REQUEST_PAUSE, uniqueID);
+    }
+    int32_t requestResume(const std::string &uniqueID) override
+    {
+        return control(REQUEST_RESUME, uniqueID);
+    }
+    int32_t requestRemove(const std::string &uniqueID) override
+    {
+        return control(REQUEST_REMOVE, uniqueID);
+    }
 
 private:
     static Parcel request()
@@ -208,15 +223,176 @@ int IDLService::listDownloads(const std::string &clientID, std::vector<IDownload
     list->clear();
     std::vector<IDownload> page;
     for (;;) {
-        const int count = listDownloadsPage(clientID, list->empty() ? "" : list->back().uniqueID, &page);
+        const int count
+            = listDownloadsPage(clientID, list->empty() ? "" : list->back().uniqueID, &page);
         if (count < 0)
             return count;
         if (count == 0)
             return int(list->size());
         list->insert(list->end(), std::make_move_iterator(page.begin()),
-                     std::make_move_iterator(page.end()));
+            std::make_move_iterator(page.end()));
     }
 }
+
+namespace {
+using Fields = std::initializer_list<std::pair<std::string *, size_t>>;
+constexpr size_t kId = IDLService::kMaxIdBytes;
+
+// Reads the texts in order, each against its limit, before the call does anything.
+status_t readTexts(const Parcel &data, Fields fields)
+{
+    for (const auto &[text, max] : fields)
+        if (status_t err = readText(data, text, max); err != NO_ERROR)
+            return err == IDLService::TEXT_TOO_LONG ? err : status_t(BAD_VALUE);
+    return NO_ERROR;
+}
+
+// One handler per transaction code: reads the arguments, calls the service, writes the answer.
+using Handler = status_t (*)(IDLService &, uint32_t code, const Parcel &, Parcel *);
+
+status_t onCreate(IDLService &s, uint32_t, const Parcel &data, Parcel *)
+{
+    std::string client, url, id, name;
+    status_t err = readTexts(data,
+        { { &client, kId }, { &url, IDLService::kMaxUrlBytes }, { &id, kId },
+            { &name, IDLService::kMaxNameBytes } });
+    if (err == NO_ERROR)
+        s.createDownload(client, url, id, name);
+    return err;
+}
+
+status_t onEventClient(IDLService &s, uint32_t code, const Parcel &data, Parcel *)
+{
+    sp<IDLClient> client = interface_cast<IDLClient>(data.readStrongBinder());
+    if (client == nullptr)
+        return BAD_VALUE;
+    if (code == IDLService::ADD_CLIENT)
+        s.addClient(client);
+    else
+        s.removeClient(client);
+    return NO_ERROR;
+}
+
+status_t onOneWayControl(IDLService &s, uint32_t code, const Parcel &data, Parcel *)
+{
+    std::string id;
+    if (status_t err = readTexts(data, { { &id, kId } }))
+        return err;
+    if (code == IDLService::REMOVE_DOWNLOAD)
+        s.removeDownload(id);
+    else if (code == IDLService::PAUSE_DOWNLOAD)
+        s.pauseDownload(id);
+    else
+        s.resumeDownload(id);
+    return NO_ERROR;
+}
+
+status_t onList(IDLService &s, uint32_t, const Parcel &data, Parcel *reply)
+{
+    std::string client;
+    if (status_t err = readTexts(data, { { &client, kId } }))
+        return err;
+    std::vector<IDownload *> list;
+    const int result = s.getDownloadList(client, list);
+    if (result < 0)
+        return result;
+    std::vector<IDownload> records;
+    for (IDownload *download : list) {
+        records.push_back(std::move(*download));
+        delete download;
+    }
+    reply->writeInt32(result);
+    return IDownload::writeList(reply, records);
+}
+
+status_t onGet(IDLService &s, uint32_t, const Parcel &data, Parcel *reply)
+{
+    std::string id;
+    if (status_t err = readTexts(data, { { &id, kId } }))
+        return err;
+    IDownload download;
+    const int result = s.getDownload(id, &download);
+    reply->writeInt32(result);
+    if (result == 1)
+        download.writeToParcel(reply);
+    return NO_ERROR;
+}
+
+status_t onSpace(IDLService &s, uint32_t, const Parcel &data, Parcel *reply)
+{
+    std::string client;
+    int64_t size = 0;
+    if (status_t err = readTexts(data, { { &client, kId } }))
+        return err;
+    // A negative size is no question: it would always "fit".
+    if (data.readInt64(&size) || size < 0)
+        return BAD_VALUE;
+    reply->writeInt32(s.checkSpaceAvailability(client, size));
+    return NO_ERROR;
+}
+
+status_t onSetPath(IDLService &s, uint32_t, const Parcel &data, Parcel *reply)
+{
+    std::string client, path;
+    if (status_t err = readTexts(data, { { &client, kId }, { &path, IDLService::kMaxPathBytes } }))
+        return err;
+    // Clients that expect an empty reply never read this status.
+    reply->writeInt32(s.setDownloadPath(client, path));
+    return NO_ERROR;
+}
+
+status_t onRequest(IDLService &s, uint32_t code, const Parcel &data, Parcel *reply)
+{
+    std::string client, url, id, name, digest, created;
+    status_t err = readTexts(data,
+        { { &client, kId }, { &url, IDLService::kMaxUrlBytes }, { &id, kId },
+            { &name, IDLService::kMaxNameBytes } });
+    if (err)
+        return err;
+    int64_t size = -1;
+    if (code == IDLService::REQUEST_DOWNLOAD_CHECKED
+        && ((err = data.readInt64(&size)) || (err = readTexts(data, { { &digest, kId } }))))
+        return err == IDLService::TEXT_TOO_LONG ? err : status_t(BAD_VALUE);
+    const int32_t status = code == IDLService::REQUEST_DOWNLOAD
+        ? s.requestDownload(client, url, id, name, &created)
+        : s.requestDownloadChecked(client, url, id, name, size, digest, &created);
+    if (status == IDLService::TEXT_TOO_LONG)
+        return status;
+    reply->writeInt32(status);
+    writeText(reply, created);
+    return NO_ERROR;
+}
+
+status_t onPage(IDLService &s, uint32_t, const Parcel &data, Parcel *reply)
+{
+    std::string client, after;
+    if (status_t err = readTexts(data, { { &client, kId }, { &after, kId } }))
+        return err;
+    std::vector<IDownload> page;
+    const int result = s.listDownloadsPage(client, after, &page);
+    if (result < 0)
+        return result;
+    return IDownload::writeList(reply, page);
+}
+
+status_t onAnsweredControl(IDLService &s, uint32_t code, const Parcel &data, Parcel *reply)
+{
+    std::string id;
+    if (status_t err = readTexts(data, { { &id, kId } }))
+        return err;
+    reply->writeInt32(code == IDLService::REQUEST_PAUSE ? s.requestPause(id)
+            : code == IDLService::REQUEST_RESUME        ? s.requestResume(id)
+                                                        : s.requestRemove(id));
+    return NO_ERROR;
+}
+
+// Indexed by code - CREATE_DOWNLOAD, in the order of the codes.
+constexpr Handler kHandlers[] = { onCreate, onEventClient, onEventClient, onOneWayControl,
+    onOneWayControl, onOneWayControl, onList, onGet, onSpace, onSetPath, onRequest, onPage,
+    onAnsweredControl, onAnsweredControl, onAnsweredControl, onRequest };
+static_assert(
+    std::size(kHandlers) == IDLService::REQUEST_DOWNLOAD_CHECKED - IDLService::CREATE_DOWNLOAD + 1);
+} // namespace
 
 status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *reply, uint32_t flags)
 {
@@ -224,125 +400,5 @@ status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *repl
         return BBinder::onTransact(code, data, reply, flags);
     if (!data.enforceInterface(IDLService::descriptor))
         return PERMISSION_DENIED;
-
-    // Every text is read against its limit before the call does anything.
-    const size_t id = kMaxIdBytes;
-    std::string a, b, c, d;
-    const auto texts = [&data](std::initializer_list<std::pair<std::string *, size_t>> fields) {
-        for (const auto &[text, max] : fields)
-            if (status_t err = readText(data, text, max); err != NO_ERROR)
-                return err == TEXT_TOO_LONG ? err : status_t(BAD_VALUE);
-        return status_t(NO_ERROR);
-    };
-    status_t err = NO_ERROR;
-    switch (code) {
-    case CREATE_DOWNLOAD:
-        if ((err = texts({ { &a, id }, { &b, kMaxUrlBytes }, { &c, id }, { &d, kMaxNameBytes } })))
-            return err;
-        createDownload(a, b, c, d);
-        return NO_ERROR;
-    case ADD_CLIENT:
-    case REMOVE_CLIENT: {
-        sp<IBinder> binder = data.readStrongBinder();
-        sp<IDLClient> client = interface_cast<IDLClient>(binder);
-        if (client == nullptr)
-            return BAD_VALUE;
-        if (code == ADD_CLIENT)
-            addClient(client);
-        else
-            removeClient(client);
-        return NO_ERROR;
-    }
-    case REMOVE_DOWNLOAD:
-    case PAUSE_DOWNLOAD:
-    case RESUME_DOWNLOAD:
-        if ((err = texts({ { &a, id } })))
-            return err;
-        if (code == REMOVE_DOWNLOAD)
-            removeDownload(a);
-        else if (code == PAUSE_DOWNLOAD)
-            pauseDownload(a);
-        else
-            resumeDownload(a);
-        return NO_ERROR;
-    case GET_DOWNLOAD_LIST: {
-        if ((err = texts({ { &a, id } })))
-            return err;
-        std::vector<IDownload *> list;
-        const int result = getDownloadList(a, list);
-        if (result < 0)
-            return result;
-        std::vector<IDownload> records;
-        for (IDownload *download : list) {
-            records.push_back(std::move(*download));
-            delete download;
-        }
-        reply->writeInt32(result);
-        return IDownload::writeList(reply, records);
-    }
-    case GET_DOWNLOAD: {
-        if ((err = texts({ { &a, id } })))
-            return err;
-        IDownload download;
-        const int result = getDownload(a, &download);
-        reply->writeInt32(result);
-        if (result == 1)
-            download.writeToParcel(reply);
-        return NO_ERROR;
-    }
-    case CHECK_SPACE_AVAILABILITY: {
-        int64_t size = 0;
-        // A negative size is no question: it would always "fit".
-        if ((err = texts({ { &a, id } })))
-            return err;
-        if (data.readInt64(&size) || size < 0)
-            return BAD_VALUE;
-        reply->writeInt32(checkSpaceAvailability(a, size));
-        return NO_ERROR;
-    }
-    case SET_DOWNLOAD_PATH:
-        if ((err = texts({ { &a, id }, { &b, kMaxPathBytes } })))
-            return err;
-        // Clients that expect an empty reply never read this status.
-        reply->writeInt32(setDownloadPath(a, b));
-        return NO_ERROR;
-    case REQUEST_DOWNLOAD:
-    case REQUEST_DOWNLOAD_CHECKED: {
-        if ((err = texts({ { &a, id }, { &b, kMaxUrlBytes }, { &c, id }, { &d, kMaxNameBytes } })))
-            return err;
-        int64_t size = -1;
-        std::string digest;
-        if (code == REQUEST_DOWNLOAD_CHECKED
-            && ((err = data.readInt64(&size)) || (err = texts({ { &digest, id } }))))
-            return err == TEXT_TOO_LONG ? err : status_t(BAD_VALUE);
-        std::string created;
-        const int32_t status = code == REQUEST_DOWNLOAD
-            ? requestDownload(a, b, c, d, &created)
-            : requestDownloadChecked(a, b, c, d, size, digest, &created);
-        if (status == TEXT_TOO_LONG)
-            return status;
-        reply->writeInt32(status);
-        writeText(reply, created);
-        return NO_ERROR;
-    }
-    case LIST_DOWNLOADS_PAGE: {
-        if ((err = texts({ { &a, id }, { &b, id } })))
-            return err;
-        std::vector<IDownload> page;
-        const int result = listDownloadsPage(a, b, &page);
-        if (result < 0)
-            return result;
-        return IDownload::writeList(reply, page);
-    }
-    case REQUEST_PAUSE:
-    case REQUEST_RESUME:
-    case REQUEST_REMOVE:
-        if ((err = texts({ { &a, id } })))
-            return err;
-        reply->writeInt32(code == REQUEST_PAUSE ? requestPause(a)
-                : code == REQUEST_RESUME        ? requestResume(a)
-                                                : requestRemove(a));
-        return NO_ERROR;
-    }
-    return UNKNOWN_TRANSACTION;
+    return kHandlers[code - CREATE_DOWNLOAD](*this, code, data, reply);
 }

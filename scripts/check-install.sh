@@ -158,7 +158,7 @@ page8="$(man_words downloadmanager.8)" page1="$(man_words dlctl.1)"
 # Every setting key (in the README and read by the service) and every environment name of the
 # README is in downloadmanager(8); DLM_ names of the scripts and the build are not the service's.
 keys="$(grep -o 'key `[a-z_]*`' "$ROOT/README.md" | tr -d '`' | cut -d' ' -f2)
-$(grep -ohE '(countSetting|getSettingsValue)\(QStringLiteral\("[a-z_]+"' "$ROOT"/core/*.cpp |
+$(grep -ohE '(count|text)\(QStringLiteral\("[a-z_]+"' "$ROOT"/core/*.cpp |
     sed 's/.*("\(.*\)"/\1/')"
 names="$(grep -oE '\b(DLM|DL|BINDER|MAX|APM)_[A-Z_]+\b' "$ROOT/README.md" |
     grep -vxE 'DLM_(HOME|CHROOT|MIRROR|SANITIZE|HARDENING|BUILD_[A-Z_]+)' || true)"

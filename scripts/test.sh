@@ -4,6 +4,7 @@
 # under AddressSanitizer+UBSan and ThreadSanitizer builds.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
+"$ROOT/scripts/check-layers.sh" "$ROOT"
 install_packages
 # The package is built from this tree, so it is configured for the system's prefix.
 build "$ROOT/build" -DCMAKE_INSTALL_PREFIX=/usr

@@ -1,8 +1,6 @@
 #include "DownloadDataBase.h"
 
 #include "DlmLog.h"
-#include "Download.h"
-#include "DownloadManager.h"
 
 #include <QSqlError>
 #include <QSqlQuery>
@@ -26,13 +24,9 @@ const QString kExtra = QStringLiteral(
 constexpr int kSchemaVersion = 3;
 const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
 
-QByteArray local(const QString &text)
-{
-    return text.toLocal8Bit();
-}
 } // namespace
 
-DownloadDataBase::DownloadDataBase(DownloadManager *manager, const QString &path) : manager(manager)
+DownloadDataBase::DownloadDataBase(const QString &path, RowReader reader) : read(std::move(reader))
 {
     flushTimer.setSingleShot(true);
     flushTimer.setInterval(0);
@@ -50,46 +44,13 @@ bool DownloadDataBase::open(const QString &path)
     db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"));
     db.setDatabaseName(path);
     if (!db.open()) {
-        DLM_LOGE("Unable to open database %s: %s", local(path).constData(),
-            local(db.lastError().text()).constData());
+        DLM_LOGE("Unable to open database %s: %s", qUtf8Printable(path),
+            qUtf8Printable(db.lastError().text()));
         return false;
     }
-    if (!isTableInDB()) {
-        QSqlQuery query;
-        if (!run(query,
-                QStringLiteral("CREATE TABLE ") + kTable
-                    + QStringLiteral(" (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
-                                     "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, "
-                                     "failureCode NUMERIC, totalSize NUMERIC, amountDownloaded "
-                                     "NUMERIC, startTime NUMERIC, ownerUid INTEGER NOT NULL "
-                                     "DEFAULT 0);"),
-                {})) {
-            // A file that is no database stays untouched; later calls find a closed connection
-            // instead of failing (and logging) on every report.
-            close();
-            return false;
-        }
-    } else if (!db.record(kTable).contains(QStringLiteral("ownerUid"))) {
-        // Rows stored before owners were kept belong to root.
-        QSqlQuery query;
-        if (!run(query,
-                QStringLiteral("ALTER TABLE ") + kTable
-                    + QStringLiteral(" ADD COLUMN ownerUid INTEGER NOT NULL DEFAULT 0"),
-                {})) {
-            close();
-            return false;
-        }
-    }
-    QSqlQuery paths;
-    if (!run(paths,
-            QStringLiteral("CREATE TABLE IF NOT EXISTS ") + kPathsTable
-                + QStringLiteral(" (ownerUid INTEGER NOT NULL, clientID TEXT NOT NULL, "
-                                 "path TEXT NOT NULL, PRIMARY KEY (ownerUid, clientID))"),
-            {})) {
-        close();
-        return false;
-    }
-    if (!migrate()) {
+    // A file that is no database stays untouched; later calls find a closed connection instead
+    // of failing (and logging) on every report.
+    if (!createTables() || !migrate()) {
         close();
         return false;
     }
@@ -106,6 +67,38 @@ bool DownloadDataBase::open(const QString &path)
         return false;
     }
     return true;
+}
+
+bool DownloadDataBase::createTables()
+{
+    if (!isTableInDB()) {
+        QSqlQuery query;
+        if (!run(query,
+                QStringLiteral("CREATE TABLE ") + kTable
+                    + QStringLiteral(" (uniqueID TEXT UNIQUE ON CONFLICT REPLACE, clientID TEXT, "
+                                     "name TEXT, contentURL TEXT, filePath TEXT, state NUMERIC, "
+                                     "failureCode NUMERIC, totalSize NUMERIC, amountDownloaded "
+                                     "NUMERIC, startTime NUMERIC, ownerUid INTEGER NOT NULL "
+                                     "DEFAULT 0);"),
+                {})) {
+            return false;
+        }
+    } else if (!db.record(kTable).contains(QStringLiteral("ownerUid"))) {
+        // Rows stored before owners were kept belong to root.
+        QSqlQuery query;
+        if (!run(query,
+                QStringLiteral("ALTER TABLE ") + kTable
+                    + QStringLiteral(" ADD COLUMN ownerUid INTEGER NOT NULL DEFAULT 0"),
+                {})) {
+            return false;
+        }
+    }
+    QSqlQuery paths;
+    return run(paths,
+        QStringLiteral("CREATE TABLE IF NOT EXISTS ") + kPathsTable
+            + QStringLiteral(" (ownerUid INTEGER NOT NULL, clientID TEXT NOT NULL, "
+                             "path TEXT NOT NULL, PRIMARY KEY (ownerUid, clientID))"),
+        {});
 }
 
 bool DownloadDataBase::migrate()
@@ -134,9 +127,10 @@ bool DownloadDataBase::migrate()
                            "INTEGER, fileInode INTEGER, validator BLOB, expectedSize INTEGER NOT "
                            "NULL DEFAULT -1, expectedSha256 TEXT, failureReason TEXT NOT NULL "
                            "DEFAULT '', httpStatus INTEGER NOT NULL DEFAULT 0)"),
-            QStringLiteral("INSERT INTO download_extra (uniqueID, fileDevice, fileInode, "
-                           "validator, expectedSize, expectedSha256) SELECT uniqueID, fileDevice, "
-                           "fileInode, validator, expectedSize, expectedSha256 FROM download_extra_2"),
+            QStringLiteral(
+                "INSERT INTO download_extra (uniqueID, fileDevice, fileInode, "
+                "validator, expectedSize, expectedSha256) SELECT uniqueID, fileDevice, "
+                "fileInode, validator, expectedSize, expectedSha256 FROM download_extra_2"),
             QStringLiteral("DROP TABLE download_extra_2") },
     };
     for (int next = version + 1; next <= kSchemaVersion; ++next) {
@@ -161,7 +155,7 @@ bool DownloadDataBase::useWriteAheadLog()
         return false;
     const QString mode = query.next() ? query.value(0).toString() : QString();
     if (mode.compare(QLatin1String("wal"), Qt::CaseInsensitive) != 0) {
-        DLM_LOGW("Database stays in journal mode %s", local(mode).constData());
+        DLM_LOGW("Database stays in journal mode %s", qUtf8Printable(mode));
         return false;
     }
     return run(query, QStringLiteral("PRAGMA synchronous=NORMAL"), {});
@@ -182,8 +176,8 @@ bool DownloadDataBase::run(QSqlQuery &query, const QString &statement, const QVa
 bool DownloadDataBase::prepare(QSqlQuery &query, const QString &statement)
 {
     if (!query.prepare(statement)) {
-        DLM_LOGE("Unable to prepare \"%s\": %s", local(statement).constData(),
-            local(query.lastError().text()).constData());
+        DLM_LOGE("Unable to prepare \"%s\": %s", qUtf8Printable(statement),
+            qUtf8Printable(query.lastError().text()));
         return false;
     }
     return true;
@@ -196,8 +190,8 @@ bool DownloadDataBase::exec(QSqlQuery &query, const QString &statement, const QV
     for (int i = 0; i < values.size(); ++i)
         query.bindValue(i, values.at(i));
     if (!query.exec()) {
-        DLM_LOGE("Unable to execute \"%s\": %s", local(statement).constData(),
-            local(query.lastError().text()).constData());
+        DLM_LOGE("Unable to execute \"%s\": %s", qUtf8Printable(statement),
+            qUtf8Printable(query.lastError().text()));
         return false;
     }
     return true;
@@ -234,9 +228,9 @@ bool DownloadDataBase::isDBEntryAvailable(const QString &uniqueID)
     return found;
 }
 
-bool DownloadDataBase::addEntry(Download *download)
+bool DownloadDataBase::addEntry(const StoredRecord &r)
 {
-    if (isDBEntryAvailable(download->uniqueID))
+    if (isDBEntryAvailable(r.uniqueID))
         return false;
     QSqlQuery query;
     return run(query,
@@ -244,14 +238,13 @@ bool DownloadDataBase::addEntry(Download *download)
             + QStringLiteral(" (uniqueID, clientID, name, contentURL, filePath, state")
             + QStringLiteral(", failureCode, totalSize, amountDownloaded, startTime, ownerUid)")
             + QStringLiteral(" VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
-        { download->uniqueID, download->clientID, download->name, download->contentURL,
-            download->filePath, download->state, download->failureCode, download->totalSize,
-            download->amountDownloaded, download->startTime, download->ownerUid });
+        { r.uniqueID, r.clientID, r.name, r.contentURL, r.filePath, r.state, r.failureCode,
+            r.totalSize, r.amountDownloaded, r.startTime, r.ownerUid });
 }
 
-bool DownloadDataBase::updateEntry(Download *download)
+bool DownloadDataBase::updateEntry(const StoredRecord &r)
 {
-    if (!isDBEntryAvailable(download->uniqueID))
+    if (!isDBEntryAvailable(r.uniqueID))
         return false;
     QSqlQuery query;
     return run(query,
@@ -259,20 +252,20 @@ bool DownloadDataBase::updateEntry(Download *download)
             + QStringLiteral(
                 " set state = ?, name = ?, failureCode=?, totalSize=?, amountDownloaded=?")
             + QStringLiteral(" where uniqueID = ?"),
-        { download->state, download->name, download->failureCode, download->totalSize,
-            download->amountDownloaded, download->uniqueID });
+        { r.state, r.name, r.failureCode, r.totalSize, r.amountDownloaded, r.uniqueID });
 }
 
-void DownloadDataBase::store(Download *download)
+void DownloadDataBase::store(RowKey row)
 {
     if (!db.isOpen())
         return;
-    pending.insert(download);
-    const auto written = writtenState.constFind(download);
-    const auto identity = writtenIdentity.constFind(download);
+    pending.insert(row);
+    const StoredRecord now = read(row);
+    const auto written = writtenState.constFind(row);
+    const auto identity = writtenIdentity.constFind(row);
     // A file's identity is stored the moment it is created: it guards every later open.
-    if (written == writtenState.constEnd() || written.value() != download->state
-        || (identity != writtenIdentity.constEnd() && identity.value() != download->fileIdentity))
+    if (written == writtenState.constEnd() || written.value() != now.state
+        || (identity != writtenIdentity.constEnd() && identity.value() != now.fileIdentity))
         flush();
     else if (!flushTimer.isActive())
         flushTimer.start();
@@ -282,84 +275,81 @@ bool DownloadDataBase::flush()
 {
     if (pending.isEmpty())
         return true;
-    const QSet<Download *> rows = std::exchange(pending, {});
+    const QSet<RowKey> rows = std::exchange(pending, {});
     // One commit for the lot; a failed begin still writes each row on its own.
     const bool transaction = db.transaction();
     bool written = true;
-    for (Download *download : rows)
-        written = write(download) && written;
+    for (RowKey row : rows)
+        written = write(row) && written;
     if (transaction && !db.commit()) {
         DLM_LOGE("Unable to commit %d rows: %s", int(rows.size()),
-            local(db.lastError().text()).constData());
+            qUtf8Printable(db.lastError().text()));
         db.rollback();
-        for (Download *download : rows)
-            writtenState.remove(download);
+        for (RowKey row : rows)
+            writtenState.remove(row);
         return false;
     }
     return written;
 }
 
-bool DownloadDataBase::write(Download *download)
+bool DownloadDataBase::write(RowKey row)
 {
+    const StoredRecord r = read(row);
     if (!exec(upsert, kUpsert,
-            { download->uniqueID, download->clientID, download->name, download->contentURL,
-                download->filePath, download->state, download->failureCode, download->totalSize,
-                download->amountDownloaded, download->startTime, download->ownerUid }))
+            { r.uniqueID, r.clientID, r.name, r.contentURL, r.filePath, r.state, r.failureCode,
+                r.totalSize, r.amountDownloaded, r.startTime, r.ownerUid }))
         return false;
-    writtenState.insert(download, download->state);
+    writtenState.insert(row, r.state);
     // An older download's row gets one once its file is known, or once it fails; a new one
     // also when it expects a content.
-    const FileIdentity &file = download->fileIdentity;
-    const ContentCheck &content = download->content;
-    const bool expects = content.expectedSize() >= 0 || !content.expectedSha256().isEmpty();
-    const auto identity = writtenIdentity.constFind(download);
+    const FileIdentity &file = r.fileIdentity;
+    const bool expects = r.expectedSize >= 0 || !r.expectedSha256.isEmpty();
+    const auto identity = writtenIdentity.constFind(row);
     if ((identity == writtenIdentity.constEnd() ? file.unrecorded && !expects
                                                 : identity.value() == file)
-        && writtenValidator.value(download) == download->validator
-        && writtenReason.value(download) == download->failureReason)
+        && writtenValidator.value(row) == r.validator
+        && writtenReason.value(row) == r.failureReason)
         return true;
     const QVariant none(QMetaType::fromType<qulonglong>());
-    const QVariant digest = content.expectedSha256().isEmpty()
-        ? QVariant()
-        : QVariant(QString::fromLatin1(content.expectedSha256()));
+    const QVariant digest
+        = r.expectedSha256.isEmpty() ? QVariant() : QVariant(QString::fromLatin1(r.expectedSha256));
     if (!exec(extra, kExtra,
-            { download->uniqueID, file.unrecorded ? none : QVariant(file.device),
-                file.unrecorded ? none : QVariant(file.inode), download->validator,
-                content.expectedSize(), digest, download->failureReason, download->httpStatus }))
+            { r.uniqueID, file.unrecorded ? none : QVariant(file.device),
+                file.unrecorded ? none : QVariant(file.inode), r.validator, r.expectedSize, digest,
+                r.failureReason, r.httpStatus }))
         return false;
-    writtenIdentity.insert(download, file);
+    writtenIdentity.insert(row, file);
     // Kept only for the downloads that have one: most never do.
-    if (!download->validator.isEmpty() || writtenValidator.contains(download))
-        writtenValidator.insert(download, download->validator);
-    if (!download->failureReason.isEmpty())
-        writtenReason.insert(download, download->failureReason);
+    if (!r.validator.isEmpty() || writtenValidator.contains(row))
+        writtenValidator.insert(row, r.validator);
+    if (!r.failureReason.isEmpty())
+        writtenReason.insert(row, r.failureReason);
     return true;
 }
 
-void DownloadDataBase::forget(Download *download)
+void DownloadDataBase::forget(RowKey row)
 {
-    pending.remove(download);
-    writtenState.remove(download);
-    writtenIdentity.remove(download);
-    writtenValidator.remove(download);
-    writtenReason.remove(download);
+    pending.remove(row);
+    writtenState.remove(row);
+    writtenIdentity.remove(row);
+    writtenValidator.remove(row);
+    writtenReason.remove(row);
 }
 
-bool DownloadDataBase::deleteEntry(Download *download)
+bool DownloadDataBase::deleteEntry(RowKey row, const QString &uniqueID)
 {
     // A pending write would bring the row back.
-    forget(download);
-    if (!isDBEntryAvailable(download->uniqueID))
+    forget(row);
+    if (!isDBEntryAvailable(uniqueID))
         return false;
     QSqlQuery query;
-    return run(query, QStringLiteral("DELETE FROM download_extra WHERE uniqueID = ?"),
-               { download->uniqueID })
+    return run(query, QStringLiteral("DELETE FROM download_extra WHERE uniqueID = ?"), { uniqueID })
         && run(query,
             QStringLiteral("DELETE FROM ") + kTable + QStringLiteral(" WHERE uniqueID = ?"),
-            { download->uniqueID });
+            { uniqueID });
 }
 
-void DownloadDataBase::getDownloadList()
+void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord &)> &restore)
 {
     QSqlQuery query;
     query.setForwardOnly(true);
@@ -371,24 +361,36 @@ void DownloadDataBase::getDownloadList()
                 + kTable + QStringLiteral(" LEFT JOIN download_extra USING (uniqueID)"),
             {}))
         return;
-    // Each row goes to the manager at once: launching it updates that same row on this
-    // connection before the next one is read.
+    // Each record is restored at once: launching it updates that same row on this connection
+    // before the next one is read.
     // Rows share few client identifiers: one copy each instead of one per row.
     QSet<QString> clientIDs;
     while (query.next()) {
-        const QString clientID = *clientIDs.insert(query.value(1).toString());
-        manager->createDownload(query.value(0).toString(), clientID, query.value(2).toString(),
-            query.value(3).toString(), query.value(4).toString(), query.value(5).toUInt(),
-            query.value(6).toUInt(), query.value(7).toLongLong(), query.value(8).toLongLong(),
-            query.value(9).toLongLong(), query.value(10).toUInt(),
-            FileIdentity { query.value(11).toULongLong(), query.value(12).toULongLong(),
-                query.value(13).toBool() },
-            { query.value(14).toLongLong(), query.value(15).toString() },
-            query.value(16).toByteArray(), query.value(17).toString(), query.value(18).toInt());
+        StoredRecord r;
+        r.uniqueID = query.value(0).toString();
+        r.clientID = *clientIDs.insert(query.value(1).toString());
+        r.name = query.value(2).toString();
+        r.contentURL = query.value(3).toString();
+        r.filePath = query.value(4).toString();
+        r.state = query.value(5).toUInt();
+        r.failureCode = query.value(6).toUInt();
+        r.totalSize = query.value(7).toLongLong();
+        r.amountDownloaded = query.value(8).toLongLong();
+        r.startTime = query.value(9).toLongLong();
+        r.ownerUid = query.value(10).toUInt();
+        r.fileIdentity = { query.value(11).toULongLong(), query.value(12).toULongLong(),
+            query.value(13).toBool() };
+        r.expectedSize = query.value(14).toLongLong();
+        r.expectedSha256 = query.value(15).toString().toLatin1();
+        r.validator = query.value(16).toByteArray();
+        r.failureReason = query.value(17).toString();
+        r.httpStatus = query.value(18).toInt();
+        restore(r);
     }
 }
 
-bool DownloadDataBase::storeDownloadPath(uint ownerUid, const QString &clientID, const QString &path)
+bool DownloadDataBase::storeDownloadPath(
+    uint ownerUid, const QString &clientID, const QString &path)
 {
     QSqlQuery query;
     return run(query,
@@ -402,11 +404,10 @@ QList<DownloadDataBase::StoredPath> DownloadDataBase::downloadPaths()
     QList<StoredPath> result;
     QSqlQuery query;
     query.setForwardOnly(true);
-    if (!run(query,
-            QStringLiteral("SELECT ownerUid, clientID, path FROM ") + kPathsTable, {}))
+    if (!run(query, QStringLiteral("SELECT ownerUid, clientID, path FROM ") + kPathsTable, {}))
         return result;
     while (query.next())
-        result.append({ query.value(0).toUInt(), query.value(1).toString(),
-            query.value(2).toString() });
+        result.append(
+            { query.value(0).toUInt(), query.value(1).toString(), query.value(2).toString() });
     return result;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "OwnedFile.h"
+#include "StoredRecord.h"
 
 #include <QHash>
 #include <QList>
@@ -11,8 +11,7 @@
 #include <QTimer>
 #include <QVariant>
 
-class Download;
-class DownloadManager;
+#include <functional>
 
 // The "downloads" table in SQLite, one row per download with its owner's uid (a column added in
 // place to older files, their rows read as root's), and the "download_paths" table, one
@@ -27,36 +26,43 @@ class DownloadManager;
 // one transaction at the next turn of the event loop, so a burst of reports costs one commit.
 // A change of state is written at once, and close() writes whatever is still pending. A row is
 // only ever written from what the download has already put in its file.
+//
+// The database holds no download: it names each by the key its owner gives (a RowKey, compared
+// only) and reads the download's values through the reader when it writes the row.
 class DownloadDataBase {
 public:
+    using RowKey = const void *;
+    using RowReader = std::function<StoredRecord(RowKey)>;
+
     struct StoredPath {
         uint ownerUid;
         QString clientID;
         QString path;
     };
 
-    DownloadDataBase(DownloadManager *manager, const QString &path);
+    DownloadDataBase(const QString &path, RowReader reader);
     ~DownloadDataBase();
 
     bool open(const QString &path);
     void close();
     bool isTableInDB();
     bool isDBEntryAvailable(const QString &uniqueID);
-    bool addEntry(Download *download);
-    bool updateEntry(Download *download);
+    bool addEntry(const StoredRecord &record);
+    bool updateEntry(const StoredRecord &record);
     // Also drops what is pending for the download.
-    bool deleteEntry(Download *download);
+    bool deleteEntry(RowKey row, const QString &uniqueID);
     // Adds or updates the download's row: at once when its state is not the one last written,
     // otherwise at the next turn of the event loop with every other pending row.
-    void store(Download *download);
+    void store(RowKey row);
     // Writes every pending row in one transaction.
     bool flush();
     // The download is about to be destroyed: nothing of it is written any more.
-    void forget(Download *download);
+    void forget(RowKey row);
     // Gives back the page cache SQLite holds for this connection.
     void releaseMemory();
-    // Hands every stored row to the manager's restore form of createDownload, in stored order.
-    void getDownloadList();
+    // Hands every stored record to restore, in stored order, each before the next is read (a
+    // restored download may write its row on this connection first).
+    void forEachStored(const std::function<void(const StoredRecord &)> &restore);
 
     // Adds or replaces the directory of one client.
     bool storeDownloadPath(uint ownerUid, const QString &clientID, const QString &path);
@@ -70,21 +76,23 @@ private:
     bool prepare(QSqlQuery &query, const QString &statement);
     // Runs a statement prepared once for the connection with these values.
     bool exec(QSqlQuery &query, const QString &statement, const QVariantList &values);
-    bool write(Download *download);
+    bool write(RowKey row);
+    // The tables of the oldest schema, where the file has none yet; false when it cannot be.
+    bool createTables();
     // Brings an older file's schema up to this version; false when it cannot be.
     bool migrate();
 
     QSqlDatabase db;
-    DownloadManager *manager;
+    RowReader read;
     // Kept prepared for the connection: every report and every new identifier uses them.
     QSqlQuery upsert;
     QSqlQuery exists;
     // Downloads whose row is behind, and the state last written for each stored download.
-    QSet<Download *> pending;
-    QHash<const Download *, unsigned> writtenState;
-    QHash<const Download *, FileIdentity> writtenIdentity;
-    QHash<const Download *, QByteArray> writtenValidator; // only of downloads that had one
-    QHash<const Download *, QString> writtenReason; // only those with a reason
+    QSet<RowKey> pending;
+    QHash<RowKey, unsigned> writtenState;
+    QHash<RowKey, FileIdentity> writtenIdentity;
+    QHash<RowKey, QByteArray> writtenValidator; // only of downloads that had one
+    QHash<RowKey, QString> writtenReason; // only those with a reason
 
     QSqlQuery extra;
     QTimer flushTimer;

@@ -342,7 +342,10 @@ void tst_Faults::queued()
     QByteArrayList asked;
     for (const FakeHttpServer::Request &q : host.requests())
         asked << q.path.mid(1) + (q.header("range").isEmpty() ? "" : " with a range");
-    std::sort(asked.begin(), asked.begin() + qMin(most, asked.size())); // started together
+    // Over several connections requests reach the server in any order; where one runs at a
+    // time, they must come in the order of creation.
+    if (most > 1)
+        std::sort(asked.begin(), asked.end());
     QCOMPARE(asked, ids);
     QCOMPARE(host.mostConnections, most);
     QCOMPARE(one.stop(), 0);

@@ -1,5 +1,5 @@
 // Transfers in-process, where every data notification and every report can be counted.
-#include "DLBaseClient.h"
+#include "DownloadManager.h"
 #include "Download.h"
 #include "FakeHttpServer.h"
 #include "Harness.h"
@@ -10,8 +10,8 @@
 QList<QList<qint64>> reports; // state, total, amount, data arrivals up to the report
 
 // No report counts bytes that are not in the file yet.
-struct Recorder : DLBaseClient {
-    using DLBaseClient::DLBaseClient;
+struct Recorder final : FrontEnd {
+    void destroy() override { delete this; }
     void updateDownloadEntry(Download *d) override
     {
         QVERIFY(d->amountDownloaded <= QFileInfo(d->filePath).size());
@@ -84,9 +84,14 @@ private slots:
             .setValue("download_database_path", dir.path());
         DownloadManager manager(dir.filePath("ini"));
         const auto quit = qScopeGuard([&] { manager.quit(); });
-        manager.addClient(new Recorder(&manager));
-        manager.createDownload("id", "t", "f", server.url("/f").toString(), dir.filePath("f"),
-            Download::Pending, 4, 0, 0, 0);
+        manager.addClient(new Recorder);
+        StoredRecord stored; // a Pending download, launched as it comes back
+        stored.uniqueID = "id";
+        stored.clientID = "t";
+        stored.contentURL = server.url("/f").toString();
+        stored.filePath = dir.filePath("f");
+        stored.state = Download::Pending;
+        manager.restoreDownload(stored);
         Download *d = manager.getDownload("id");
         QVERIFY(d && d->onTheWire());
         QTRY_VERIFY_WITH_TIMEOUT(!d->onTheWire(), 30000); // the first attempt is over

@@ -1,7 +1,6 @@
 #include "Download.h"
 
 #include "DlmLog.h"
-#include "DownloadManager.h"
 #include "IDownload.h"
 #include "RequestQueue.h"
 #include "ResumeValidator.h"
@@ -71,18 +70,20 @@ bool isRedirectStatus(int status)
 } // namespace
 
 // A new download is a stored one that has no file, no state and failure code 4 yet.
-Download::Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID, QString clientID,
-    QString contentURL, QString name)
-    : Download(
-        manager, engine, uniqueID, clientID, name, contentURL, QString(), Undefined, 4, 0, 0, 0)
+Download::Download(std::function<void(Download *)> reportChange,
+    CurlEngine *engine, QString uniqueID, QString clientID, QString contentURL,
+    QString name)
+    : Download(std::move(reportChange), engine, uniqueID, clientID, name, contentURL,
+        QString(), Undefined, 4, 0, 0, 0)
 {
 }
 
-Download::Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID, QString clientID,
-    QString name, QString contentURL, QString filePath, unsigned state, unsigned failureCode,
-    qint64 totalSize, qint64 amountDownloaded, qint64 startTime)
+Download::Download(std::function<void(Download *)> reportChange,
+    CurlEngine *engine, QString uniqueID, QString clientID, QString name,
+    QString contentURL, QString filePath, unsigned state, unsigned failureCode, qint64 totalSize,
+    qint64 amountDownloaded, qint64 startTime)
     : QObject(nullptr),
-      manager(manager),
+      reportChange(std::move(reportChange)),
       engine(engine),
       uniqueID(uniqueID),
       clientID(clientID),
@@ -588,7 +589,8 @@ void Download::report()
         rateClock.start();
         rateBase = amountDownloaded;
     }
-    manager->updateDownload(this);
+    if (reportChange)
+        reportChange(this);
 }
 
 void Download::completeFromRangeAnswer(qint64 completeLength)

@@ -12,13 +12,13 @@
 #include <QString>
 #include <QTimer>
 
+#include <functional>
 #include <memory>
 
-class DownloadManager;
 
 // One file fetched over HTTP for a client: the persisted record, the state machine and the
 // transfer that writes the content into filePath. Lives on the main thread; every change worth
-// storing or announcing is reported through DownloadManager::updateDownload(this). Every
+// storing or announcing is reported through the reportChange callback it is given. Every
 // transfer ends by itself: Completed, Failed (reported, with its reason in the log), or Stalled
 // while it waits to try a passing fault again.
 class Download : public QObject, private CurlEngine::Transfer {
@@ -38,12 +38,13 @@ public:
 
     // A new download, not launched yet (state 0, failure code 4). Note: the URL comes before the
     // name.
-    Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID, QString clientID,
-        QString contentURL, QString name);
+    Download(std::function<void(Download *)> reportChange, CurlEngine *engine,
+        QString uniqueID, QString clientID, QString contentURL, QString name);
     // A download restored from its stored record, values taken as they are.
-    Download(DownloadManager *manager, CurlEngine *engine, QString uniqueID, QString clientID,
-        QString name, QString contentURL, QString filePath, unsigned state, unsigned failureCode,
-        qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
+    Download(std::function<void(Download *)> reportChange, CurlEngine *engine,
+        QString uniqueID, QString clientID, QString name, QString contentURL, QString filePath,
+        unsigned state, unsigned failureCode, qint64 totalSize, qint64 amountDownloaded,
+        qint64 startTime);
     ~Download() override;
 
     QString stateAsString() const;
@@ -73,7 +74,7 @@ public:
     // Whether a request of this download is on the wire or waits for a connection.
     bool onTheWire() const { return running && running->easy; }
 
-    DownloadManager *manager;
+    std::function<void(Download *)> reportChange; // may be empty
     CurlEngine *engine;
 
     QString uniqueID;

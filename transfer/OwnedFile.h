@@ -1,22 +1,10 @@
 #pragma once
 
+#include "FileIdentity.h"
+
 #include <QFile>
 
 #include <sys/types.h>
-
-// The file a download created, by device and inode; inode 0 while it has none.
-struct FileIdentity {
-    quint64 device = 0;
-    quint64 inode = 0;
-    // Stored before identities were kept: the owner's own regular file with a single name at
-    // the download's path is taken as its file, and recorded from then on.
-    bool unrecorded = false;
-    bool operator==(const FileIdentity &o) const
-    {
-        return device == o.device && inode == o.inode && unrecorded == o.unrecorded;
-    }
-    bool operator!=(const FileIdentity &o) const { return !(*this == o); }
-};
 
 // A download's file, opened the way its owner could open it: under the owner's file-system
 // identity (FsIdentity), so the kernel judges every permission and a new file belongs to the

@@ -4,7 +4,6 @@
 //
 // Usage: db_report_cost [directory] [reports]
 // Run it on the device's storage: a directory on tmpfs hides the cost of syncing.
-#include "Download.h"
 #include "DownloadDataBase.h"
 
 #include <QCoreApplication>
@@ -31,20 +30,20 @@ double measure(const QString &file, bool writeAheadLog, int reports)
         QFile::remove(file + QLatin1String(suffix));
     double perReport = -1;
     {
-        DownloadDataBase db(nullptr, file);
-        Download download(nullptr, nullptr, QStringLiteral("0123456789abcdef0123456789abcdef"),
+        DownloadDataBase db(file, {});
+        StoredRecord download { QStringLiteral("0123456789abcdef0123456789abcdef"),
             QStringLiteral("appA"), QStringLiteral("a.zip"), QStringLiteral("http://host/a.zip"),
-            QStringLiteral("/data/a.zip"), Download::Progressing, 4, qint64(reports) * 16384, 0,
-            1700000000000LL);
-        if (db.addEntry(&download) && (writeAheadLog || useDefaultJournal())) {
+            QStringLiteral("/data/a.zip"), 2 /* Progressing */, 4, qint64(reports) * 16384, 0,
+            1700000000000LL };
+        if (db.addEntry(download) && (writeAheadLog || useDefaultJournal())) {
             QElapsedTimer timer;
             timer.start();
             for (int i = 0; i < reports; ++i) {
                 download.amountDownloaded += 16384;
                 if (db.isDBEntryAvailable(download.uniqueID))
-                    db.updateEntry(&download);
+                    db.updateEntry(download);
                 else
-                    db.addEntry(&download);
+                    db.addEntry(download);
             }
             perReport = double(timer.nsecsElapsed()) / 1000.0 / reports;
         }

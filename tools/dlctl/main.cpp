@@ -96,21 +96,44 @@ bool parseOptions(int argc, char **argv, Options *o)
     return true;
 }
 
-// Which options each command takes, and how many arguments.
-bool fits(const std::string &command, const Options &o)
+// Every command: its arguments, the options it takes besides those of create alone, and what
+// runs it once the service is reached.
+struct CommandSpec {
+    const char *name;
+    size_t minArgs, maxArgs;
+    bool json, client; // takes --json, takes --client
+    int (*run)(Command &c, const std::string &name);
+};
+
+const CommandSpec kCommands[] = {
+    { "create", 1, 1, true, true,
+        [](Command &c, const std::string &) { return createCommand(c); } },
+    { "pause", 1, 1, false, false, controlCommand },
+    { "resume", 1, 1, false, false, controlCommand },
+    { "remove", 1, 1, false, false, controlCommand },
+    { "status", 1, 1, true, false,
+        [](Command &c, const std::string &) { return statusCommand(c); } },
+    { "list", 0, 1, true, false, [](Command &c, const std::string &) { return listCommand(c); } },
+    { "space", 1, 1, false, true, [](Command &c, const std::string &) { return spaceCommand(c); } },
+    { "set-path", 2, 2, false, false,
+        [](Command &c, const std::string &) { return setPathCommand(c); } },
+    { "watch", 0, 0, true, false, [](Command &c, const std::string &) { return watchCommand(c); } },
+};
+
+// The command's entry when the options and the number of arguments fit it, else null.
+const CommandSpec *findCommand(const std::string &name, const Options &o)
 {
-    const size_t n = o.positional.size();
-    const bool json
-        = command == "list" || command == "status" || command == "watch" || command == "create";
-    const bool client = command == "create" || command == "space";
-    if ((o.json && !json) || (o.clientGiven && !client)
-        || ((o.wait || o.checked || !o.id.empty() || !o.name.empty()) && command != "create"))
-        return false;
-    return ((command == "create" || command == "pause" || command == "resume" || command == "remove"
-                || command == "status" || command == "space")
-               && n == 1)
-        || (command == "list" && n <= 1) || (command == "set-path" && n == 2)
-        || (command == "watch" && n == 0);
+    for (const CommandSpec &spec : kCommands) {
+        if (name != spec.name)
+            continue;
+        const size_t n = o.positional.size();
+        const bool createOnly = o.wait || o.checked || !o.id.empty() || !o.name.empty();
+        if ((o.json && !spec.json) || (o.clientGiven && !spec.client)
+            || (createOnly && name != "create") || n < spec.minArgs || n > spec.maxArgs)
+            return nullptr;
+        return &spec;
+    }
+    return nullptr;
 }
 
 int run(int argc, char **argv)
@@ -125,7 +148,8 @@ int run(int argc, char **argv)
         return 0;
     }
     Command c;
-    if (!parseOptions(argc, argv, &c.options) || !fits(command, c.options))
+    const CommandSpec *spec = nullptr;
+    if (!parseOptions(argc, argv, &c.options) || !(spec = findCommand(command, c.options)))
         return usage(stderr, 64);
 
     signal(SIGPIPE, SIG_IGN);
@@ -135,19 +159,7 @@ int run(int argc, char **argv)
     if (c.service == nullptr)
         return 2;
     CallDeadline::arm(argv[1]);
-    if (command == "create")
-        return createCommand(c);
-    if (command == "pause" || command == "resume" || command == "remove")
-        return controlCommand(c, command);
-    if (command == "status")
-        return statusCommand(c);
-    if (command == "list")
-        return listCommand(c);
-    if (command == "space")
-        return spaceCommand(c);
-    if (command == "set-path")
-        return setPathCommand(c);
-    return watchCommand(c);
+    return spec->run(c, command);
 }
 
 } // namespace

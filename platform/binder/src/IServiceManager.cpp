@@ -125,25 +125,40 @@ private:
     mutable std::map<std::string, std::shared_ptr<Connection>> mClients;
 };
 
-status_t SocketServiceManager::addService(
-    const String16 &name, const sp<IBinder> &service, bool, int)
+namespace {
+// Accepts connections to a published name until the listening socket fails; each connection
+// takes a slot of its uid's share first, and is ended at once without one.
+void acceptConnections(int fd, const std::string &path)
 {
-    sockaddr_un addr;
-    std::string path;
-    if (service == nullptr || service->localBinder() == nullptr)
-        return BAD_VALUE;
-    if (!socketAddress(name, &addr, &path))
-        return BAD_VALUE;
-    {
-        // Publishing a name again from the same process replaces the object, as on Android.
-        sp<IBinder> previous = service;
-        std::unique_lock<std::mutex> lock(gPublishedLock);
-        if (auto it = gPublished.find(path); it != gPublished.end()) {
-            std::swap(it->second, previous);
+    static const std::shared_ptr<ConnectionSlots> slots = ConnectionSlots::create(
+        ConnectionSlots::kMaxTotal, ConnectionSlots::kMaxPerUid, ConnectionSlots::kRootReserve);
+    for (;;) {
+        const int client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client >= 0) {
+            ucred cred {};
+            socklen_t len = sizeof cred;
+            std::shared_ptr<void> slot;
+            if (::getsockopt(client, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0)
+                slot = slots->take(cred.uid, cred.pid);
+            if (slot == nullptr) {
+                ::close(client); // the peer sees the connection end at once
+                continue;
+            }
+            std::unique_lock<std::mutex> lock(gPublishedLock);
+            sp<IBinder> root = gPublished[path];
             lock.unlock();
-            return NO_ERROR;
+            Connection::start(client, root, std::move(slot));
+        } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100)); // out of resources
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            return;
         }
     }
+}
+
+// A listening socket at path, or a negative status; a live service there is ALREADY_EXISTS.
+int listenAt(const sockaddr_un &addr, const std::string &path)
+{
     makeDirs(socketDir());
     const int probe = connectTo(addr);
     if (probe >= 0 || errno == EAGAIN) { // a live service, perhaps too busy to accept
@@ -165,42 +180,43 @@ status_t SocketServiceManager::addService(
         return err;
     }
     setMode(path.c_str(), 0666, false);
+    return fd;
+}
+} // namespace
+
+status_t SocketServiceManager::addService(
+    const String16 &name, const sp<IBinder> &service, bool, int)
+{
+    sockaddr_un addr;
+    std::string path;
+    if (service == nullptr || service->localBinder() == nullptr)
+        return BAD_VALUE;
+    if (!socketAddress(name, &addr, &path))
+        return BAD_VALUE;
+    {
+        // Publishing a name again from the same process replaces the object, as on Android.
+        sp<IBinder> previous = service;
+        std::unique_lock<std::mutex> lock(gPublishedLock);
+        if (auto it = gPublished.find(path); it != gPublished.end()) {
+            std::swap(it->second, previous);
+            lock.unlock();
+            return NO_ERROR;
+        }
+    }
+    const int fd = listenAt(addr, path);
+    if (fd < 0)
+        return fd;
     {
         std::lock_guard<std::mutex> lock(gPublishedLock);
         if (gPublished.empty())
             std::atexit(unlinkPublished);
         gPublished[path] = service;
     }
-    static const std::shared_ptr<ConnectionSlots> slots = ConnectionSlots::create(
-        ConnectionSlots::kMaxTotal, ConnectionSlots::kMaxPerUid, ConnectionSlots::kRootReserve);
-    auto acceptLoop = [fd, path] {
-        for (;;) {
-            const int client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (client >= 0) {
-                ucred cred {};
-                socklen_t len = sizeof cred;
-                std::shared_ptr<void> slot;
-                if (::getsockopt(client, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0)
-                    slot = slots->take(cred.uid, cred.pid);
-                if (slot == nullptr) {
-                    ::close(client); // the peer sees the connection end at once
-                    continue;
-                }
-                std::unique_lock<std::mutex> lock(gPublishedLock);
-                sp<IBinder> root = gPublished[path];
-                lock.unlock();
-                Connection::start(client, root, std::move(slot));
-            } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(100)); // out of resources
-            } else if (errno != EINTR && errno != ECONNABORTED) {
-                return;
-            }
-        }
-    };
     try {
-        std::thread(acceptLoop).detach();
+        std::thread(acceptConnections, fd, path).detach();
     } catch (const std::system_error &e) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "cannot serve %s: %s", path.c_str(), e.what());
+        __android_log_print(
+            ANDROID_LOG_ERROR, LOG_TAG, "cannot serve %s: %s", path.c_str(), e.what());
         {
             std::lock_guard<std::mutex> lock(gPublishedLock);
             gPublished.erase(path);

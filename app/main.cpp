@@ -1,3 +1,5 @@
+#include "DLBinderClient.h"
+#include "DLConsoleReaderClient.h"
 #include "DlmLog.h"
 #include "DownloadManager.h"
 #include "apm.h"
@@ -41,8 +43,8 @@ static int OnLoseResource(APM_RESOURCE_e)
     return 0;
 }
 
-APM_CTRL_HANDLER_t appCtrlHandler = {OnGetFocus, OnLoseFocus,    OnDestroy,
-                                     OnGetResource, OnLoseResource, nullptr};
+APM_CTRL_HANDLER_t appCtrlHandler
+    = { OnGetFocus, OnLoseFocus, OnDestroy, OnGetResource, OnLoseResource, nullptr };
 
 // DLM_LOG_LEVEL picks the lowest platform log priority shown: v, d, i (default), w, e, f, s.
 static void applyLogLevel()
@@ -52,16 +54,59 @@ static void applyLogLevel()
         return;
     int priority = ANDROID_LOG_INFO;
     switch (level[0]) {
-    case 'v': case 'V': priority = ANDROID_LOG_VERBOSE; break;
-    case 'd': case 'D': priority = ANDROID_LOG_DEBUG; break;
-    case 'i': case 'I': priority = ANDROID_LOG_INFO; break;
-    case 'w': case 'W': priority = ANDROID_LOG_WARN; break;
-    case 'e': case 'E': priority = ANDROID_LOG_ERROR; break;
-    case 'f': case 'F': priority = ANDROID_LOG_FATAL; break;
-    case 's': case 'S': priority = ANDROID_LOG_SILENT; break;
-    default: return;
+    case 'v':
+    case 'V':
+        priority = ANDROID_LOG_VERBOSE;
+        break;
+    case 'd':
+    case 'D':
+        priority = ANDROID_LOG_DEBUG;
+        break;
+    case 'i':
+    case 'I':
+        priority = ANDROID_LOG_INFO;
+        break;
+    case 'w':
+    case 'W':
+        priority = ANDROID_LOG_WARN;
+        break;
+    case 'e':
+    case 'E':
+        priority = ANDROID_LOG_ERROR;
+        break;
+    case 'f':
+    case 'F':
+        priority = ANDROID_LOG_FATAL;
+        break;
+    case 's':
+    case 'S':
+        priority = ANDROID_LOG_SILENT;
+        break;
+    default:
+        return;
     }
     __android_log_set_minimum_priority(priority);
+}
+
+// The console when DL_CONSOLE_READER_ENABLE is a non-zero integer, and the published IPC service.
+static QList<FrontEnd *> buildFrontEnds(DownloadManager *manager)
+{
+    QList<FrontEnd *> frontEnds;
+    bool numeric = false;
+    const int consoleSwitch = qEnvironmentVariable("DL_CONSOLE_READER_ENABLE").toInt(&numeric, 10);
+    if (numeric && consoleSwitch != 0)
+        frontEnds.append(new DLConsoleReaderClient(manager));
+
+    auto *service = new DLBinderClient(manager);
+    // The manager's own reference; DLBinderClient::destroy() drops it.
+    service->incStrong(service);
+    if (service->init()) {
+        frontEnds.append(service);
+    } else {
+        DLM_LOGE("Error: Unable to init Binder client");
+        service->destroy();
+    }
+    return frontEnds;
 }
 
 int main(int argc, char *argv[])
@@ -80,7 +125,7 @@ int main(int argc, char *argv[])
     int status = 0;
     {
         QCoreApplication app(argc, argv);
-        DownloadManager manager;
+        DownloadManager manager(buildFrontEnds);
         if (manager.startRefused()) {
             status = 1; // the manager logged which directory is taken
         } else {

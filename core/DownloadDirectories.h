@@ -1,0 +1,48 @@
+#pragma once
+
+#include <QHash>
+#include <QPair>
+#include <QSet>
+#include <QString>
+
+// Where downloads go: one canonical directory per (owner uid, client id), and "DEFAULT_CLIENT_ID"
+// of root as every uid's fallback. Also the file paths of the live downloads, so that a new
+// download never shares one with another download or an existing file. Main thread only.
+class DownloadDirectories {
+public:
+    // The values are those the IPC interface sends.
+    enum class PathStatus {
+        Set = 0,
+        NotAbsolute = 1,
+        NotADirectory = 2,
+        NotPermitted = 3,
+        NotWritable = 4
+    };
+
+    static const QString kDefaultClientID;
+
+    // A directory the uid chose before (stored canonical; cleaned, never resolved again: a link
+    // that appeared since is not followed, and the download's open refuses it).
+    void restore(uint ownerUid, const QString &clientID, const QString &path);
+    // Resolves path (absolute, a leading "~/" is the home directory) as ownerUid; on Set,
+    // *stored is the canonical directory now in use. See DownloadManager::setDownloadPath.
+    PathStatus choose(const QString &clientID, const QString &path, uint ownerUid, QString *stored);
+    // Gives the client this directory unless it has one already.
+    void ensure(const QString &clientID, const QString &path, uint ownerUid = 0);
+    // The uid's directory for the client, else the default one.
+    QString of(const QString &clientID, uint ownerUid = 0) const;
+    // Whether filePath lies in the directory the owner chose for the client.
+    bool isChosen(uint ownerUid, const QString &clientID, const QString &filePath) const;
+
+    // A free path for the URL's file in the client's directory, reserved at once.
+    QString reserveFileName(const QString &clientID, const QString &url, uint ownerUid);
+    void reserve(const QString &filePath) { reserved.insert(filePath); }
+    void release(const QString &filePath) { reserved.remove(filePath); }
+
+private:
+    using PathKey = QPair<uint, QString>; // owner uid, client id
+
+    QHash<PathKey, QString> paths;
+    QSet<PathKey> chosen; // set by the uid itself, not defaults
+    QSet<QString> reserved;
+};

@@ -1,0 +1,42 @@
+#include "DownloadRules.h"
+
+#include "Download.h"
+#include "FileNames.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QUrl>
+
+#include <atomic>
+#include <chrono>
+
+bool rules::isHttpUrl(const QString &url)
+{
+    const QUrl parsed(url);
+    const QString scheme = url.section(QLatin1Char(':'), 0, 0);
+    return parsed.isValid() && !parsed.host().isEmpty()
+        && (scheme == QLatin1String("http") || scheme == QLatin1String("https"));
+}
+
+QString rules::storedRowFault(const Download *download)
+{
+    if (!isHttpUrl(download->contentURL))
+        return QStringLiteral("not an http or https URL");
+    if (!QDir::isAbsolutePath(download->filePath)
+        || !filenames::isPlainName(download->filePath.section(QLatin1Char('/'), -1)))
+        return QStringLiteral("not an absolute path to a plain file name");
+    return QString();
+}
+
+QString rules::newUniqueID(const QString &url)
+{
+    // The counter tells apart calls within one clock tick, the time tells apart runs.
+    static std::atomic<quint64> counter { 0 };
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    hash.addData(url.toUtf8());
+    hash.addData(QByteArray::number(++counter) + ' '
+        + QByteArray::number(
+            qint64(std::chrono::duration_cast<std::chrono::microseconds>(now).count())));
+    return QString::fromLatin1(hash.result().toHex());
+}

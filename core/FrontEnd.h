@@ -1,0 +1,18 @@
+#pragma once
+
+class Download;
+
+// What the manager asks of a front end (the console, the IPC service) without knowing which.
+// The manager owns its front ends from addClient() on and ends them in quit().
+class FrontEnd {
+public:
+    // Once, when the service starts serving.
+    virtual void help() { }
+    // Every change of a download, on the manager's thread.
+    virtual void updateDownloadEntry(Download *download) = 0;
+    // How quit() ends the front end; it is not used by the manager afterwards.
+    virtual void destroy() = 0;
+
+protected:
+    ~FrontEnd() = default;
+};

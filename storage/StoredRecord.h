@@ -1,0 +1,27 @@
+#pragma once
+
+#include "FileIdentity.h"
+
+#include <QByteArray>
+#include <QString>
+
+// One download as the database keeps it: the "downloads" row and its "download_extra" values.
+struct StoredRecord {
+    QString uniqueID;
+    QString clientID;
+    QString name;
+    QString contentURL;
+    QString filePath;
+    unsigned state = 0;
+    unsigned failureCode = 0;
+    qint64 totalSize = 0;
+    qint64 amountDownloaded = 0;
+    qint64 startTime = 0;
+    uint ownerUid = 0;
+    FileIdentity fileIdentity;
+    qint64 expectedSize = -1; // -1: none
+    QByteArray expectedSha256; // hexadecimal; empty: none
+    QByteArray validator;
+    QString failureReason;
+    int httpStatus = 0;
+};
