@@ -56,7 +56,7 @@ const ServerFault kServerFaults[] = {
     {.name = "TLS", .scheme = "https", .end = "Failed", .state = 8, .code = 1, .reason = "SSL", .ranges = "", .states = "Failed"},
     {.name = "directory gone", .removeDir = true, .end = "Failed", .state = 8, .code = 3, .reason = "No such file or directory", .ranges = "-", .states = "Failed"},
     {.name = "never answers", .serve = {.neverAnswer = true}, .pauseAsked = true, .end = "Paused", .state = 4, .code = 4, .ranges = "-", .states = "Paused"},
-    {.name = "header without end", .serve = {.endlessHeader = true}, .end = "Failed", .state = 8, .code = 1, .reason = "Too large response headers", .ranges = "*", .states = "Stalled Stalled Failed"},
+    {.name = "header without end", .serve = {.endlessHeader = true}, .end = "Failed", .state = 8, .code = 1, .reason = "answer headers longer than 65536 bytes", .ranges = "*", .states = "Stalled Stalled Failed"},
     {.name = "redirect to a closed port", .serve = {.redirectTo = "http://127.0.0.1:1/"}, .end = "Failed", .state = 8, .code = 1, .reason = "refused", .ranges = "*", .states = "Stalled Stalled Failed"},
     {.name = "paused while stalled", .serve = {.status = 503, .extraHeaders = {{"Retry-After", "3"}}}, .pauseStalled = true, .end = "Paused", .state = 4, .code = 2, .ranges = "-", .states = "Stalled Paused"},
     {.name = "another user's backlog", .othersBacklog = 12, .end = "Completed", .state = 1, .code = 4, .bytes = 262144, .ranges = "-", .states = "Completed"},

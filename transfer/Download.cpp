@@ -27,6 +27,7 @@ constexpr qint64 kReportBytes = 512 * 1024;
 constexpr qint64 kMinReportBound = kReportBytes;
 constexpr qint64 kMaxReportBound = 4 * 1024 * 1024;
 constexpr int kMaxQuietIntervals = 6;
+constexpr qint64 kMaxHeadBytes = 64 * 1024;
 
 // Transfers with a request on the wire; main thread only.
 int receivingTransfers = 0;
@@ -211,6 +212,7 @@ void Download::launch()
     reportInterval = reportIntervalMs();
     verdict = AnswerVerdict::Unchecked;
     answer = Answer();
+    headBytes = 0;
     attemptSettled = false;
     contentFault.clear();
     RequestQueue::instance().enter(this, ownerUid, RequestQueue::originOf(contentURL),
@@ -357,6 +359,10 @@ bool Download::headerLine(const char *data, size_t size)
 {
     if (attemptSettled)
         return false;
+    if ((headBytes += qint64(size)) > kMaxHeadBytes) {
+        verdict = AnswerVerdict::HeadTooLong;
+        return false;
+    }
     const QByteArray line = QByteArray::fromRawData(data, qsizetype(size));
     QByteArray phrase;
     if (const int status = http::parseStatusLine(line, &phrase)) {
@@ -545,6 +551,10 @@ void Download::requestDone(CURLcode result, const QString &detail)
         transfer().file.close();
         state = Completed;
         report();
+        return;
+    case AnswerVerdict::HeadTooLong:
+        endAttempt(FAILURE_NETWORK,
+            QStringLiteral("answer headers longer than %1 bytes").arg(kMaxHeadBytes), true);
         return;
     case AnswerVerdict::Unchecked:
         break;

@@ -114,7 +114,8 @@ private slots:
 private:
     // How the current answer was judged; decided once, at the end of its head, before any byte
     // of its body is written. The states after Accepted end the request; requestDone acts.
-    enum class AnswerVerdict { Unchecked, Accepted, Rejected, StartOver, RangeComplete, FileFault };
+    enum class AnswerVerdict {
+        Unchecked, Accepted, Rejected, StartOver, RangeComplete, FileFault, HeadTooLong };
 
     // CurlEngine::Transfer: where the request goes out, answer headers are seen and bytes are
     // written.
@@ -160,6 +161,9 @@ private:
         qint64 contentLength = -1;
         bool hasLocation = false;
     } answer;
+    // Bytes of every head of this request, redirects included: a server that never ends its
+    // head is cut at a bound, not read for ever.
+    qint64 headBytes = 0;
     // Offset named by the Range header of the current request; 0 when none was sent.
     qint64 requestOffset = 0;
     // A partial answer elsewhere told of a changed length (StartOver); the 416's length.
