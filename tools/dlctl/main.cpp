@@ -98,14 +98,14 @@ bool parseOptions(int argc, char **argv, Options *o)
 
 // Every command: its arguments, the options it takes besides those of create alone, and what
 // runs it once the service is reached.
-struct CommandSpec {
+struct CommandEntry {
     const char *name;
     size_t minArgs, maxArgs;
     bool json, client; // takes --json, takes --client
     int (*run)(Command &c, const std::string &name);
 };
 
-const CommandSpec kCommands[] = {
+const CommandEntry kCommands[] = {
     { "create", 1, 1, true, true,
         [](Command &c, const std::string &) { return createCommand(c); } },
     { "pause", 1, 1, false, false, controlCommand },
@@ -121,17 +121,17 @@ const CommandSpec kCommands[] = {
 };
 
 // The command's entry when the options and the number of arguments fit it, else null.
-const CommandSpec *findCommand(const std::string &name, const Options &o)
+const CommandEntry *findCommand(const std::string &name, const Options &o)
 {
-    for (const CommandSpec &spec : kCommands) {
-        if (name != spec.name)
+    for (const CommandEntry &entry : kCommands) {
+        if (name != entry.name)
             continue;
         const size_t n = o.positional.size();
         const bool createOnly = o.wait || o.checked || !o.id.empty() || !o.name.empty();
-        if ((o.json && !spec.json) || (o.clientGiven && !spec.client)
-            || (createOnly && name != "create") || n < spec.minArgs || n > spec.maxArgs)
+        if ((o.json && !entry.json) || (o.clientGiven && !entry.client)
+            || (createOnly && name != "create") || n < entry.minArgs || n > entry.maxArgs)
             return nullptr;
-        return &spec;
+        return &entry;
     }
     return nullptr;
 }
@@ -148,8 +148,8 @@ int run(int argc, char **argv)
         return 0;
     }
     Command c;
-    const CommandSpec *spec = nullptr;
-    if (!parseOptions(argc, argv, &c.options) || !(spec = findCommand(command, c.options)))
+    const CommandEntry *entry = nullptr;
+    if (!parseOptions(argc, argv, &c.options) || !(entry = findCommand(command, c.options)))
         return usage(stderr, 64);
 
     signal(SIGPIPE, SIG_IGN);
@@ -159,7 +159,7 @@ int run(int argc, char **argv)
     if (c.service == nullptr)
         return 2;
     CallDeadline::arm(argv[1]);
-    return spec->run(c, command);
+    return entry->run(c, command);
 }
 
 } // namespace
