@@ -540,17 +540,7 @@ void Download::requestDone(CURLcode result, const QString &detail)
             failLocalFile();
             return;
         }
-        // A resumed file may hold stale bytes past the end of the content.
-        if (transfer().file.size() > amountDownloaded)
-            transfer().file.resize(amountDownloaded);
-        if (const QString wrong = content.mismatch(transfer().file.handle(), amountDownloaded);
-            !wrong.isEmpty()) {
-            failContent(wrong);
-            return;
-        }
-        transfer().file.close();
-        state = Completed;
-        report();
+        completeAt(amountDownloaded);
         return;
     case AnswerVerdict::HeadTooLong:
         endAttempt(FAILURE_NETWORK,
@@ -607,15 +597,21 @@ void Download::completeFromRangeAnswer(qint64 completeLength)
 {
     // The server has nothing past the bytes already on disk: the file is whole.
     stopTransfer();
-    if (transfer().file.isOpen() && transfer().file.size() > completeLength)
-        transfer().file.resize(completeLength);
-    if (const QString wrong = content.mismatch(transfer().file.handle(), completeLength);
+    completeAt(completeLength);
+}
+
+void Download::completeAt(qint64 length)
+{
+    // A resumed file may hold stale bytes past the end of the content.
+    if (transfer().file.isOpen() && transfer().file.size() > length)
+        transfer().file.resize(length);
+    if (const QString wrong = content.mismatch(transfer().file.handle(), length);
         !wrong.isEmpty()) {
         failContent(wrong);
         return;
     }
     transfer().file.close();
-    totalSize = completeLength;
+    totalSize = length;
     state = Completed;
     report();
 }

@@ -149,6 +149,8 @@ private:
     void acceptAnswer(qint64 total);
     void rejectAnswer();
     void completeFromRangeAnswer(qint64 completeLength);
+    // The file holds the whole content at length bytes: cut it there, check it, Completed.
+    void completeAt(qint64 length);
     void startOverWithoutRange(bool contentChanged);
     void restartInPlace(qint64 newTotal);
     void restartStallClock();
