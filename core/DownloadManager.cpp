@@ -5,6 +5,7 @@
 #include "RequestQueue.h"
 #include "DlmLog.h"
 #include "Download.h"
+#include "RetrySchedule.h"
 #include "DownloadDataBase.h"
 #include "DownloadRules.h"
 #include "OwnedFile.h"

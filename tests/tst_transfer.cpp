@@ -1,6 +1,8 @@
 // Transfers in-process, where every data notification and every report can be counted.
 #include "DownloadManager.h"
 #include "Download.h"
+#include "HttpAnswer.h"
+#include "RetrySchedule.h"
 #include "FakeHttpServer.h"
 #include "Harness.h"
 #include "RateShares.h"

@@ -1,0 +1,528 @@
+#include "HttpTransfer.h"
+
+#include "DlmLog.h"
+#include "Download.h"
+#include "HttpAnswer.h"
+#include "IDownload.h"
+#include "RequestQueue.h"
+#include "ResumeValidator.h"
+
+#include <QDateTime>
+#include <QUrl>
+
+namespace {
+// What the receive buffers of all transfers on the wire may take together (curl's buffer per
+// request, CURLOPT_BUFFERSIZE, chosen at launch). Each gets an equal share within curl's bounds,
+// so the peak stays bounded at any concurrency while a single large file reads in large blocks.
+constexpr qint64 kReadBudget = 32 * 1024 * 1024;
+constexpr qint64 kMinReadBufferSize = 16 * 1024;
+constexpr qint64 kMaxReadBufferSize = CURL_MAX_READ_SIZE;
+constexpr int kDefaultPacketLimit = 10;
+constexpr int kDefaultTransferTimeoutMs = 60000;
+constexpr int kDefaultReportIntervalMs = 500;
+// On a slow link a batch also waits for this much content, or for this many intervals, so a
+// download costs a few reports per MiB at any rate.
+constexpr qint64 kReportBytes = 512 * 1024;
+// Written bytes not reported yet that make a report due whatever the batch count or the time:
+// half a share of the same budget, never below the slow link's batch (a lower bound only added
+// reports there: 4.5 per MiB on 50 links instead of 4).
+constexpr qint64 kMinReportBound = kReportBytes;
+constexpr qint64 kMaxReportBound = 4 * 1024 * 1024;
+constexpr int kMaxQuietIntervals = 6;
+constexpr qint64 kMaxHeadBytes = 64 * 1024;
+
+// Transfers with a request on the wire; main thread only.
+int receivingTransfers = 0;
+
+qint64 readBufferShare()
+{
+    return qBound(
+        kMinReadBufferSize, kReadBudget / qMax(1, receivingTransfers), kMaxReadBufferSize);
+}
+
+qint64 reportBound()
+{
+    return qBound(kMinReportBound, kReadBudget / 2 / qMax(1, receivingTransfers), kMaxReportBound);
+}
+
+int packetLimit()
+{
+    bool ok = false;
+    const int value = qgetenv("MAX_PACKET_COUNT").toInt(&ok, 10);
+    return (ok && value != 0) ? value : kDefaultPacketLimit;
+}
+
+int transferTimeoutMs()
+{
+    bool ok = false;
+    const int value = qgetenv("DLM_TRANSFER_TIMEOUT_MS").toInt(&ok, 10);
+    return (ok && value > 0) ? value : kDefaultTransferTimeoutMs;
+}
+
+int reportIntervalMs()
+{
+    bool ok = false;
+    const int value = qgetenv("DLM_REPORT_INTERVAL_MS").toInt(&ok, 10);
+    return (ok && value >= 0) ? value : kDefaultReportIntervalMs;
+}
+
+bool isRedirectStatus(int status)
+{
+    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+} // namespace
+
+curl_slist *HttpTransfer::requestHeaders() const
+{
+    // Offsets and sizes must count the resource's own bytes, never a compressed form. Both
+    // travel with a redirected request too.
+    curl_slist *headers = curl_slist_append(nullptr, "Accept-Encoding: identity");
+    if (requestOffset > 0) {
+        const QByteArray range = "Range: bytes=" + QByteArray::number(requestOffset) + '-';
+        headers = curl_slist_append(headers, range.constData());
+        // Only the version our bytes came from may continue them; another one comes whole.
+        if (!d.validator.isEmpty())
+            headers = curl_slist_append(headers, ("If-Range: " + d.validator).constData());
+    }
+    return headers;
+}
+
+void HttpTransfer::sendRequest()
+{
+    // curl takes the URL as it goes on the wire: non-ASCII characters percent-encoded.
+    easy = engine->open(this, QUrl(d.contentURL).toEncoded(), requestHeaders());
+    setReceiving(true);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(readBufferShare()));
+    // A connection that cannot be made in the stall time-out is a stall as well.
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, long(stallTimeoutMs));
+    if (!engine->start(easy)) {
+        easy = nullptr;
+        endAttempt(FAILURE_NETWORK, QStringLiteral("the request could not be started"), true);
+    }
+}
+
+void HttpTransfer::releaseRequest()
+{
+    setReceiving(false);
+    RequestQueue::instance().leave(this);
+    if (easy) {
+        engine->release(easy);
+        easy = nullptr;
+    }
+}
+
+void HttpTransfer::setReceiving(bool on)
+{
+    if (sharesBudget == on)
+        return;
+    sharesBudget = on;
+    receivingTransfers += on ? 1 : -1;
+}
+
+void HttpTransfer::endAttempt(
+    unsigned code, const QString &reason, bool passing, qint64 retryAfterMs)
+{
+    stopRequest();
+    file.close();
+    d.failureCode = code;
+    d.failureReason = reason.left(int(IDownload::kMaxReasonBytes));
+    const qint64 delay = passing ? retry.schedule(d.amountDownloaded, retryAfterMs) : -1;
+    if (delay >= 0) {
+        d.state = Download::Stalled;
+        DLM_LOGI("Download %s stalled, next attempt in %lld ms: %s",
+            d.uniqueID.toUtf8().constData(), delay, reason.toUtf8().constData());
+    } else {
+        d.state = Download::Failed;
+        DLM_LOGW(
+            "Download %s failed: %s", d.uniqueID.toUtf8().constData(), reason.toUtf8().constData());
+        d.endTransfer();
+        d.report();
+        return;
+    }
+    report();
+}
+
+void HttpTransfer::failLocalFile()
+{
+    if (!contentFault.isEmpty()) {
+        failContent(std::exchange(contentFault, QString()));
+        return;
+    }
+    endAttempt(FAILURE_LOCAL_FILE,
+        QStringLiteral("cannot write %1: %2").arg(d.filePath, file.errorString()), false);
+}
+
+void HttpTransfer::failContent(const QString &reason)
+{
+    endAttempt(
+        FAILURE_CONTENT_MISMATCH, QStringLiteral("content does not match: ") + reason, false);
+}
+
+bool HttpTransfer::prepareFile(qint64 offset)
+{
+    // Unbuffered: a committed byte is in the file before it is counted and stored.
+    if (!file.isOpen() && !file.openExisting(d.filePath, d.ownerUid, &d.fileIdentity))
+        return false;
+    if (file.size() < offset)
+        return false;
+    return file.seek(offset);
+}
+
+bool HttpTransfer::saveToDisk(const char *data, qint64 size)
+{
+    if (!file.isOpen()
+        && !file.openFresh(d.filePath, d.ownerUid, &d.fileIdentity, d.privateFile ? 0600 : 0666))
+        return false;
+    qint64 written = size == 0 ? 0 : file.write(data, size);
+    // A short write sets no error; writing the rest fails with the reason (a full disk, EFBIG).
+    if (written >= 0 && written < size)
+        written += qMax<qint64>(0, file.write(data + written, size - written));
+    return written == size;
+}
+
+void HttpTransfer::requestSent()
+{
+    // Out on a connection now, and silent until its head has ended: a head that never ends
+    // stalls like a silent server. Each redirected request starts the clock again.
+    if (attemptSettled)
+        return;
+    lastActivity.start();
+    stallTimer.start(stallTimeoutMs);
+}
+
+bool HttpTransfer::headerLine(const char *data, size_t size)
+{
+    if (attemptSettled)
+        return false;
+    if ((headBytes += qint64(size)) > kMaxHeadBytes) {
+        verdict = AnswerVerdict::HeadTooLong;
+        return false;
+    }
+    const QByteArray line = QByteArray::fromRawData(data, qsizetype(size));
+    QByteArray phrase;
+    if (const int status = http::parseStatusLine(line, &phrase)) {
+        answer = Answer();
+        answer.status = status;
+        answer.reason = phrase;
+        return true;
+    }
+    const int colon = line.indexOf(':');
+    if (colon > 0) {
+        // Where an answer's headers are seen: only these decide what happens to the body.
+        const QByteArray name = line.left(colon).trimmed().toLower();
+        const QByteArray value = line.mid(colon + 1).trimmed();
+        if (name == "content-range")
+            answer.contentRange = value;
+        else if (name == "content-length")
+            answer.contentLength = value.toLongLong();
+        else if (name == "retry-after")
+            answer.retryAfter = value;
+        else if (name == "location")
+            answer.hasLocation = true;
+        else if (name == "etag")
+            answer.etag = value;
+        else if (name == "last-modified")
+            answer.lastModified = value;
+        return true;
+    }
+    if (!line.trimmed().isEmpty())
+        return true;
+    lastActivity.start();
+    // The end of a head: an informational one (100) precedes the real answer, and curl follows
+    // a redirect itself; one it cannot follow ends with curl's error.
+    if (answer.status < 200 || (isRedirectStatus(answer.status) && answer.hasLocation))
+        return true;
+    return judgeAnswer();
+}
+
+bool HttpTransfer::judgeAnswer()
+{
+    d.httpStatus = answer.status;
+    const http::Judgement j = http::judge(
+        answer.status, requestOffset, d.totalSize, answer.contentRange, answer.contentLength);
+    const bool accepted
+        = j.verdict == http::Verdict::Accept || j.verdict == http::Verdict::AcceptFromZero;
+    if (accepted && !(contentFault = d.content.tooLong(j.total)).isEmpty()) {
+        verdict = AnswerVerdict::FileFault; // before any byte is written
+        return false;
+    }
+    switch (j.verdict) {
+    case http::Verdict::AcceptFromZero:
+        restartInPlace(j.total);
+        acceptAnswer(j.total);
+        return true;
+    case http::Verdict::Accept:
+        acceptAnswer(j.total);
+        return true;
+    case http::Verdict::StartOver:
+    case http::Verdict::StartOverChanged:
+        verdict = AnswerVerdict::StartOver;
+        rangeChanged = j.verdict == http::Verdict::StartOverChanged;
+        return false;
+    case http::Verdict::Complete:
+        verdict = AnswerVerdict::RangeComplete;
+        rangeTotal = j.total;
+        return false;
+    case http::Verdict::Reject:
+        break;
+    }
+    // Neither an error page nor an unusable body may reach the file.
+    verdict = AnswerVerdict::Rejected;
+    return false;
+}
+
+void HttpTransfer::acceptAnswer(qint64 total)
+{
+    // Bytes of an accepted answer are on their way: Progressing, with the total known now.
+    verdict = AnswerVerdict::Accepted;
+    // The answer the file's bytes start with names their version.
+    if (requestOffset == 0)
+        d.validator = ResumeValidator::fromAnswer(answer.etag, answer.lastModified);
+    d.state = Download::Progressing;
+    if (d.totalSize == 0 && total > 0)
+        d.totalSize = total;
+    report();
+}
+
+void HttpTransfer::rejectAnswer()
+{
+    QString reason
+        = QStringLiteral("HTTP %1 %2").arg(answer.status).arg(QString::fromUtf8(answer.reason));
+    if (answer.status < 400)
+        reason += QStringLiteral(" is not a usable answer");
+    endAttempt(FAILURE_HTTP_STATUS, reason, http::isPassingStatus(answer.status),
+        RetrySchedule::retryAfterMs(answer.retryAfter, QDateTime::currentDateTimeUtc()));
+}
+
+bool HttpTransfer::bodyData(const char *data, size_t size)
+{
+    if (attemptSettled || verdict != AnswerVerdict::Accepted)
+        return false;
+    // Re-arming a timer at every block costs more than the block itself on a slow link: the
+    // running stall timer is left alone and checks the time of the last activity.
+    lastActivity.start();
+    // Where bytes are written: straight from curl's buffer into the file, counted once there;
+    // never a byte past the expected size, and every byte written feeds the digest.
+    const qint64 at = d.amountDownloaded, fits = d.content.room(at, qint64(size));
+    if (!saveToDisk(data, fits) || !d.content.add(file.handle(), at, data, fits)) {
+        verdict = AnswerVerdict::FileFault;
+        return false;
+    }
+    d.amountDownloaded += fits;
+    if (fits < qint64(size)) {
+        contentFault = d.content.tooLong(d.content.expectedSize() + 1);
+        verdict = AnswerVerdict::FileFault;
+        return false;
+    }
+    ++d.dataArrivals;
+    batchArrival();
+    return true;
+}
+
+void HttpTransfer::batchArrival()
+{
+    const qint64 fresh = d.amountDownloaded - reportedAmount;
+    if (fresh < reportBound()) {
+        const qint64 quiet = sinceReport.elapsed();
+        const qint64 longest = qint64(reportInterval) * kMaxQuietIntervals;
+        if (packetLimit() > packetCount++ || quiet < reportInterval
+            || (fresh < kReportBytes && quiet < longest)) {
+            // Bytes received just before the link goes quiet are still reported in time.
+            if (reportInterval > 0 && !flushTimer.isActive())
+                flushTimer.start(int(qMax<qint64>(longest - quiet, 0)));
+            return;
+        }
+    }
+    flushBatch();
+}
+
+void HttpTransfer::flushBatch()
+{
+    flushTimer.stop();
+    packetCount = 0;
+    if (!attemptSettled && verdict == AnswerVerdict::Accepted
+        && d.amountDownloaded != reportedAmount)
+        report();
+}
+
+void HttpTransfer::requestDone(CURLcode result, const QString &detail)
+{
+    stallTimer.stop();
+    flushTimer.stop();
+    releaseRequest();
+    if (attemptSettled || d.state == Download::Completed || d.state == Download::Paused) {
+        file.close();
+        return;
+    }
+    switch (verdict) {
+    case AnswerVerdict::FileFault:
+        failLocalFile();
+        return;
+    case AnswerVerdict::Rejected:
+        rejectAnswer();
+        return;
+    case AnswerVerdict::StartOver:
+        startOverWithoutRange(rangeChanged);
+        return;
+    case AnswerVerdict::RangeComplete:
+        // The server has nothing past the bytes already on disk: the file is whole.
+        attemptSettled = true;
+        completeAt(rangeTotal);
+        return;
+    case AnswerVerdict::Accepted:
+        if (result != CURLE_OK)
+            break; // what arrived before the fault is in the file: the next attempt goes on
+        attemptSettled = true;
+        // Also a body without a length ends here: its total is what it held. An empty body
+        // still leaves its (empty) file.
+        if (d.totalSize == 0)
+            d.totalSize = d.amountDownloaded;
+        if (!saveToDisk(nullptr, 0)) {
+            failLocalFile();
+            return;
+        }
+        completeAt(d.amountDownloaded);
+        return;
+    case AnswerVerdict::HeadTooLong:
+        endAttempt(FAILURE_NETWORK,
+            QStringLiteral("answer headers longer than %1 bytes").arg(kMaxHeadBytes), true);
+        return;
+    case AnswerVerdict::Unchecked:
+        break;
+    }
+    bool passing = false;
+    const QString reason = CurlEngine::failureText(result, detail, &passing);
+    endAttempt(FAILURE_NETWORK, reason, passing);
+}
+
+void HttpTransfer::transferStalled()
+{
+    if (attemptSettled || !onTheWire())
+        return;
+    const qint64 quiet = lastActivity.elapsed();
+    if (quiet < stallTimeoutMs) {
+        stallTimer.start(int(stallTimeoutMs - quiet));
+        return;
+    }
+    endAttempt(
+        FAILURE_NETWORK, QStringLiteral("nothing received for %1 ms").arg(stallTimeoutMs), true);
+}
+
+void HttpTransfer::report()
+{
+    sinceReport.start();
+    reportedAmount = d.amountDownloaded;
+    if (d.state != Download::Progressing) {
+        rateClock.invalidate();
+        measuredRate = 0;
+    } else if (!rateClock.isValid()) {
+        rateClock.start();
+        rateBase = d.amountDownloaded;
+    } else if (const qint64 ms = rateClock.elapsed(); ms >= 1000) {
+        measuredRate = qMax<qint64>(0, d.amountDownloaded - rateBase) * 1000 / ms;
+        rateClock.start();
+        rateBase = d.amountDownloaded;
+    }
+    d.report();
+}
+
+void HttpTransfer::completeAt(qint64 length)
+{
+    // A resumed file may hold stale bytes past the end of the content.
+    if (file.isOpen() && file.size() > length)
+        file.resize(length);
+    if (const QString wrong = d.content.mismatch(file.handle(), length); !wrong.isEmpty()) {
+        failContent(wrong);
+        return;
+    }
+    file.close();
+    d.totalSize = length;
+    d.state = Download::Completed;
+    d.endTransfer();
+    d.report();
+}
+
+void HttpTransfer::startOverWithoutRange(bool contentChanged)
+{
+    // The partial answer does not continue our bytes; fetch the whole resource anew.
+    releaseRequest();
+    file.close();
+    d.amountDownloaded = 0;
+    if (contentChanged)
+        d.totalSize = 0;
+    start();
+}
+
+void HttpTransfer::restartInPlace(qint64 newTotal)
+{
+    // The server ignored the range and sends everything: write it from byte 0.
+    d.amountDownloaded = 0;
+    requestOffset = 0;
+    if (file.isOpen() && !(file.resize(0) && file.seek(0)))
+        file.close(); // the first commit then truncates it
+    if (newTotal > 0 && d.totalSize != 0 && newTotal != d.totalSize)
+        d.totalSize = 0;
+}
+
+HttpTransfer::HttpTransfer(Download &download, CurlEngine *engine) : d(download), engine(engine)
+{
+    stallTimer.setSingleShot(true);
+    connect(&stallTimer, &QTimer::timeout, this, &HttpTransfer::transferStalled);
+    flushTimer.setSingleShot(true);
+    connect(&flushTimer, &QTimer::timeout, this, &HttpTransfer::flushBatch);
+    connect(&retry, &RetrySchedule::due, this, &HttpTransfer::start);
+    if (d.maxRetries >= 0)
+        retry.setMaxRetries(d.maxRetries);
+}
+
+// Touches no record: a transfer may outlive its download by a turn of the event loop.
+HttpTransfer::~HttpTransfer()
+{
+    releaseRequest();
+}
+
+void HttpTransfer::stop()
+{
+    retry.cancel();
+    stopRequest();
+    file.close();
+}
+
+void HttpTransfer::start()
+{
+    retry.cancel();
+    packetCount = 0;
+    if (d.startTime == 0)
+        d.startTime = QDateTime::currentMSecsSinceEpoch();
+    // Our own stall clock, started when the request goes out: the wait for one of the few
+    // connections per host does not count.
+    stallTimer.stop();
+    stallTimeoutMs = transferTimeoutMs();
+    requestOffset = 0;
+    if (d.amountDownloaded != 0) {
+        if (prepareFile(d.amountDownloaded))
+            requestOffset = d.amountDownloaded;
+        else
+            d.amountDownloaded = 0;
+    }
+
+    releaseRequest();
+    reportInterval = reportIntervalMs();
+    verdict = AnswerVerdict::Unchecked;
+    answer = Answer();
+    headBytes = 0;
+    attemptSettled = false;
+    contentFault.clear();
+    RequestQueue::instance().enter(this, d.ownerUid, RequestQueue::originOf(d.contentURL),
+        d.creationOrder, [this] { sendRequest(); });
+    d.state = Download::Pending;
+    report();
+}
+
+void HttpTransfer::stopRequest()
+{
+    stallTimer.stop();
+    flushTimer.stop();
+    attemptSettled = true;
+    releaseRequest();
+}

@@ -1,0 +1,141 @@
+#pragma once
+
+#include "CurlEngine.h"
+#include "OwnedFile.h"
+#include "RetrySchedule.h"
+
+#include <QElapsedTimer>
+#include <QObject>
+#include <QTimer>
+
+class Download;
+
+// The running life of a download: its attempts at the content, one request at a time, from the
+// request queue to the file. It judges each answer before a byte of its body is written, writes
+// the body straight into the download's file, commits (reports) what is written in batches, and
+// ends each attempt: the whole file (Completed), a passing fault (Stalled until its retry), or
+// Failed. It changes its download's record and reports through it; the download owns it.
+class HttpTransfer : public QObject, private CurlEngine::Transfer {
+    Q_OBJECT
+
+public:
+    HttpTransfer(Download &download, CurlEngine *engine);
+    ~HttpTransfer() override;
+
+    // A new attempt from the download's amountDownloaded: Pending until the request queue lets
+    // it go.
+    void start();
+    // Ends the attempt and any pending retry; nothing the request says counts any more.
+    void stop();
+    // A person asked again: the failures counted so far are forgotten.
+    void resetRetries() { retry.reset(); }
+
+    qint64 nextAttemptTime() const { return retry.nextAttemptTime(); }
+    qint64 rate() const { return measuredRate; }
+    bool onTheWire() const { return easy != nullptr; }
+
+private:
+    // How the current answer was judged; decided once, at the end of its head, before any byte
+    // of its body is written. The states after Accepted end the request; requestDone acts.
+    enum class AnswerVerdict {
+        Unchecked,
+        Accepted,
+        Rejected,
+        StartOver,
+        RangeComplete,
+        FileFault,
+        HeadTooLong
+    };
+
+    // CurlEngine::Transfer: where the request goes out, answer headers are seen and bytes are
+    // written.
+    void requestSent() override;
+    bool headerLine(const char *data, size_t size) override;
+    bool bodyData(const char *data, size_t size) override;
+    void requestDone(CURLcode result, const QString &detail) override;
+
+    void report();
+    // The request's own header lines.
+    curl_slist *requestHeaders() const;
+    // Puts the request on the wire once the request queue lets it go.
+    void sendRequest();
+    // Opens the file at offset for a Range request; false when it cannot continue there.
+    bool prepareFile(qint64 offset);
+    // Writes size bytes at the file's position (creating the file first); false unless all are
+    // written.
+    bool saveToDisk(const char *data, qint64 size);
+    // Judges an answer whose head has ended; false ends the request.
+    bool judgeAnswer();
+    // Commits (reports) what is written when the batch is due.
+    void batchArrival();
+    void flushBatch();
+    void transferStalled();
+    // Stops the request (if any) without touching the state: nothing it says counts any more.
+    void stopRequest();
+    // Gives the request (if any) back to the engine, its place in the request queue and its
+    // share of the read-buffer budget.
+    void releaseRequest();
+    // Joins or leaves the transfers that share the read-buffer budget.
+    void setReceiving(bool on);
+    // The attempt failed: Stalled until the retry when the fault may pass, else Failed.
+    void endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs = -1);
+    // A write failed, or the body ran past the expected size.
+    void failLocalFile();
+    // Failed with FAILURE_CONTENT_MISMATCH; the file stays for inspection.
+    void failContent(const QString &reason);
+    void acceptAnswer(qint64 total);
+    void rejectAnswer();
+    // The file holds the whole content at length bytes: cut it there, check it, Completed.
+    void completeAt(qint64 length);
+    void startOverWithoutRange(bool contentChanged);
+    void restartInPlace(qint64 newTotal);
+
+    Download &d;
+    CurlEngine *engine;
+    OwnedFile file;
+    // The request on the wire (or queued by curl for a connection); null between attempts.
+    CURL *easy = nullptr;
+    // Runs from the moment the request goes out; the attempt stalls once the answer has been
+    // quiet for stallTimeoutMs since lastActivity (an answer's end of head, a block).
+    QTimer stallTimer;
+    QElapsedTimer lastActivity;
+    int stallTimeoutMs = 0;
+    // Commits a batch that waits for more notifications than the link sends.
+    QTimer flushTimer;
+    RetrySchedule retry;
+
+    AnswerVerdict verdict = AnswerVerdict::Unchecked;
+    // The head of the answer being read (the last one of a redirect chain counts).
+    struct Answer {
+        int status = 0;
+        QByteArray reason, contentRange, retryAfter, etag, lastModified;
+        qint64 contentLength = -1;
+        bool hasLocation = false;
+    } answer;
+    // Bytes of every head of this request, redirects included: a server that never ends its
+    // head is cut at a bound, not read for ever.
+    qint64 headBytes = 0;
+    // Offset named by the Range header of the current request; 0 when none was sent.
+    qint64 requestOffset = 0;
+    // A partial answer elsewhere told of a changed length (StartOver); the 416's length.
+    bool rangeChanged = false;
+    qint64 rangeTotal = -1;
+    // Set once this attempt's outcome is decided (or it was stopped): later calls of its
+    // request change nothing.
+    bool attemptSettled = false;
+    // Why the answer is not the content its creator expects (too long), found before or while
+    // its bytes were written; ends the attempt as a FileFault does, with failure code 5.
+    QString contentFault;
+    // Counted among the transfers sharing the read-buffer budget.
+    bool sharesBudget = false;
+    // Since the last report: a batch waits for reportInterval ms ("DLM_REPORT_INTERVAL_MS") and
+    // for packetCount arrivals (MAX_PACKET_COUNT).
+    QElapsedTimer sinceReport;
+    int reportInterval = 0;
+    int packetCount = 0;
+    qint64 reportedAmount = 0;
+    // The rate: bytes since rateClock started at rateBase, measured at reports.
+    QElapsedTimer rateClock;
+    qint64 rateBase = 0;
+    qint64 measuredRate = 0;
+};
