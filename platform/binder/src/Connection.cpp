@@ -306,8 +306,7 @@ void Connection::shutdown(const char *reason)
             LOGW("dropping connection to pid %d: %s", int(mPeerPid), reason);
         ::shutdown(mFd, SHUT_RDWR);
         mOutbox.close();
-        if (mWork)
-            WorkLedger::close(*mWork);
+        WorkLedger::close(*mWork); // opened before either thread started
         for (auto &[txn, pending] : mPending) {
             pending->done = true;
             pending->cv.notify_one();
