@@ -191,8 +191,7 @@ int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download
         BINDER_LOGI(" getDownload download is null %s", uniqueID.c_str());
         return DOWNLOAD_NOT_FOUND;
     }
-    if (download)
-        *download = found.second;
+    *download = found.second; // the dispatch table's record, never null
     return DOWNLOAD_FOUND;
 }
 
@@ -327,8 +326,7 @@ int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID, cons
                 displayName, &created, uid, { expectedSize, digest });
             return Answer(int32_t(status), CallerView::shownId(created, uid));
         });
-    if (uniqueIDOut)
-        *uniqueIDOut = textOut(answer.second);
+    *uniqueIDOut = textOut(answer.second); // the dispatch table's text, never null
     return answer.first;
 }
 

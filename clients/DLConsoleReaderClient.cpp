@@ -146,8 +146,8 @@ bool DLConsoleReaderClient::handleLine(const QByteArray &rawLine)
 void DLConsoleReaderClient::stopListening()
 {
     // At end of input the descriptor stays readable forever; keep the service running, quietly.
-    if (inputNotifier)
-        inputNotifier->setEnabled(false);
+    // Only the notifier's activation gets here, so there is one.
+    inputNotifier->setEnabled(false);
 }
 
 void DLConsoleReaderClient::HandleText(const QString &line)

@@ -1,5 +1,6 @@
 #include "EventClients.h"
 
+#include <UserShare.h>
 #include <binder/BpBinder.h>
 
 using namespace android;
@@ -24,10 +25,15 @@ const char *EventClients::add(const sp<IDLClient> &client, uint uid)
     }
     if (sameConnection >= kMaxPerConnection)
         return "its connection's limit of event clients is reached";
-    if (uid != 0 && sameUid >= kMaxPerUid)
+    constexpr auto share = userShare(kMax, kMaxPerUid, kRootReserve);
+    switch (share.judge(uid == 0, sameUid, others, entries.size(), size_t(1))) {
+    case share.UserShareReached:
         return "its user's limit of event clients is reached";
-    if (entries.size() >= kMax || (uid != 0 && others + kRootReserve >= kMax))
+    case share.TotalReached:
         return "the limit of event clients is reached";
+    case share.Fits:
+        break;
+    }
     entries.push_back({ client, uid });
     return nullptr;
 }

@@ -9,6 +9,26 @@ using android::status_t;
 using dlparcel::readText;
 using dlparcel::writeText;
 
+const char *downloadStateName(int32_t state)
+{
+    switch (state) {
+    case STATE_COMPLETED:
+        return "Completed";
+    case STATE_PROGRESSING:
+        return "Progressing";
+    case STATE_PAUSED:
+        return "Paused";
+    case STATE_FAILED:
+        return "Failed";
+    case STATE_PENDING:
+        return "Pending";
+    case STATE_STALLED:
+        return "Stalled";
+    default:
+        return "Undefined";
+    }
+}
+
 IDownload::IDownload()
     : state(0),
       failureCode(0),

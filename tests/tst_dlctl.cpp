@@ -1,6 +1,7 @@
 // The IPC interface end to end: the real service driven by dlctl and probe clients.
 #include "FakeHttpServer.h"
 #include "Harness.h"
+#include "IDownload.h"
 
 #include <QtTest>
 
@@ -263,11 +264,11 @@ void tst_Dlctl::watchers()
     QVERIFY2(std::is_sorted(lines.begin(), lines.end(), [](auto &x, auto &y) {
                  return x.split(' ')[3].toLongLong() < y.split(' ')[3].toLongLong(); }), a->out());
     // One object counts once, the service's own object never, a connection's objects up to 16.
-    QVERIFY(waitFor("16 completions", [&] { return flood->out().count("update w 1 200000") == 16; }));
-    QCOMPARE(flood->out().count("update w 16 0"), 16);
+    QVERIFY(waitFor("16 completions", [&] { return flood->out().count("update w Completed 200000") == 16; }));
+    QCOMPARE(flood->out().count("update w Pending 0"), 16);
     QVERIFY(svc.waitErr("refused: not another process's object"));
     // A query from inside a callback is answered, up to the last update.
-    QVERIFY(waitFor("a query from a callback", [&] { return nested->out().contains("w 1 200000\nreentrant w 1\n"); }));
+    QVERIFY(waitFor("a query from a callback", [&] { return nested->out().contains("w Completed 200000\nreentrant w 1\n"); }));
     // A killed watcher is dropped; the others still hear of every change.
     a->signal(SIGKILL);
     QVERIFY(svc.waitErr("from eventClients"));
@@ -325,10 +326,10 @@ void tst_Dlctl::manyStoredAreListed()
     QVERIFY(svc.start() && svc.stop() == 0);
     svc.sql("WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 19999) "
             "INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state) "
-            "SELECT printf('id%05d', i), 'crowd', 'n', 'http://h/', '/d/' || i, 4 FROM n");
+            "SELECT printf('id%05d', i), 'crowd', 'n', 'http://h/', '/d/' || i, ? FROM n", {STATE_PAUSED});
     // A row too large for any reply is shown cut, and named as any other.
     svc.sql("INSERT INTO downloads (uniqueID, clientID, name, contentURL, filePath, state) VALUES "
-            "('id10000x', 'crowd', 'n', 'http://h/' || hex(zeroblob(1 << 19)), '/d/x', 4)");
+            "('id10000x', 'crowd', 'n', 'http://h/' || hex(zeroblob(1 << 19)), '/d/x', ?)", {STATE_PAUSED});
     QVERIFY(svc.start());
     const Run r = svc.dlctl({"list"});
     QVERIFY(r.code == 0 && r.out.count('\n') == 20001);

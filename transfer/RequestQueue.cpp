@@ -1,5 +1,7 @@
 #include "RequestQueue.h"
 
+#include <UserShare.h>
+
 #include <QTimer>
 #include <QUrl>
 
@@ -34,11 +36,10 @@ bool RequestQueue::Holders::mayStart(uint uid, int limit) const
 {
     if (limit == 0)
         return true;
-    if (running >= limit)
-        return false;
-    if (uid == 0)
-        return held.value(0) < limit - 1;
-    return held.value(uid) < qMax(1, limit * 2 / 3) && running - held.value(0) < limit - 1;
+    // Root, too, leaves a slot to the others.
+    const UserShare<int> share { limit, qMax(1, limit * 2 / 3), limit - 1, limit - 1 };
+    return share.judge(uid == 0, held.value(uid), running - held.value(0), running, 1)
+        == share.Fits;
 }
 
 void RequestQueue::Holders::add(uint uid, int count)

@@ -7,7 +7,7 @@
 #include <functional>
 
 // Lets at most perOrigin() requests per origin (scheme, host and port) be on the wire, as many as
-// curl opens connections per host, and at most activeLimit() in all; the others wait here, in
+// curl opens connections per host, and at most the active limit in all; the others wait here, in
 // the order their downloads were created, with no clock running. Curl would fetch every request
 // handed to it as fast as the network allows, whether or not the service keeps up with writing
 // the bodies out. Users share the slots: each holds two thirds of them at most, users other than
@@ -28,7 +28,6 @@ public:
     // Requests on the wire in all (setting "max_active_downloads"): 0 for no limit, else at
     // least 2.
     void setActiveLimit(int limit);
-    int activeLimit() const { return allLimit; }
 
     // Runs start at once when uid may take a free slot and no request it could overtake waits,
     // else from the event loop in uid's turn. An owner (a download, acting for uid) holds or

@@ -30,9 +30,8 @@ public:
     void cancel();
     // A fresh start after a request from a person: no failures counted.
     void reset();
-    bool isWaiting() const { return timer.isActive(); }
     // Milliseconds since the epoch of the pending attempt; 0 when none is pending.
-    qint64 nextAttemptTime() const { return isWaiting() ? dueAt : 0; }
+    qint64 nextAttemptTime() const { return timer.isActive() ? dueAt : 0; }
 
 signals:
     void due();

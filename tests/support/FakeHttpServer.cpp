@@ -121,51 +121,62 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
                                    lines[i].mid(colon + 1).trimmed());
     }
     received.append(request);
+    c->resource = resourceFor(request.path);
+    if (!c->resource.neverAnswer)
+        answer(c, request);
+}
 
-    if (!resources.contains(request.path)) {
+FakeHttpServer::Resource FakeHttpServer::resourceFor(const QByteArray &path)
+{
+    if (!resources.contains(path)) {
         Resource missing;
         missing.status = 404;
         missing.body = "<html>not found</html>";
-        c->resource = missing;
-    } else {
-        Resource &stored = resources[request.path];
-        c->resource = stored;
-        if (stored.faultyAnswers == 0)
-            c->resource.stallAfter = c->resource.closeAfter = -1, c->resource.endlessHeader = false;
-        else if (stored.faultyAnswers > 0)
-            --stored.faultyAnswers;
+        return missing;
     }
+    Resource &stored = resources[path];
+    Resource served = stored;
+    if (stored.faultyAnswers == 0) {
+        served.stallAfter = -1;
+        served.closeAfter = -1;
+        served.endlessHeader = false;
+    } else if (stored.faultyAnswers > 0) {
+        --stored.faultyAnswers;
+    }
+    return served;
+}
 
-    const Resource &r = c->resource;
-    if (r.neverAnswer)
-        return;
-    QByteArray head;
-    QByteArray body = r.body;
+QByteArray FakeHttpServer::headStart(const Resource &r, const Request &request, QByteArray *body)
+{
+    *body = r.body;
     const qint64 total = r.body.size();
     if (!r.redirectTo.isEmpty()) {
-        head = "HTTP/1.1 302 Found\r\nLocation: " + r.redirectTo + "\r\n";
-        body.clear();
-    } else if (r.status != 200) {
-        head = "HTTP/1.1 " + QByteArray::number(r.status) + " Error\r\n";
-    } else {
-        const QByteArray range = request.header("range"), ifRange = request.header("if-range");
-        const bool sameVersion = ifRange.isEmpty() || ifRange == r.etag; // a date never matches
-        if (r.honorRange && sameVersion && range.startsWith("bytes=") && range.endsWith('-')) {
-            const qint64 from = range.mid(6, range.size() - 7).toLongLong();
-            if (from >= total) {
-                head = "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" +
-                       QByteArray::number(total) + "\r\n";
-                body.clear();
-            } else {
-                head = "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " +
-                       QByteArray::number(from) + '-' + QByteArray::number(total - 1) + '/' +
-                       QByteArray::number(total) + "\r\n";
-                body = r.body.mid(from);
-            }
-        } else {
-            head = "HTTP/1.1 200 OK\r\n";
-        }
+        body->clear();
+        return "HTTP/1.1 302 Found\r\nLocation: " + r.redirectTo + "\r\n";
     }
+    if (r.status != 200)
+        return "HTTP/1.1 " + QByteArray::number(r.status) + " Error\r\n";
+    const QByteArray range = request.header("range"), ifRange = request.header("if-range");
+    const bool sameVersion = ifRange.isEmpty() || ifRange == r.etag; // a date never matches
+    if (!r.honorRange || !sameVersion || !range.startsWith("bytes=") || !range.endsWith('-'))
+        return "HTTP/1.1 200 OK\r\n";
+    const qint64 from = range.mid(6, range.size() - 7).toLongLong();
+    if (from >= total) {
+        body->clear();
+        return "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" +
+               QByteArray::number(total) + "\r\n";
+    }
+    *body = r.body.mid(from);
+    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + QByteArray::number(from) +
+           '-' + QByteArray::number(total - 1) + '/' + QByteArray::number(total) + "\r\n";
+}
+
+void FakeHttpServer::answer(Connection *c, const Request &request)
+{
+    const Resource &r = c->resource;
+    QTcpSocket *socket = c->socket;
+    QByteArray body;
+    QByteArray head = headStart(r, request, &body);
     const qint64 length = r.contentLength >= 0 ? r.contentLength : body.size();
     if (r.chunkedCoding)
         head += "Transfer-Encoding: chunked\r\n";

@@ -70,6 +70,10 @@ private:
     struct Connection;
     void onNewConnection();
     void onReadyRead(QTcpSocket *socket);
+    Resource resourceFor(const QByteArray &path); // counts down its faulty answers
+    // The status line and what goes with it (Location, Content-Range); the body to send.
+    static QByteArray headStart(const Resource &r, const Request &request, QByteArray *body);
+    void answer(Connection *connection, const Request &request);
     void respond(Connection *connection);
     bool sendNextChunk(Connection *connection); // false once the connection is done or stalled
     void finish(Connection *connection, bool close);

@@ -25,7 +25,8 @@ struct Printer : public BnDLClient {
     explicit Printer(bool reentrant) : reentrant(reentrant) { }
     void onDownloadUpdate(IDownload d) override
     {
-        printf("update %s %d %lld\n", d.uniqueID.c_str(), d.state, (long long)d.amountDownloaded);
+        printf("update %s %s %lld\n", d.uniqueID.c_str(), downloadStateName(d.state),
+            (long long)d.amountDownloaded);
         IDownload again;
         if (reentrant)
             printf(

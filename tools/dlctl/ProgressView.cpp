@@ -109,7 +109,7 @@ void ProgressView::redraw()
             if (r.totalSize > r.amountDownloaded)
                 figures += " ETA " + duration(double(r.totalSize - r.amountDownloaded) / row.rate);
         }
-        figures += std::string(" ") + stateText(r.state) + stateNote(r);
+        figures += std::string(" ") + downloadStateName(r.state) + stateNote(r);
         // The bar takes what is left, up to 30 columns; under 5 it is left out.
         const size_t fixed = width(name) + 3 + width(figures);
         const size_t barWidth = cols > fixed ? std::min<size_t>(30, cols - fixed) : 0;

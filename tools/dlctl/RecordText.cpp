@@ -8,26 +8,6 @@
 #include <cinttypes>
 #include <ctime>
 
-const char *stateText(int32_t state)
-{
-    switch (state) {
-    case STATE_COMPLETED:
-        return "Completed";
-    case STATE_PROGRESSING:
-        return "Progressing";
-    case STATE_PAUSED:
-        return "Paused";
-    case STATE_FAILED:
-        return "Failed";
-    case STATE_PENDING:
-        return "Pending";
-    case STATE_STALLED:
-        return "Stalled";
-    default:
-        return "Undefined";
-    }
-}
-
 const char *failureText(int32_t failureCode)
 {
     switch (failureCode) {
@@ -73,7 +53,7 @@ std::string recordLine(const IDownload &r)
     char numbers[64];
     snprintf(numbers, sizeof numbers, " %" PRId64 " %" PRId64 " ", r.amountDownloaded, r.totalSize);
     // Other users' texts reach root's terminal: escaped as the service's log does.
-    return escapeText(r.uniqueID) + ' ' + escapeText(r.clientID) + ' ' + stateText(r.state)
+    return escapeText(r.uniqueID) + ' ' + escapeText(r.clientID) + ' ' + downloadStateName(r.state)
         + numbers + escapeText(r.filePath);
 }
 
@@ -87,7 +67,7 @@ std::string recordJson(const IDownload &r)
         { "name", text(r.name) },
         { "url", text(r.contentURL) },
         { "file", text(r.filePath) },
-        { "state", stateText(r.state) },
+        { "state", downloadStateName(r.state) },
         { "stateCode", r.state },
         { "failureCode", r.failureCode },
         { "failureReason", text(r.failureReason) },

@@ -5,7 +5,6 @@
 #include <string>
 
 // How dlctl prints a record: texts for people, one line for pipes and scripts, one JSON object.
-const char *stateText(int32_t state);
 const char *failureText(int32_t failureCode);
 // "ID CLIENT STATE BYTES TOTAL FILE": one download on one line, for pipes and scripts.
 std::string recordLine(const IDownload &record);

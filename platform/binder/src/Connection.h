@@ -1,5 +1,7 @@
 #pragma once
 
+#include "FrameIo.h"
+#include "ObjectTable.h"
 #include "Wire.h"
 #include "WorkLedger.h"
 
@@ -16,10 +18,9 @@
 namespace android {
 
 // One socket to one peer process, carrying calls in both directions. A reader thread takes
-// frames off the socket. A frame with nothing queued ahead of it is sent by the calling thread as
-// far as the socket takes it without blocking; a writer thread drains the rest from a bounded
-// queue, so no caller blocks on a slow peer. Objects we send are exported (kept alive) until the
-// connection closes. Incoming calls are counted in the WorkLedger from the moment their body is
+// frames off the socket; a writer thread sends what the bounded `Outbox` could not send at once.
+// Objects we send are exported (kept alive, `ObjectTable`) until the connection closes. Incoming
+// calls are counted in the WorkLedger from the moment their body is
 // read: past its bounds the reader stops reading (back-pressure). Any read or write failure,
 // protocol violation or outgoing overflow shuts the connection down and reports its proxies dead.
 class Connection : public std::enable_shared_from_this<Connection> {
@@ -40,9 +41,6 @@ public:
     bool isAlive() const;
     void shutdown(const char *reason);
 
-    static constexpr size_t kMaxQueuedOutBytes = 8u << 20;
-    static constexpr size_t kMaxQueuedOutFrames = 8192;
-
 private:
     struct Incoming {
         uint64_t txnId = 0;
@@ -62,16 +60,17 @@ private:
 
     Connection(int fd, const sp<IBinder> &root);
     void readLoop();
-    void writeLoop();
-    bool readFully(void *buf, size_t len);
-    bool readBody(size_t size, std::vector<uint8_t> *body);
     void handleFrame(wire::Frame &&frame, std::shared_ptr<void> work);
     void execute(const IncomingPtr &call);
     void drainOneway(uint64_t target);
+    // Queues a decoded call: per-target one-way queue, the waiting parent, or the thread pool.
+    void dispatchLocked(IncomingPtr &&call, uint64_t target, uint64_t parentTxn);
     void sendReply(uint64_t txnId, status_t status, const Parcel &reply);
-    bool queueLocked(std::vector<uint8_t> &&bytes);
-    status_t toWireLocked(const Parcel &parcel, wire::Frame *frame);
-    status_t fromWireLocked(wire::Frame &frame, Parcel *parcel);
+    // False when the outgoing queue overflowed: then `lock` is released and the connection shut.
+    bool queueLocked(std::unique_lock<std::mutex> &lock, std::vector<uint8_t> &&bytes);
+    // Runs nested calls until `pending` is answered or the connection dies, then decodes the
+    // answer into `received` (which the caller releases without the lock).
+    status_t awaitReply(std::unique_lock<std::mutex> &lock, Pending &pending, Parcel *received);
 
     const int mFd;
     pid_t mPeerPid = -1;
@@ -79,17 +78,10 @@ private:
 
     mutable std::mutex mLock;
     bool mDead = false;
-    std::condition_variable mWriterCv;
-    std::deque<std::vector<uint8_t>> mOut;
-    size_t mOutBytes = 0;
-    // The writer thread is sending a frame it took off mOut.
-    bool mWriting = false;
+    Outbox mOutbox;
     uint64_t mNextTxn = 1;
     std::map<uint64_t, Pending *> mPending;
-    uint64_t mNextExport = 1;
-    std::map<uint64_t, sp<IBinder>> mExports;
-    std::map<IBinder *, uint64_t> mExportIds;
-    std::map<uint64_t, wp<BpBinder>> mProxies;
+    ObjectTable mObjects;
     std::map<uint64_t, std::deque<IncomingPtr>> mOneway;
     std::shared_ptr<WorkLedger::Account> mWork;
 };

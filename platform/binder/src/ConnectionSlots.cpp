@@ -1,8 +1,8 @@
 #include "ConnectionSlots.h"
 
-#include <android/log.h>
+#include <UserShare.h>
 
-#include <unistd.h>
+#include <android/log.h>
 
 namespace android {
 
@@ -17,20 +17,16 @@ ConnectionSlots::ConnectionSlots(size_t maxTotal, size_t maxPerUid, size_t rootR
 {
 }
 
-bool ConnectionSlots::isRoot(uid_t uid) const
-{
-    return uid == 0 || uid == geteuid();
-}
-
 std::shared_ptr<void> ConnectionSlots::take(uid_t uid, pid_t pid)
 {
-    const bool root = isRoot(uid);
-    bool processFull = false;
+    const bool root = isRootUid(uid);
+    const auto share = userShare(mMaxTotal, mMaxPerUid, mRootReserve);
+    auto verdict = share.Fits;
     {
         std::lock_guard<std::mutex> lock(mLock);
         size_t &mine = mPerUid[uid];
-        processFull = mTotal >= mMaxTotal || (!root && mOthers + mRootReserve >= mMaxTotal);
-        if (!processFull && (root || mine < mMaxPerUid)) {
+        verdict = share.judge(root, mine, mOthers, mTotal, size_t(1));
+        if (verdict == share.Fits) {
             ++mTotal;
             mOthers += !root;
             ++mine;
@@ -44,6 +40,7 @@ std::shared_ptr<void> ConnectionSlots::take(uid_t uid, pid_t pid)
         if (mine == 0)
             mPerUid.erase(uid);
     }
+    const bool processFull = verdict == share.TotalReached;
     __android_log_print(ANDROID_LOG_WARN, "binder",
         "refusing a connection from pid %d uid %u: %s limit of %zu connections reached", int(pid),
         unsigned(uid), processFull ? "the process's" : "its user's",
@@ -57,7 +54,7 @@ void ConnectionSlots::give(uid_t uid)
 {
     std::lock_guard<std::mutex> lock(mLock);
     --mTotal;
-    mOthers -= !isRoot(uid);
+    mOthers -= !isRootUid(uid);
     if (--mPerUid[uid] == 0)
         mPerUid.erase(uid);
 }

@@ -29,7 +29,6 @@ public:
 private:
     ConnectionSlots(size_t maxTotal, size_t maxPerUid, size_t rootReserve);
     void give(uid_t uid);
-    bool isRoot(uid_t uid) const;
 
     const size_t mMaxTotal;
     const size_t mMaxPerUid;

@@ -1,6 +1,6 @@
 #include "WorkLedger.h"
 
-#include <unistd.h>
+#include <UserShare.h>
 
 namespace android {
 
@@ -14,6 +14,11 @@ struct Held {
         return calls == 0 || (calls < bound.calls && bytes + more <= bound.bytes);
     }
 };
+
+bool fitsIn(const Held &held, size_t more, WorkLedger::Bound bound)
+{
+    return held.fits(more, bound);
+}
 
 std::mutex gLock;
 std::condition_variable gRoom;
@@ -31,14 +36,13 @@ public:
 
     bool fits(size_t bytes) const
     {
-        static constexpr Bound kOthers { kTotal.bytes - kRootReserve.bytes,
-            kTotal.calls - kRootReserve.calls };
-        if (!held.fits(bytes, kPerConnection) || !gTotal.fits(bytes, kTotal))
-            return false;
+        static constexpr UserShare<Bound> kShare { kTotal, kPerUid,
+            { kTotal.bytes - kRootReserve.bytes, kTotal.calls - kRootReserve.calls }, kTotal };
         const auto user = gPerUid.find(uid);
-        return root
-            || ((user == gPerUid.end() || user->second.fits(bytes, kPerUid))
-                && gOthers.fits(bytes, kOthers));
+        return held.fits(bytes, kPerConnection)
+            && kShare.judge(
+                   root, user == gPerUid.end() ? Held {} : user->second, gOthers, gTotal, bytes)
+            == kShare.Fits;
     }
     // Adds (sign 1) or takes back (sign -1) one call of `bytes`.
     void count(size_t bytes, int sign)
@@ -61,7 +65,7 @@ std::shared_ptr<WorkLedger::Account> WorkLedger::open(uid_t peerUid)
 {
     auto account = std::make_shared<Account>();
     account->uid = peerUid;
-    account->root = peerUid == 0 || peerUid == geteuid();
+    account->root = isRootUid(peerUid);
     return account;
 }
 

@@ -74,7 +74,7 @@ public:
     bool checkInterface(IBinder *binder) const;
 
 private:
-    friend class Connection;
+    friend class ObjectTable; // moves data and objects to and from wire frames
     const void *readInplace(size_t len) const;
     void *writeInplace(size_t len);
     status_t readString16Chars(const char16_t **chars, int32_t *len) const;
