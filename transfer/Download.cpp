@@ -193,6 +193,7 @@ void Download::launch()
     if (state == Completed)
         return;
     transfer().retry.cancel();
+    waitingForNetwork = false;
     packetCount = 0;
     if (startTime == 0)
         startTime = QDateTime::currentMSecsSinceEpoch();
@@ -292,6 +293,8 @@ void Download::endAttempt(unsigned code, const QString &reason, bool passing, qi
     transfer().file.close();
     failureCode = code;
     failureReason = reason.left(int(IDownload::kMaxReasonBytes));
+    if (waitForNetwork(code, passing, reason))
+        return;
     const qint64 delay = passing ? transfer().retry.schedule(amountDownloaded, retryAfterMs) : -1;
     if (delay >= 0) {
         state = Stalled;
@@ -303,6 +306,28 @@ void Download::endAttempt(unsigned code, const QString &reason, bool passing, qi
             "Download %s failed: %s", uniqueID.toUtf8().constData(), reason.toUtf8().constData());
     }
     report();
+}
+
+bool Download::waitForNetwork(unsigned code, bool passing, const QString &reason)
+{
+    // Without a route the attempt never reached the server: no reason to count it.
+    if (code != FAILURE_NETWORK || !passing || !hasRoute || hasRoute(QUrl(contentURL).host()))
+        return false;
+    waitingForNetwork = true;
+    state = Stalled;
+    failureReason = QStringLiteral("waiting for network");
+    DLM_LOGI("Download %s waits for the network: %s", uniqueID.toUtf8().constData(),
+        reason.toUtf8().constData());
+    report();
+    return true;
+}
+
+void Download::networkChanged()
+{
+    if (!waitsForNetwork() || !hasRoute || !hasRoute(QUrl(contentURL).host()))
+        return;
+    DLM_LOGI("Download %s: its host has a route again", uniqueID.toUtf8().constData());
+    launch();
 }
 
 void Download::failLocalFile()

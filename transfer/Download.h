@@ -74,6 +74,14 @@ public:
     // Whether a request of this download is on the wire or waits for a connection.
     bool onTheWire() const { return running && running->easy; }
 
+    // Whether the device has a route to a host (name or number) now; empty when routes are not
+    // watched. A network fault while there is none waits for the network, spending no retry.
+    std::function<bool(const QString &host)> hasRoute;
+    // Stalled with no retry pending until its host has a route again.
+    bool waitsForNetwork() const { return state == Stalled && waitingForNetwork; }
+    // Routes changed: a download waiting for the network launches once its host has a route.
+    void networkChanged();
+
     std::function<void(Download *)> reportChange; // may be empty
     CurlEngine *engine;
 
@@ -142,6 +150,9 @@ private:
     void setReceiving(bool on);
     // The attempt failed: Stalled until the retry when the fault may pass, else Failed.
     void endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs = -1);
+    // A network fault with no route to the host: Stalled, waiting for the network; false when
+    // the fault is another or a route exists (the retry schedule then decides).
+    bool waitForNetwork(unsigned code, bool passing, const QString &reason);
     // A write failed, or the body ran past the expected size.
     void failLocalFile();
     // Failed with FAILURE_CONTENT_MISMATCH; the file stays for inspection.
@@ -193,6 +204,7 @@ private:
     Transfer &transfer();
     std::unique_ptr<Transfer> running;
     int maxRetries = -1;
+    bool waitingForNetwork = false;
     // Place among the downloads of this process, in order of creation (or restore).
     quint64 creationOrder = 0;
     QElapsedTimer lastActivity;
