@@ -2,7 +2,6 @@
 
 #include "CurlEngine.h"
 #include "DiskSpace.h"
-#include "RequestQueue.h"
 #include "DlmLog.h"
 #include "Download.h"
 #include "DownloadDataBase.h"

@@ -84,7 +84,7 @@ socklen_t socketAddress(const QString &address, sockaddr_storage *target)
 
 bool NetworkWatch::hasRouteTo(const QString &address)
 {
-    sockaddr_storage target{};
+    sockaddr_storage target {};
     const socklen_t length = socketAddress(address, &target);
     if (length == 0)
         return true;
@@ -105,6 +105,6 @@ bool NetworkWatch::hasAnyRoute()
 
 bool NetworkWatch::hasRouteFor(const QString &host)
 {
-    sockaddr_storage target{};
+    sockaddr_storage target {};
     return socketAddress(host, &target) != 0 ? hasRouteTo(host) : hasAnyRoute();
 }
