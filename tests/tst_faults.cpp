@@ -214,7 +214,7 @@ private slots:
     {
         QTest::addColumn<QString>("setting");
         QTest::addColumn<int>("most"); // connections at once: root leaves one for other users
-        QTest::addColumn<bool>("netLoss"); // no route to the host until they all wait, in a namespace
+        QTest::addColumn<bool>("netLoss"); // no route to the host until they all wait
         QTest::newRow("six per host") << "" << 5 << false;
         QTest::newRow("two per host") << "max_connections_per_host" << 1 << false;
         QTest::newRow("two downloads at once") << "max_active_downloads" << 1 << false;
@@ -335,11 +335,14 @@ void tst_Faults::queued()
     const auto back = qScopeGuard([&] { // this thread's own network again
         QVERIFY(home < 0 || (setns(home, CLONE_NEWNET) == 0 && close(home) == 0));
     });
-    const auto lo = [](const char *verb) { return QProcess::execute("ip", { "addr", verb, "127.0.0.1/8", "dev", "lo" }) == 0; };
+    const auto lo = [](const char *verb) {
+        return QProcess::execute("ip", { "addr", verb, "127.0.0.1/8", "dev", "lo" }) == 0;
+    };
     QVERIFY(!netLoss || QProcess::execute("ip", { "link", "set", "lo", "up" }) == 0);
     const QByteArrayList ids { "q0", "q1", "q2", "q3", "q4", "q5", "q6" };
     FakeHttpServer host; // its connections are this service's alone
-    Service one({ { setting.isEmpty() ? "max_retries" : setting, "2" } }, { "DLM_TRANSFER_TIMEOUT_MS=1000", "DLM_RETRY_BASE_MS=50" });
+    Service one({ { setting.isEmpty() ? "max_retries" : setting, "2" } },
+        { "DLM_TRANSFER_TIMEOUT_MS=1000", "DLM_RETRY_BASE_MS=50" });
     QVERIFY(one.start() && one.dlctl({ "set-path", "shell", one.path("downloads") }).code == 0);
     QVERIFY(!netLoss || lo("del")); // the server stays bound to an address with no route
     QByteArray creates; // in one write, so that they overlap on any machine
@@ -349,16 +352,20 @@ void tst_Faults::queued()
     }
     one.line(creates.chopped(1));
     if (netLoss) { // all wait past their whole retry schedule, then the route is back
-        QVERIFY(waitFor("all to stall", [&] { return one.sql("SELECT count(*) FROM downloads WHERE state = 32").value(0).value(0) == 7; }));
+        const char *stalled = "SELECT count(*) = 7 FROM downloads WHERE state = 32";
+        QVERIFY(
+            waitFor("all to stall", [&] { return one.sql(stalled).value(0).value(0).toBool(); }));
         for (const QVariantList &row : one.sql("SELECT uniqueID FROM downloads"))
-            QVERIFY(one.dlctl({ "status", row.value(0).toString() }).out.endsWith(" (waiting for network)\n"));
+            QVERIFY(one.dlctl({ "status", row.value(0).toString() })
+                        .out.endsWith(" (waiting for network)\n"));
         QTest::qWait(1000);
         QVERIFY(lo("add"));
     }
+    const QByteArray done = netLoss ? "1 1 102400" : "1 4 102400"; // the lost route's code stays
     for (const QByteArray &id : ids) {
         const char *sql = "SELECT state||' '||failureCode||' '||amountDownloaded FROM downloads WHERE filePath LIKE ?";
         QVERIFY(waitFor(id + " completed without a failure", [&] {
-            return one.sql(sql, { QString("%/" + id) }).value(0).value(0).toByteArray() == (netLoss ? "1 1 102400" : "1 4 102400");
+            return one.sql(sql, { QString("%/" + id) }).value(0).value(0).toByteArray() == done;
         }));
         QCOMPARE(readFile(one.path("downloads/") + id), host.resource('/' + id).body);
     }
