@@ -43,6 +43,13 @@ public:
         line += QLatin1Char(' ');
         return *this;
     }
+    // Why a Stalled download waits: "waiting for network", or the fault its retry follows.
+    ConsoleLine &whyStalled(const Download *download)
+    {
+        if (download->state != Download::Stalled || download->failureReason.isEmpty())
+            return *this;
+        return text(" reason:").value(download->failureReason);
+    }
     ~ConsoleLine() { qDebug().noquote().nospace() << line; }
 
 private:
@@ -78,7 +85,8 @@ void printDownload(const char *label, const Download *download)
         .text(" DL:")
         .number(download->amountDownloaded)
         .text("/")
-        .number(download->totalSize);
+        .number(download->totalSize)
+        .whyStalled(download);
 }
 } // namespace
 
@@ -233,7 +241,8 @@ void DLConsoleReaderClient::updateDownloadEntry(Download *download)
         .text(" DL: ")
         .number(download->amountDownloaded)
         .text("/")
-        .number(download->totalSize);
+        .number(download->totalSize)
+        .whyStalled(download);
 }
 
 void DLConsoleReaderClient::getDownloadList(const QString &clientID)

@@ -2,12 +2,12 @@
 
 #include "CurlEngine.h"
 #include "DiskSpace.h"
-#include "RequestQueue.h"
 #include "DlmLog.h"
 #include "Download.h"
 #include "RetrySchedule.h"
 #include "DownloadDataBase.h"
 #include "DownloadRules.h"
+#include "NetworkWatch.h"
 #include "OwnedFile.h"
 #include "RequestQueue.h"
 
@@ -48,6 +48,8 @@ DownloadManager::DownloadManager(const QString &settingsPath, const FrontEndFact
     RequestQueue::instance().setActiveLimit(
         settings.count(QStringLiteral("max_active_downloads"), 0));
     engine = new CurlEngine(RequestQueue::instance().perOrigin(), this);
+    network = std::make_unique<NetworkWatch>();
+    connect(network.get(), &NetworkWatch::changed, this, &DownloadManager::networkChanged);
     // Checked before anything is published, read or launched.
     database
         = databaseHome.open(settings.text(QStringLiteral("download_database_path"), kDefaultPath),
@@ -140,6 +142,7 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     Download *download = new Download([this](Download *d) { updateDownload(d); }, engine,
         id, clientID, url, name.isEmpty() ? filePath : name);
     download->setMaxRetries(maxRetries);
+    download->hasRoute = routeCheck();
     download->filePath = filePath;
     download->ownerUid = ownerUid;
     download->privateFile = !directories.isChosen(ownerUid, clientID, filePath);
@@ -162,6 +165,7 @@ void DownloadManager::restoreDownload(const StoredRecord &r)
         r.uniqueID, r.clientID, r.name, r.contentURL, canonical, r.state, r.failureCode,
         r.totalSize, r.amountDownloaded, r.startTime);
     download->setMaxRetries(maxRetries);
+    download->hasRoute = routeCheck();
     download->ownerUid = r.ownerUid;
     download->fileIdentity = r.fileIdentity;
     download->content = ContentCheck(r.expectedSize, r.expectedSha256);
@@ -301,6 +305,25 @@ void DownloadManager::updateDownload(Download *download)
         idleTimer.start();
     for (FrontEnd *client : qAsConst(clients))
         client->updateDownloadEntry(download);
+}
+
+std::function<bool(const QString &)> DownloadManager::routeCheck() const
+{
+    // Without the watch no change would ever end a wait: faults then count as before.
+    if (!network->isWatching())
+        return {};
+    return &NetworkWatch::hasRouteFor;
+}
+
+void DownloadManager::networkChanged()
+{
+    if (quitting)
+        return;
+    const QList<Download *> all = downloads; // a launch reports, and a client may act on it
+    for (Download *download : all) {
+        if (download->waitsForNetwork() && downloads.contains(download))
+            download->networkChanged();
+    }
 }
 
 void DownloadManager::releaseIdleMemory()

@@ -16,6 +16,7 @@
 
 class Download;
 class CurlEngine;
+class NetworkWatch;
 
 // The centre of the service. Owns the downloads, the client front ends, the database, the
 // download directories and the one network access manager all transfers share. Lives on the
@@ -118,11 +119,17 @@ private:
     bool identifierInUse(const QString &uniqueID) const;
     // Aborts, unstores and destroys a download that is no longer in the list.
     void discard(Download *download);
+    // Tells the downloads that wait for the network that routes changed.
+    void networkChanged();
+    // What a download asks whether its host has a route; empty when routes are not watched.
+    std::function<bool(const QString &)> routeCheck() const;
     // Once no download is on the wire: drops idle connections and the database's cache, and
     // gives freed heap back to the system, so a burst does not stay resident.
     void releaseIdleMemory();
 
     CurlEngine *engine;
+    // The kernel's routes; a download that lost its route waits for a change here.
+    std::unique_ptr<NetworkWatch> network;
     QList<Download *> downloads;
     QList<FrontEnd *> clients;
     DatabaseHome databaseHome; // holds the database directory while the database is open

@@ -8,6 +8,8 @@
 #include <QtTest>
 
 #include <csignal>
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -220,9 +222,11 @@ private slots:
     {
         QTest::addColumn<QString>("setting");
         QTest::addColumn<int>("most"); // connections at once: root leaves one for other users
-        QTest::newRow("six per host") << "" << 5;
-        QTest::newRow("two per host") << "max_connections_per_host" << 1;
-        QTest::newRow("two downloads at once") << "max_active_downloads" << 1;
+        QTest::addColumn<bool>("netLoss"); // no route to the host until they all wait
+        QTest::newRow("six per host") << "" << 5 << false;
+        QTest::newRow("two per host") << "max_connections_per_host" << 1 << false;
+        QTest::newRow("two downloads at once") << "max_active_downloads" << 1 << false;
+        QTest::newRow("retries spent while the network is gone") << "" << 5 << true;
     }
     void queued();
 
@@ -338,20 +342,46 @@ void tst_Faults::queued()
 {
     QFETCH(QString, setting);
     QFETCH(int, most);
+    QFETCH(bool, netLoss);
+    const int home = netLoss ? open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC) : -1;
+    if (netLoss && (home < 0 || unshare(CLONE_NEWNET) != 0)) {
+        close(home);
+        QSKIP("needs a network namespace of its own (unshare -n)");
+    }
+    const auto back = qScopeGuard([&] { // this thread's own network again
+        QVERIFY(home < 0 || (setns(home, CLONE_NEWNET) == 0 && close(home) == 0));
+    });
+    const auto lo = [](const char *verb) {
+        return QProcess::execute("ip", { "addr", verb, "127.0.0.1/8", "dev", "lo" }) == 0;
+    };
+    QVERIFY(!netLoss || QProcess::execute("ip", { "link", "set", "lo", "up" }) == 0);
     const QByteArrayList ids { "q0", "q1", "q2", "q3", "q4", "q5", "q6" };
     FakeHttpServer host; // its connections are this service's alone
-    Service one({ { setting.isEmpty() ? "max_retries" : setting, "2" } }, { "DLM_TRANSFER_TIMEOUT_MS=1000" });
+    Service one({ { setting.isEmpty() ? "max_retries" : setting, "2" } },
+        { "DLM_TRANSFER_TIMEOUT_MS=1000", "DLM_RETRY_BASE_MS=50" });
     QVERIFY(one.start() && one.dlctl({ "set-path", "shell", one.path("downloads") }).code == 0);
+    QVERIFY(!netLoss || lo("del")); // the server stays bound to an address with no route
     QByteArray creates; // in one write, so that they overlap on any machine
     for (const QByteArray &id : ids) {
         host.setResource('/' + id, { .body = FakeHttpServer::makeBody(102400, 77), .chunkSize = 1024, .chunkDelayMs = 15 });
         creates += "create " + host.url('/' + id).toEncoded() + '\n';
     }
     one.line(creates.chopped(1));
+    if (netLoss) { // all wait past their whole retry schedule, then the route is back
+        const char *stalled = "SELECT count(*) = 7 FROM downloads WHERE state = 32"; // STATE_STALLED
+        QVERIFY(
+            waitFor("all to stall", [&] { return one.sql(stalled).value(0).value(0).toBool(); }));
+        for (const QVariantList &row : one.sql("SELECT uniqueID FROM downloads"))
+            QVERIFY(one.dlctl({ "status", row.value(0).toString() })
+                        .out.endsWith(" (waiting for network)\n"));
+        QTest::qWait(1000);
+        QVERIFY(lo("add"));
+    }
+    const QByteArray done = netLoss ? "1 102400" : "4 102400"; // the lost route's code stays
     for (const QByteArray &id : ids) {
         const char *sql = "SELECT failureCode||' '||amountDownloaded FROM downloads WHERE filePath LIKE ? AND state = ?";
         QVERIFY(waitFor(id + " completed without a failure", [&] {
-            return one.sql(sql, { QString("%/" + id), STATE_COMPLETED }).value(0).value(0).toByteArray() == "4 102400";
+            return one.sql(sql, { QString("%/" + id), STATE_COMPLETED }).value(0).value(0).toByteArray() == done;
         }));
         QCOMPARE(readFile(one.path("downloads/") + id), host.resource('/' + id).body);
     }

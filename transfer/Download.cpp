@@ -1,6 +1,9 @@
 #include "Download.h"
 
+#include "DlmLog.h"
 #include "HttpTransfer.h"
+
+#include <QUrl>
 
 // A new download is a stored one that has no file, no state and failure code 4 yet.
 Download::Download(std::function<void(Download *)> reportChange, CurlEngine *engine,
@@ -131,4 +134,12 @@ void Download::report()
 {
     if (reportChange)
         reportChange(this);
+}
+
+void Download::networkChanged()
+{
+    if (!waitsForNetwork() || !hasRoute || !hasRoute(QUrl(contentURL).host()))
+        return;
+    DLM_LOGI("Download %s: its host has a route again", uniqueID.toUtf8().constData());
+    launch();
 }

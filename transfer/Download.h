@@ -65,6 +65,14 @@ public:
     // Whether a request of this download is on the wire or waits for a connection.
     bool onTheWire() const;
 
+    // Whether the device has a route to a host (name or number) now; empty when routes are not
+    // watched. A network fault while there is none waits for the network, spending no retry.
+    std::function<bool(const QString &host)> hasRoute;
+    // Stalled with no retry pending until its host has a route again.
+    bool waitsForNetwork() const { return state == Stalled && waitingForNetwork; }
+    // Routes changed: a download waiting for the network launches once its host has a route.
+    void networkChanged();
+
     std::function<void(Download *)> reportChange; // may be empty
     CurlEngine *engine;
 
@@ -108,4 +116,5 @@ private:
     void endTransfer();
 
     std::unique_ptr<HttpTransfer> running;
+    bool waitingForNetwork = false;
 };

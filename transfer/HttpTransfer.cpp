@@ -126,6 +126,8 @@ void HttpTransfer::endAttempt(
     file.close();
     d.failureCode = code;
     d.failureReason = reason.left(int(IDownload::kMaxReasonBytes));
+    if (waitForNetwork(code, passing, reason))
+        return;
     const qint64 delay = passing ? retry.schedule(d.amountDownloaded, retryAfterMs) : -1;
     if (delay >= 0) {
         d.state = Download::Stalled;
@@ -140,6 +142,21 @@ void HttpTransfer::endAttempt(
         return;
     }
     report();
+}
+
+bool HttpTransfer::waitForNetwork(unsigned code, bool passing, const QString &reason)
+{
+    // Without a route the attempt never reached the server: no reason to count it.
+    if (code != FAILURE_NETWORK || !passing || !d.hasRoute
+        || d.hasRoute(QUrl(d.contentURL).host()))
+        return false;
+    d.waitingForNetwork = true;
+    d.state = Download::Stalled;
+    d.failureReason = QStringLiteral("waiting for network");
+    DLM_LOGI("Download %s waits for the network: %s", d.uniqueID.toUtf8().constData(),
+        reason.toUtf8().constData());
+    report();
+    return true;
 }
 
 void HttpTransfer::failLocalFile()
@@ -491,6 +508,7 @@ void HttpTransfer::stop()
 void HttpTransfer::start()
 {
     retry.cancel();
+    d.waitingForNetwork = false;
     packetCount = 0;
     if (d.startTime == 0)
         d.startTime = QDateTime::currentMSecsSinceEpoch();

@@ -79,6 +79,9 @@ private:
     void setReceiving(bool on);
     // The attempt failed: Stalled until the retry when the fault may pass, else Failed.
     void endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs = -1);
+    // A network fault with no route to the host: Stalled, waiting for the network; false when
+    // the fault is another or a route exists (the retry schedule then decides).
+    bool waitForNetwork(unsigned code, bool passing, const QString &reason);
     // A write failed, or the body ran past the expected size.
     void failLocalFile();
     // Failed with FAILURE_CONTENT_MISMATCH; the file stays for inspection.

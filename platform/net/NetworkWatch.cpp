@@ -61,24 +61,33 @@ void NetworkWatch::drain()
         emit changed();
 }
 
-bool NetworkWatch::hasRouteTo(const QString &address)
+namespace {
+// The address as a socket address (port 9, discard); 0 when it is not a numeric address.
+socklen_t socketAddress(const QString &address, sockaddr_storage *target)
 {
     const QByteArray text = address.toLatin1();
-    sockaddr_storage target{};
-    socklen_t length = 0;
-    auto *in = reinterpret_cast<sockaddr_in *>(&target);
-    auto *in6 = reinterpret_cast<sockaddr_in6 *>(&target);
+    auto *in = reinterpret_cast<sockaddr_in *>(target);
+    auto *in6 = reinterpret_cast<sockaddr_in6 *>(target);
     if (inet_pton(AF_INET, text.constData(), &in->sin_addr) == 1) {
         in->sin_family = AF_INET;
         in->sin_port = htons(9);
-        length = sizeof *in;
-    } else if (inet_pton(AF_INET6, text.constData(), &in6->sin6_addr) == 1) {
+        return sizeof *in;
+    }
+    if (inet_pton(AF_INET6, text.constData(), &in6->sin6_addr) == 1) {
         in6->sin6_family = AF_INET6;
         in6->sin6_port = htons(9);
-        length = sizeof *in6;
-    } else {
-        return true;
+        return sizeof *in6;
     }
+    return 0;
+}
+} // namespace
+
+bool NetworkWatch::hasRouteTo(const QString &address)
+{
+    sockaddr_storage target {};
+    const socklen_t length = socketAddress(address, &target);
+    if (length == 0)
+        return true;
     const int probe = ::socket(target.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (probe < 0)
         return target.ss_family != AF_INET6; // a kernel without IPv6 has no route there
@@ -92,4 +101,10 @@ bool NetworkWatch::hasAnyRoute()
 {
     // Documentation addresses: never used on a real network, routed only by a default route.
     return hasRouteTo(QStringLiteral("192.0.2.1")) || hasRouteTo(QStringLiteral("2001:db8::1"));
+}
+
+bool NetworkWatch::hasRouteFor(const QString &host)
+{
+    sockaddr_storage target {};
+    return socketAddress(host, &target) != 0 ? hasRouteTo(host) : hasAnyRoute();
 }

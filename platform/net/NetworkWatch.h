@@ -28,6 +28,9 @@ public:
     // True when any address outside the loopback networks is reachable: a default route or a
     // route to the wider network exists.
     static bool hasAnyRoute();
+    // The rule for a download's host: a numeric one by its own route, a name by any route, as
+    // resolving the name here could block the event loop.
+    static bool hasRouteFor(const QString &host);
 
 signals:
     // Routes, addresses or links changed; one signal for a burst of kernel messages.

@@ -42,8 +42,9 @@ std::string stateNote(const IDownload &r)
         return std::string();
     const time_t when = time_t(r.nextAttemptTime / 1000);
     struct tm local;
+    // No attempt planned: the reason alone says what it waits for ("waiting for network").
     if (r.nextAttemptTime <= 0 || !localtime_r(&when, &local))
-        return " (waiting to try again" + reason + ")";
+        return r.failureReason.empty() ? " (waiting to try again)" : " (" + reason.substr(2) + ")";
     strftime(text, sizeof text, " (next attempt at %H:%M:%S", &local);
     return text + reason + ")";
 }
