@@ -216,7 +216,7 @@ void Download::launch()
     attemptSettled = false;
     contentFault.clear();
     RequestQueue::instance().enter(this, ownerUid, RequestQueue::originOf(contentURL),
-        creationOrder, [this] { sendRequest(); });
+        creationOrder, [this] { sendRequest(); }, priority);
     state = Pending;
     report();
 }
@@ -248,7 +248,23 @@ void Download::sendRequest()
     if (!engine->start(t.easy)) {
         t.easy = nullptr;
         endAttempt(FAILURE_NETWORK, QStringLiteral("the request could not be started"), true);
+    } else if (governor) {
+        governor->join(this, rateLimit, [this](bool paused) { pauseForRate(paused); });
     }
+}
+
+void Download::pauseForRate(bool paused)
+{
+    if (!onTheWire())
+        return;
+    // The clock first: curl may hand over bytes inside the call, and the governor rest us again.
+    if (paused) {
+        running->stallTimer.stop();
+    } else if (!attemptSettled) {
+        restartStallClock();
+        running->stallTimer.start(stallTimeoutMs);
+    }
+    curl_easy_pause(running->easy, paused ? CURLPAUSE_RECV : CURLPAUSE_CONT);
 }
 
 void Download::abort()
@@ -271,6 +287,8 @@ void Download::stopTransfer()
 void Download::releaseRequest()
 {
     setReceiving(false);
+    if (governor)
+        governor->leave(this);
     RequestQueue::instance().leave(this);
     if (running && running->easy) {
         engine->release(running->easy);
@@ -478,6 +496,8 @@ bool Download::bodyData(const char *data, size_t size)
     }
     ++dataArrivals;
     batchArrival();
+    if (governor)
+        governor->arrived(this, fits);
     return true;
 }
 

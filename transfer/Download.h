@@ -5,6 +5,7 @@
 #include "CurlEngine.h"
 #include "HttpAnswer.h"
 #include "OwnedFile.h"
+#include "RateGovernor.h"
 #include "RetrySchedule.h"
 
 #include <QElapsedTimer>
@@ -76,6 +77,8 @@ public:
 
     std::function<void(Download *)> reportChange; // may be empty
     CurlEngine *engine;
+    // Holds the request to its rate while on the wire; set by the owner, may stay null.
+    RateGovernor *governor = nullptr;
 
     QString uniqueID;
     QString clientID;
@@ -102,6 +105,10 @@ public:
     ContentCheck content;
     // Sent as If-Range with every Range (see ResumeValidator); empty when the answer had none.
     QByteArray validator;
+    // Its own limit in bytes per second (0: none) and its place among waiting requests (higher
+    // first); both stored, both set by the owner, which tells the governor and the queue.
+    qint64 rateLimit = 0;
+    int priority = 0;
 
     int packetCount;
     // Blocks of body received in this process, counted as MAX_PACKET_COUNT counts them.
@@ -154,6 +161,8 @@ private:
     void startOverWithoutRange(bool contentChanged);
     void restartInPlace(qint64 newTotal);
     void restartStallClock();
+    // The governor rests the request: its stall clock does not run meanwhile.
+    void pauseForRate(bool paused);
 
     AnswerVerdict verdict = AnswerVerdict::Unchecked;
     // The head of the answer being read (the last one of a redirect chain counts).
