@@ -264,7 +264,8 @@ void Download::pauseForRate(bool paused)
         restartStallClock();
         running->stallTimer.start(stallTimeoutMs);
     }
-    curl_easy_pause(running->easy, paused ? CURLPAUSE_RECV : CURLPAUSE_CONT);
+    // Both ways: curl 7.88 makes a handle paused one way read at once, paused or not.
+    curl_easy_pause(running->easy, paused ? CURLPAUSE_ALL : CURLPAUSE_CONT);
 }
 
 void Download::abort()
