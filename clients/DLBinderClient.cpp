@@ -178,16 +178,18 @@ int32_t DLBinderClient::requestRemove(const std::string &uniqueID)
 
 int32_t DLBinderClient::setRateLimit(const std::string &uniqueID, int64_t bytesPerSecond)
 {
-    return control("Rate", uniqueID, [bytesPerSecond](DownloadManager *m, const QString &id, uint uid) {
-        return int(m->setRateLimit(id, bytesPerSecond, uid));
-    });
+    return control(
+        "Rate", uniqueID, [bytesPerSecond](DownloadManager *m, const QString &id, uint uid) {
+            return int(m->setRateLimit(id, bytesPerSecond, uid));
+        });
 }
 
 int32_t DLBinderClient::setPriority(const std::string &uniqueID, int32_t priority)
 {
-    return control("Priority", uniqueID, [priority](DownloadManager *m, const QString &id, uint uid) {
-        return int(m->setPriority(id, priority, uid));
-    });
+    return control(
+        "Priority", uniqueID, [priority](DownloadManager *m, const QString &id, uint uid) {
+            return int(m->setPriority(id, priority, uid));
+        });
 }
 
 int32_t DLBinderClient::setOverallRateLimit(int64_t bytesPerSecond)
@@ -200,7 +202,9 @@ int32_t DLBinderClient::setOverallRateLimit(int64_t bytesPerSecond)
 int32_t DLBinderClient::setBackgroundMode(bool on)
 {
     return control(on ? "Background on" : "Background off", "all",
-        [on](DownloadManager *m, const QString &, uint uid) { return int(m->setBackgroundMode(on, uid)); });
+        [on](DownloadManager *m, const QString &, uint uid) {
+            return int(m->setBackgroundMode(on, uid));
+        });
 }
 
 int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download)
@@ -340,10 +344,9 @@ int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID, cons
         clientID, url, uniqueID, name, expectedSize, sha256Hex, 0, 0, uniqueIDOut);
 }
 
-int32_t DLBinderClient::requestDownloadOrdered(const std::string &clientID,
-    const std::string &url, const std::string &uniqueID, const std::string &name,
-    int64_t expectedSize, const std::string &sha256Hex, int64_t rateLimit, int32_t priority,
-    std::string *uniqueIDOut)
+int32_t DLBinderClient::requestDownloadOrdered(const std::string &clientID, const std::string &url,
+    const std::string &uniqueID, const std::string &name, int64_t expectedSize,
+    const std::string &sha256Hex, int64_t rateLimit, int32_t priority, std::string *uniqueIDOut)
 {
     BINDER_LOGD("Request download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
         url.c_str(), uniqueID.c_str(), name.c_str());
@@ -356,16 +359,15 @@ int32_t DLBinderClient::requestDownloadOrdered(const std::string &clientID,
     if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes)
         return TEXT_TOO_LONG;
     using Answer = std::pair<int32_t, QString>;
-    const Answer answer = gate.ask<Answer>(Answer(DEAD_OBJECT, QString()),
-        [=](DownloadManager *m) {
-            // Its own identifiers only: another user's with the same name do not matter.
-            if (uid != 0 && !id.isEmpty() && CallerView::find(m, id, uid))
-                return Answer(REQUEST_ID_IN_USE, QString());
-            QString created;
-            const auto status = m->createDownload(client, address, CallerView::storedId(id, uid),
-                displayName, &created, uid, { expectedSize, digest }, { rateLimit, priority });
-            return Answer(int32_t(status), CallerView::shownId(created, uid));
-        });
+    const Answer answer = gate.ask<Answer>(Answer(DEAD_OBJECT, QString()), [=](DownloadManager *m) {
+        // Its own identifiers only: another user's with the same name do not matter.
+        if (uid != 0 && !id.isEmpty() && CallerView::find(m, id, uid))
+            return Answer(REQUEST_ID_IN_USE, QString());
+        QString created;
+        const auto status = m->createDownload(client, address, CallerView::storedId(id, uid),
+            displayName, &created, uid, { expectedSize, digest }, { rateLimit, priority });
+        return Answer(int32_t(status), CallerView::shownId(created, uid));
+    });
     if (uniqueIDOut)
         *uniqueIDOut = textOut(answer.second);
     return answer.first;

@@ -217,7 +217,10 @@ bool DLConsoleReaderClient::order(const QStringList &words)
                                                 : "Priority refused: -100 to 100:")
             .number(value);
     else
-        ConsoleLine().text(qPrintable(what)).value(words.mid(1).join(QLatin1Char(' '))).text("done.");
+        ConsoleLine()
+            .text(qPrintable(what))
+            .value(words.mid(1).join(QLatin1Char(' ')))
+            .text("done.");
     return true;
 }
 

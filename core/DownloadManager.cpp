@@ -2,13 +2,13 @@
 
 #include "CurlEngine.h"
 #include "DiskSpace.h"
-#include "RequestQueue.h"
 #include "DlmLog.h"
 #include "Download.h"
 #include "DownloadDataBase.h"
 #include "DownloadRules.h"
 #include "OwnedFile.h"
 #include "RateGovernor.h"
+#include "RequestQueue.h"
 
 #include <QCoreApplication>
 #include <QDir>

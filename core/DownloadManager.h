@@ -61,7 +61,13 @@ public:
     // Answers of setDownloadPath; the values are those the IPC interface sends.
     using PathStatus = DownloadDirectories::PathStatus;
     // Answers of pause, resume and remove; the values are those the IPC interface sends.
-    enum class ControlStatus { Done = 0, NotFound = 1, NotPermitted = 2, WrongState = 3, BadValue = 4 };
+    enum class ControlStatus {
+        Done = 0,
+        NotFound = 1,
+        NotPermitted = 2,
+        WrongState = 3,
+        BadValue = 4
+    };
 
     // Registers one more front end after construction; the manager owns it from then on.
     void addClient(FrontEnd *client);

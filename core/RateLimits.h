@@ -15,8 +15,14 @@ public:
     // Faster than any link the device has: such a value is a mistake, not a limit.
     static constexpr qint64 kMaxRate = 10'000'000'000;
     static constexpr int kMinPriority = -100, kMaxPriority = 100;
-    static bool validRate(qint64 bytesPerSecond) { return bytesPerSecond >= 0 && bytesPerSecond <= kMaxRate; }
-    static bool validPriority(int priority) { return priority >= kMinPriority && priority <= kMaxPriority; }
+    static bool validRate(qint64 bytesPerSecond)
+    {
+        return bytesPerSecond >= 0 && bytesPerSecond <= kMaxRate;
+    }
+    static bool validPriority(int priority)
+    {
+        return priority >= kMinPriority && priority <= kMaxPriority;
+    }
 
     RateLimits(const ServiceSettings &settings, RateGovernor *governor);
 

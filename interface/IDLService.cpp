@@ -445,7 +445,8 @@ status_t onRates(IDLService &s, uint32_t code, const Parcel &data, Parcel *reply
     const bool named = code == IDLService::SET_RATE_LIMIT || code == IDLService::SET_PRIORITY;
     if (status_t err = named ? readTexts(data, { { &id, kId } }) : NO_ERROR)
         return err;
-    const bool wide = code == IDLService::SET_RATE_LIMIT || code == IDLService::SET_OVERALL_RATE_LIMIT;
+    const bool wide
+        = code == IDLService::SET_RATE_LIMIT || code == IDLService::SET_OVERALL_RATE_LIMIT;
     if (wide ? data.readInt64(&rate) : data.readInt32(&number))
         return BAD_VALUE;
     reply->writeInt32(code == IDLService::SET_RATE_LIMIT ? s.setRateLimit(id, rate)

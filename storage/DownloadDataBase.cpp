@@ -20,7 +20,8 @@ const QString kUpsert = QStringLiteral(
     "amountDownloaded = excluded.amountDownloaded");
 const QString kExtra = QStringLiteral(
     "INSERT OR REPLACE INTO download_extra (uniqueID, fileDevice, fileInode, validator, "
-    "expectedSize, expectedSha256, failureReason, httpStatus, rateLimit, priority) VALUES (?, ?, ?, "
+    "expectedSize, expectedSha256, failureReason, httpStatus, rateLimit, priority) VALUES (?, ?, "
+    "?, "
     "?, ?, ?, ?, ?, ?, ?)");
 constexpr int kSchemaVersion = 4;
 const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
@@ -134,8 +135,10 @@ bool DownloadDataBase::migrate()
                 "fileInode, validator, expectedSize, expectedSha256 FROM download_extra_2"),
             QStringLiteral("DROP TABLE download_extra_2") },
         // 4: the download's own rate limit and its priority.
-        { QStringLiteral("ALTER TABLE download_extra ADD COLUMN rateLimit INTEGER NOT NULL DEFAULT 0"),
-            QStringLiteral("ALTER TABLE download_extra ADD COLUMN priority INTEGER NOT NULL DEFAULT 0") },
+        { QStringLiteral(
+              "ALTER TABLE download_extra ADD COLUMN rateLimit INTEGER NOT NULL DEFAULT 0"),
+            QStringLiteral(
+                "ALTER TABLE download_extra ADD COLUMN priority INTEGER NOT NULL DEFAULT 0") },
     };
     for (int next = version + 1; next <= kSchemaVersion; ++next) {
         bool done = db.transaction();
@@ -312,8 +315,8 @@ bool DownloadDataBase::write(RowKey row)
     const auto identity = writtenIdentity.constFind(row);
     if ((identity == writtenIdentity.constEnd() ? file.unrecorded && !expects
                                                 : identity.value() == file)
-        && writtenValidator.value(row) == r.validator
-        && writtenReason.value(row) == r.failureReason && writtenTuning.value(row) == tuning)
+        && writtenValidator.value(row) == r.validator && writtenReason.value(row) == r.failureReason
+        && writtenTuning.value(row) == tuning)
         return true;
     const QVariant none(QMetaType::fromType<qulonglong>());
     const QVariant digest
@@ -362,11 +365,12 @@ void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord
     QSqlQuery query;
     query.setForwardOnly(true);
     if (!run(query,
-            QStringLiteral("SELECT uniqueID, clientID, name, contentURL, filePath, state, "
-                           "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
-                           "fileDevice, fileInode, fileInode IS NULL, COALESCE(expectedSize, -1), "
-                           "expectedSha256, validator, failureReason, httpStatus, COALESCE(rateLimit, 0), "
-                           "COALESCE(priority, 0) FROM ")
+            QStringLiteral(
+                "SELECT uniqueID, clientID, name, contentURL, filePath, state, "
+                "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
+                "fileDevice, fileInode, fileInode IS NULL, COALESCE(expectedSize, -1), "
+                "expectedSha256, validator, failureReason, httpStatus, COALESCE(rateLimit, 0), "
+                "COALESCE(priority, 0) FROM ")
                 + kTable + QStringLiteral(" LEFT JOIN download_extra USING (uniqueID)"),
             {}))
         return;

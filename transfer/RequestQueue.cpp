@@ -48,9 +48,8 @@ void RequestQueue::Holders::add(uint uid, int count)
         held.remove(uid);
 }
 
-void RequestQueue::enter(
-    const void *owner, uint uid, const QString &origin, quint64 order, std::function<void()> start,
-    int priority)
+void RequestQueue::enter(const void *owner, uint uid, const QString &origin, quint64 order,
+    std::function<void()> start, int priority)
 {
     leave(owner);
     Origin &entry = origins[origin];

@@ -8,11 +8,11 @@
 
 // Lets at most perOrigin() requests per origin (scheme, host and port) be on the wire, as many as
 // curl opens connections per host, and at most activeLimit() in all; the others wait here, by
-// their downloads' priority (higher first) and then creation, with no clock running. Curl would fetch every request
-// handed to it as fast as the network allows, whether or not the service keeps up with writing
-// the bodies out. Users share the slots: each holds two thirds of them at most, users other than
-// root leave one for root, and a freed slot of an origin goes to the next user in turn, so one
-// user's backlog never blocks another's first request. Main thread only.
+// their downloads' priority (higher first) and then creation, with no clock running. Curl would
+// fetch every request handed to it as fast as the network allows, whether or not the service keeps
+// up with writing the bodies out. Users share the slots: each holds two thirds of them at most,
+// users other than root leave one for root, and a freed slot of an origin goes to the next user in
+// turn, so one user's backlog never blocks another's first request. Main thread only.
 class RequestQueue {
 public:
     static constexpr int kDefaultPerOrigin = 6;
