@@ -33,7 +33,7 @@ RUSAGE = E["BENCH_RUSAGE"]
 NGINX = "http://127.0.0.1:%s" % E["BENCH_PORT"]
 SLOW_PORT = int(E["BENCH_SLOW_PORT"])
 ROUNDS = int(E.get("ROUNDS", "3"))
-ROWS = E.get("BENCH_ROWS", "small slow watch many stored big bigtmpfs onehost").split()
+ROWS = E.get("BENCH_ROWS", "small slow watch many stored big bigtmpfs onehost rate").split()
 KIB, MIB = 1024, 1024 * 1024
 
 BIG_MIB = int(E.get("BIG_MIB", "1024"))
@@ -45,6 +45,7 @@ WATCHERS = int(E.get("WATCHERS", "20"))
 STORED = int(E.get("STORED", "100000"))
 ONEHOST_COUNT, ONEHOST_KIB = int(E.get("ONEHOST_COUNT", "50")), int(E.get("ONEHOST_KIB", "1024"))
 ONEHOST_TIMEOUT_MS = int(E.get("ONEHOST_TIMEOUT_MS", "3000"))
+RATE_KIB, RATE_S = int(E.get("RATE_KIB", "200")), float(E.get("RATE_S", "5"))
 SETTLE_S = float(E.get("SETTLE_S", "2"))  # quiet time before an idle figure is read
 
 COMPLETED = re.compile(rb'Download update with file: "([^"\n]*)" +status: +"Completed"')
@@ -302,6 +303,7 @@ def www(name):
 BIG = "big-%dm.bin" % BIG_MIB
 SMALL = ["small-%dk/%d.bin" % (SMALL_KIB, i) for i in range(SMALL_COUNT)]
 MANY = ["many-%dm/%d.bin" % (MANY_MIB, i) for i in range(MANY_COUNT)]
+RATED = ["rate/%d.bin" % i for i in range(2)]  # each larger than RATE_S seconds at twice the limit
 
 
 def make_content():
@@ -309,6 +311,8 @@ def make_content():
         make_file(www(BIG), BIG_MIB * MIB)
     for name in SMALL if "small" in ROWS else []:
         make_file(www(name), SMALL_KIB * KIB)
+    for name in RATED if "rate" in ROWS else []:
+        make_file(www(name), int(4 * RATE_KIB * KIB * RATE_S))
     for name in MANY if "many" in ROWS else []:
         make_file(www(name), MANY_MIB * MIB)
 
@@ -610,6 +614,56 @@ def load_onehost(first):
     both(first, ours, reference)
 
 
+def load_rate(first):
+    """Limits held on loopback: one download limited to RATE_KIB, then two under an overall limit
+    of twice that, one of them limited to half of it; average rates over RATE_S seconds. Then
+    the CPU per MiB of one limited download to its end, against curl --limit-rate."""
+    out, limit = os.path.join(TMPFS, "out"), RATE_KIB * KIB
+    urls = ["%s/%s" % (NGINX, n) for n in RATED]
+    ini = os.path.join(WORK, "svc", "rate.ini")
+    with open(ini, "w") as f:
+        f.write("[General]\ndownload_database_path=%s\nrate_limit=%d\n"
+                % (os.path.join(WORK, "svc", "db"), 2 * limit))
+    files = [os.path.join(out, n.rsplit("/", 1)[1]) for n in RATED]
+
+    def create(url, rate):
+        run([DLCTL, "create", url, "--client", "shell", "--rate", str(rate)])
+
+    def averages(svc, creates):
+        fresh(out)
+        svc.ready()
+        svc.send("download_path %s/\n" % out)
+        time.sleep(0.5)
+        t0 = time.monotonic()
+        for url, rate in creates:
+            create(url, rate)
+        time.sleep(RATE_S)
+        got = [os.path.getsize(f) if os.path.exists(f) else 0 for f in files]
+        elapsed = time.monotonic() - t0
+        svc.quit()
+        return [g / elapsed / limit for g in got]
+
+    def ours():
+        one = averages(Service("rate"), [(urls[0], limit)])
+        two = averages(Service("rate2", env={"DLM_SETTINGS": ini}), [(urls[0], 0), (urls[1], limit // 2)])
+        fresh(out)
+        svc = Service("ratecpu").ready()
+        svc.send("download_path %s/\n" % out)
+        time.sleep(0.5)
+        create(urls[0], limit)
+        svc.wait_completed(1, 4 * RATE_S * 4 + 60)
+        cpu, peak = svc.quit()
+        record(rate_one=one[0], rate_two=(two[0] + two[1]) / 2, rate_two_limited=two[1] * 2,
+               rate_cpu_per_mib=cpu * 1000 / (os.path.getsize(files[0]) / MIB))
+
+    def reference():
+        fresh(out)
+        wall, cpu, peak, status = run(["curl", "-s", "--limit-rate", "%dk" % RATE_KIB, "-o", files[0], urls[0]])
+        record(curl_rate_cpu_per_mib=cpu * 1000 / (os.path.getsize(files[0]) / MIB))
+
+    both(first, ours, reference)
+
+
 # ---- report ----
 
 def describe():
@@ -623,6 +677,8 @@ def describe():
         "stored": "start with %s stored" % f"{STORED:,}",
         "big": "%d MiB, one file" % BIG_MIB,
         "bigtmpfs": "%d MiB, one file, written to tmpfs" % BIG_MIB,
+        "rate": "limited on loopback to %d KiB/s (one), %d KiB/s overall (two), over %g s" % (
+            RATE_KIB, 2 * RATE_KIB, RATE_S),
         "onehost": "%d downloads from one host (%d KiB each at %d KiB/s, time-out %d ms, "
                    "max_connections_per_host=%d)" % (
             ONEHOST_COUNT, ONEHOST_KIB, SLOW_RATE_KIB, ONEHOST_TIMEOUT_MS, ONEHOST_COUNT + 1),
@@ -656,6 +712,10 @@ TABLE = [
     ("big", "big", "peak MiB", "big_peak", "curl", "curl_big_peak", ("max", 24)),
     ("bigtmpfs", "bigtmpfs", "wall s", "bigtmpfs_wall", "C client (2 MiB read/write)", "c_bigtmpfs_wall", ("ratio", 1.2)),
     ("bigtmpfs", "bigtmpfs", "CPU s", "bigtmpfs_cpu", "C client (2 MiB read/write)", "c_bigtmpfs_cpu", None),
+    ("rate", "rate", "one: average / its limit", "rate_one", None, None, ("min", 0.9)),
+    ("rate", "rate", "two: average / the overall limit", "rate_two", None, None, ("min", 0.9)),
+    ("rate", "rate", "two: the one limited below its share, average / its limit", "rate_two_limited", None, None, ("min", 0.9)),
+    ("rate", "rate", "CPU ms per MiB at the limit", "rate_cpu_per_mib", "curl --limit-rate", "curl_rate_cpu_per_mib", ("ratio", 1.0)),
     ("onehost", "onehost", "completed", "onehost_done", "curl --parallel", "curl_onehost_done", ("min", ONEHOST_COUNT)),
     ("onehost", "onehost", "wall s", "onehost_wall", "curl --parallel", "curl_onehost_wall", ("ratio", 1.2)),
 ]
@@ -766,7 +826,8 @@ def run_load(row, first, db):
     elif row == "bigtmpfs":
         load_bigtmpfs(first)
     else:
-        {"small": load_small, "slow": load_slow, "many": load_many, "onehost": load_onehost}[row](first)
+        {"small": load_small, "slow": load_slow, "many": load_many, "onehost": load_onehost,
+         "rate": load_rate}[row](first)
 
 
 if __name__ == "__main__":

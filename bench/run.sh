@@ -5,13 +5,14 @@
 #   bench/run.sh [ROUNDS]                  # 3 rounds by default
 #
 # Knobs (environment), with their defaults:
-#   BENCH_ROWS="small slow watch many stored big bigtmpfs onehost"   which loads to run
+#   BENCH_ROWS="small slow watch many stored big bigtmpfs onehost rate"   which loads to run
 #   BIG_MIB=1024 WATCHERS=20                one large file, alone and with `dlctl watch` clients
 #   SMALL_COUNT=1000 SMALL_KIB=64           small files created at once, written to tmpfs
 #   SLOW_COUNT=50 SLOW_KIB=2048 SLOW_RATE_KIB=200 SLOW_CHUNK=4096   steady slow links
 #   MANY_COUNT=200 MANY_MIB=4               many mid-size files at once, written to the disk
 #   STORED=100000                           downloads in the database at start
 #   ONEHOST_COUNT=50 ONEHOST_KIB=1024 ONEHOST_TIMEOUT_MS=3000   downloads from one host
+#   RATE_KIB=200 RATE_S=5                   rate limits held, and CPU at a limit against curl's
 #   SETTLE_S=2                              quiet time before idle memory and wake-ups are read
 #   BENCH_DIR=/var/tmp/dlm-bench BENCH_TMPFS=/dev/shm/dlm-bench   work and tmpfs directories
 #   BENCH_PORT=18080 BENCH_SLOW_PORT=18100  nginx and the first steady link

@@ -59,6 +59,8 @@ void fillRecord(IDownload *record, const Download *download, uint caller)
     record->httpStatus = download->httpStatus;
     record->bytesPerSecond = download->bytesPerSecond();
     record->expectedSha256 = download->content.expectedSha256().toStdString();
+    record->rateLimit = download->rateLimit;
+    record->priority = download->priority;
 }
 
 std::string cut(const std::string &text, size_t max)

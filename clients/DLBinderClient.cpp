@@ -36,11 +36,11 @@ constexpr size_t kListReplyBytes = 960 * 1024;
 constexpr size_t kPageBytes = 256 * 1024;
 constexpr int kPageRecords = 4096;
 
-// Bytes a record takes in a reply: seven texts (count and bytes, padded to 4), eight numbers and
+// Bytes a record takes in a reply: seven texts (count and bytes, padded to 4), ten numbers and
 // the tail's count.
 size_t recordBytes(const IDownload &r)
 {
-    size_t bytes = 4 + 4 + 8 + 8 + 8 + 8 + 4 + 4 + 8;
+    size_t bytes = 4 + 4 + 8 + 8 + 8 + 8 + 4 + 4 + 8 + 8 + 4;
     for (const std::string *text : { &r.clientID, &r.uniqueID, &r.name, &r.contentURL, &r.filePath,
              &r.failureReason, &r.expectedSha256 })
         bytes += 4 + (text->size() + 3) / 4 * 4;
@@ -143,7 +143,10 @@ int32_t DLBinderClient::control(const char *what, const std::string &uniqueID,
 {
     BINDER_LOGD("%s download unique id:%s", what, uniqueID.c_str());
     static_assert(int(DownloadManager::ControlStatus::NotFound) == CONTROL_NOT_FOUND
-        && int(DownloadManager::ControlStatus::WrongState) == CONTROL_WRONG_STATE);
+        && int(DownloadManager::ControlStatus::WrongState) == CONTROL_WRONG_STATE
+        && int(DownloadManager::ControlStatus::BadValue) == CONTROL_BAD_VALUE
+        && RateLimits::kMaxRate == kMaxRate && RateLimits::kMaxPriority == kMaxPriority
+        && RateLimits::kMinPriority == kMinPriority);
     const QString id = textIn(uniqueID);
     const uint uid = callerUid();
     return gate.ask<int32_t>(DEAD_OBJECT, [id, uid, action](DownloadManager *m) {
@@ -171,6 +174,37 @@ int32_t DLBinderClient::requestRemove(const std::string &uniqueID)
     return control("Remove", uniqueID, [](DownloadManager *m, const QString &id, uint uid) {
         return m->removeDownload(id, uid) ? CONTROL_DONE : CONTROL_NOT_FOUND;
     });
+}
+
+int32_t DLBinderClient::setRateLimit(const std::string &uniqueID, int64_t bytesPerSecond)
+{
+    return control(
+        "Rate", uniqueID, [bytesPerSecond](DownloadManager *m, const QString &id, uint uid) {
+            return int(m->setRateLimit(id, bytesPerSecond, uid));
+        });
+}
+
+int32_t DLBinderClient::setPriority(const std::string &uniqueID, int32_t priority)
+{
+    return control(
+        "Priority", uniqueID, [priority](DownloadManager *m, const QString &id, uint uid) {
+            return int(m->setPriority(id, priority, uid));
+        });
+}
+
+int32_t DLBinderClient::setOverallRateLimit(int64_t bytesPerSecond)
+{
+    return control("Rate", "all", [bytesPerSecond](DownloadManager *m, const QString &, uint uid) {
+        return int(m->setRateLimit(QStringLiteral("all"), bytesPerSecond, uid));
+    });
+}
+
+int32_t DLBinderClient::setBackgroundMode(bool on)
+{
+    return control(on ? "Background on" : "Background off", "all",
+        [on](DownloadManager *m, const QString &, uint uid) {
+            return int(m->setBackgroundMode(on, uid));
+        });
 }
 
 int DLBinderClient::getDownload(const std::string &uniqueID, IDownload *download)
@@ -305,6 +339,14 @@ int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID, cons
     const std::string &uniqueID, const std::string &name, int64_t expectedSize,
     const std::string &sha256Hex, std::string *uniqueIDOut)
 {
+    return requestDownloadOrdered(
+        clientID, url, uniqueID, name, expectedSize, sha256Hex, 0, 0, uniqueIDOut);
+}
+
+int32_t DLBinderClient::requestDownloadOrdered(const std::string &clientID, const std::string &url,
+    const std::string &uniqueID, const std::string &name, int64_t expectedSize,
+    const std::string &sha256Hex, int64_t rateLimit, int32_t priority, std::string *uniqueIDOut)
+{
     BINDER_LOGD("Request download client id:%s url:%s unique id:%s name %s", clientID.c_str(),
         url.c_str(), uniqueID.c_str(), name.c_str());
     static_assert(int(DownloadManager::CreateStatus::IdInUse) == REQUEST_ID_IN_USE
@@ -316,16 +358,15 @@ int32_t DLBinderClient::requestDownloadChecked(const std::string &clientID, cons
     if (textOut(CallerView::storedId(id, uid)).size() > kMaxIdBytes)
         return TEXT_TOO_LONG;
     using Answer = std::pair<int32_t, QString>;
-    const Answer answer = gate.ask<Answer>(Answer(DEAD_OBJECT, QString()),
-        [client, address, id, displayName, uid, expectedSize, digest](DownloadManager *m) {
-            // Its own identifiers only: another user's with the same name do not matter.
-            if (uid != 0 && !id.isEmpty() && CallerView::find(m, id, uid))
-                return Answer(REQUEST_ID_IN_USE, QString());
-            QString created;
-            const auto status = m->createDownload(client, address, CallerView::storedId(id, uid),
-                displayName, &created, uid, { expectedSize, digest });
-            return Answer(int32_t(status), CallerView::shownId(created, uid));
-        });
+    const Answer answer = gate.ask<Answer>(Answer(DEAD_OBJECT, QString()), [=](DownloadManager *m) {
+        // Its own identifiers only: another user's with the same name do not matter.
+        if (uid != 0 && !id.isEmpty() && CallerView::find(m, id, uid))
+            return Answer(REQUEST_ID_IN_USE, QString());
+        QString created;
+        const auto status = m->createDownload(client, address, CallerView::storedId(id, uid),
+            displayName, &created, uid, { expectedSize, digest }, { rateLimit, priority });
+        return Answer(int32_t(status), CallerView::shownId(created, uid));
+    });
     *uniqueIDOut = textOut(answer.second); // the dispatch table's text, never null
     return answer.first;
 }

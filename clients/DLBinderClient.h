@@ -49,6 +49,14 @@ public:
     int32_t requestPause(const std::string &uniqueID) override;
     int32_t requestResume(const std::string &uniqueID) override;
     int32_t requestRemove(const std::string &uniqueID) override;
+    int32_t setRateLimit(const std::string &uniqueID, int64_t bytesPerSecond) override;
+    int32_t setPriority(const std::string &uniqueID, int32_t priority) override;
+    int32_t setOverallRateLimit(int64_t bytesPerSecond) override;
+    int32_t setBackgroundMode(bool on) override;
+    int32_t requestDownloadOrdered(const std::string &clientID, const std::string &url,
+        const std::string &uniqueID, const std::string &name, int64_t expectedSize,
+        const std::string &sha256Hex, int64_t rateLimit, int32_t priority,
+        std::string *uniqueIDOut) override;
 
     // Starts the pool and publishes the service; false when the name could not be registered.
     bool init();

@@ -8,6 +8,7 @@
 #include <QSocketNotifier>
 
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -164,7 +165,9 @@ void DLConsoleReaderClient::HandleText(const QString &line)
     const int lastBlank = line.lastIndexOf(QLatin1Char(' '));
     const QString argument = lastBlank < 0 ? QString() : line.mid(lastBlank + 1).trimmed();
 
-    if (command == QLatin1String("create")) {
+    if (order(line.split(QLatin1Char(' '), Qt::SkipEmptyParts))) {
+        return;
+    } else if (command == QLatin1String("create")) {
         manager->createDownload(kShellClientID, argument, QString(), QString());
     } else if (command == QLatin1String("remove")) {
         if (argument == QLatin1String("all")) // every download of every client
@@ -193,6 +196,40 @@ void DLConsoleReaderClient::HandleText(const QString &line)
     } else {
         ConsoleLine().text("invalid format: ").value(line);
     }
+}
+
+bool DLConsoleReaderClient::order(const QStringList &words)
+{
+    const QString what = words.value(0);
+    const bool background = what == QLatin1String("background");
+    if (!background && what != QLatin1String("rate") && what != QLatin1String("priority"))
+        return false;
+    bool numeric = background;
+    const qint64 value = background ? 0 : words.value(2).toLongLong(&numeric, 10);
+    const bool on = words.value(1) == QLatin1String("on");
+    if (words.size() != (background ? 2 : 3) || !numeric
+        || (background && !on && words.value(1) != QLatin1String("off"))) {
+        ConsoleLine().text("invalid format: ").value(words.join(QLatin1Char(' ')));
+        return true;
+    }
+    using Status = DownloadManager::ControlStatus;
+    const Status status = background ? manager->setBackgroundMode(on)
+        : what == QLatin1String("rate")
+        ? manager->setRateLimit(words[1], value)
+        : manager->setPriority(words[1], int(qBound(qint64(INT_MIN), value, qint64(INT_MAX))));
+    if (status == Status::NotFound)
+        ConsoleLine().text("No download found:").value(words[1]);
+    else if (status == Status::BadValue)
+        ConsoleLine()
+            .text(what == QLatin1String("rate") ? "Rate refused: 0 to 10000000000 bytes/s:"
+                                                : "Priority refused: -100 to 100:")
+            .number(value);
+    else
+        ConsoleLine()
+            .text(qPrintable(what))
+            .value(words.mid(1).join(QLatin1Char(' ')))
+            .text("done.");
+    return true;
 }
 
 void DLConsoleReaderClient::setPath(const QString &argument)
@@ -228,6 +265,9 @@ void DLConsoleReaderClient::help()
     qDebug("list clientID: display download status with id");
     qDebug("download_possible size:");
     qDebug("download_path path:");
+    qDebug("rate id|all bytes_per_second: limit a download or all together (0: none)");
+    qDebug("priority id n: order among waiting downloads, -100 to 100, higher first");
+    qDebug("background on|off: the background rate limit in place of the overall one");
     qDebug("Enter your command:");
 }
 

@@ -33,6 +33,8 @@ private:
     bool handleLine(const QByteArray &rawLine);
     void stopListening();
     void setPath(const QString &path);
+    // "rate ID|all BPS", "priority ID N", "background on|off"; false for another command.
+    bool order(const QStringList &words);
 
     DownloadManager *manager;
 

@@ -9,6 +9,7 @@
 #include "DownloadRules.h"
 #include "NetworkWatch.h"
 #include "OwnedFile.h"
+#include "RateGovernor.h"
 #include "RequestQueue.h"
 
 #include <QCoreApplication>
@@ -35,10 +36,12 @@ DownloadManager::DownloadManager(const FrontEndFactory &frontEnds)
 DownloadManager::DownloadManager(const QString &settingsPath, const FrontEndFactory &frontEnds)
     : QObject(nullptr),
       engine(nullptr),
+      governor(new RateGovernor(this)),
       database(nullptr),
       settings(settingsPath),
       maxRetries(settings.count(QStringLiteral("max_retries"), RetrySchedule::kDefaultMaxRetries)),
-      access(settings.count(QStringLiteral("max_downloads_per_user"), kDefaultMaxDownloadsPerUser))
+      access(settings.count(QStringLiteral("max_downloads_per_user"), kDefaultMaxDownloadsPerUser)),
+      rates(settings, governor)
 {
     idleTimer.setSingleShot(true);
     idleTimer.setInterval(500);
@@ -110,7 +113,7 @@ void DownloadManager::quit()
 
 DownloadManager::CreateStatus DownloadManager::createDownload(const QString &clientID,
     const QString &url, const QString &uniqueID, const QString &name, QString *createdID,
-    uint ownerUid, const ExpectedContent &expected)
+    uint ownerUid, const ExpectedContent &expected, const RateAndPriority &order)
 {
     if (!rules::isHttpUrl(url)) {
         DLM_LOGW("Download refused: not an http or https URL. URL=%s", qUtf8Printable(url));
@@ -118,6 +121,11 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     }
     if (const QString why = ContentCheck::refusal(expected.size, expected.sha256); !why.isEmpty()) {
         DLM_LOGW("Download refused: %s. URL=%s", qUtf8Printable(why), qUtf8Printable(url));
+        return CreateStatus::BadArgument;
+    }
+    if (!RateLimits::validRate(order.rateLimit) || !RateLimits::validPriority(order.priority)) {
+        DLM_LOGW("Download refused: rate %lld or priority %d out of bounds. URL=%s",
+            order.rateLimit, order.priority, qUtf8Printable(url));
         return CreateStatus::BadArgument;
     }
     if (const int owned = access.capReached(ownerUid, downloads); owned >= 0) {
@@ -147,6 +155,9 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     download->ownerUid = ownerUid;
     download->privateFile = !directories.isChosen(ownerUid, clientID, filePath);
     download->content = ContentCheck(expected.size, expected.sha256.toLatin1());
+    download->governor = governor;
+    download->rateLimit = order.rateLimit;
+    download->priority = order.priority;
     download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s", qUtf8Printable(download->uniqueID),
         qUtf8Printable(download->contentURL));
@@ -172,6 +183,9 @@ void DownloadManager::restoreDownload(const StoredRecord &r)
     download->validator = r.validator;
     download->failureReason = r.failureReason;
     download->httpStatus = r.httpStatus;
+    download->governor = governor;
+    download->rateLimit = r.rateLimit;
+    download->priority = r.priority;
     download->privateFile = !directories.isChosen(r.ownerUid, r.clientID, canonical);
     directories.reserve(canonical);
     downloads.append(download);
@@ -295,6 +309,51 @@ void DownloadManager::restartDownload(const QString &uniqueID)
             DLM_LOGI("%s has been restarted.", qUtf8Printable(uniqueID));
         }
     }
+}
+
+DownloadManager::ControlStatus DownloadManager::setRateLimit(
+    const QString &uniqueID, qint64 bytesPerSecond, uint callerUid)
+{
+    Download *download = uniqueID == kAll ? nullptr : getDownload(uniqueID, callerUid);
+    if (uniqueID == kAll && callerUid != 0)
+        return ControlStatus::NotPermitted;
+    if (uniqueID != kAll && !download)
+        return ControlStatus::NotFound;
+    if (!RateLimits::validRate(bytesPerSecond))
+        return ControlStatus::BadValue;
+    DLM_LOGI("%s limited to %lld bytes/s.", qUtf8Printable(uniqueID), bytesPerSecond);
+    if (!download) {
+        rates.setOverall(bytesPerSecond);
+        return ControlStatus::Done;
+    }
+    download->rateLimit = bytesPerSecond;
+    governor->setOwnLimit(download, bytesPerSecond);
+    updateDownload(download);
+    return ControlStatus::Done;
+}
+
+DownloadManager::ControlStatus DownloadManager::setPriority(
+    const QString &uniqueID, int priority, uint callerUid)
+{
+    Download *download = getDownload(uniqueID, callerUid);
+    if (!download)
+        return ControlStatus::NotFound;
+    if (!RateLimits::validPriority(priority))
+        return ControlStatus::BadValue;
+    DLM_LOGI("%s has priority %d.", qUtf8Printable(uniqueID), priority);
+    download->priority = priority;
+    RequestQueue::instance().setPriority(download, priority);
+    updateDownload(download);
+    return ControlStatus::Done;
+}
+
+DownloadManager::ControlStatus DownloadManager::setBackgroundMode(bool on, uint callerUid)
+{
+    if (callerUid != 0)
+        return ControlStatus::NotPermitted;
+    DLM_LOGI("Background mode %s.", on ? "on" : "off");
+    rates.setBackground(on);
+    return ControlStatus::Done;
 }
 
 void DownloadManager::updateDownload(Download *download)
@@ -430,5 +489,5 @@ StoredRecord DownloadManager::storedRecord(DownloadDataBase::RowKey row)
     return { d->uniqueID, d->clientID, d->name, d->contentURL, d->filePath, d->state,
         d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid,
         d->fileIdentity, d->content.expectedSize(), d->content.expectedSha256(), d->validator,
-        d->failureReason, d->httpStatus };
+        d->failureReason, d->httpStatus, d->rateLimit, d->priority };
 }

@@ -4,6 +4,7 @@
 #include "DatabaseHome.h"
 #include "DownloadDirectories.h"
 #include "FrontEnd.h"
+#include "RateLimits.h"
 #include "ServiceSettings.h"
 
 #include <QHash>
@@ -17,6 +18,7 @@
 class Download;
 class CurlEngine;
 class NetworkWatch;
+class RateGovernor;
 
 // The centre of the service. Owns the downloads, the client front ends, the database, the
 // download directories and the one network access manager all transfers share. Lives on the
@@ -31,6 +33,12 @@ class NetworkWatch;
 struct ExpectedContent {
     qint64 size = -1;
     QString sha256;
+};
+// A download's own rate limit (bytes per second, 0: none) and its priority among the waiting
+// (higher first); both within RateLimits' bounds.
+struct RateAndPriority {
+    qint64 rateLimit = 0;
+    int priority = 0;
 };
 
 class DownloadManager : public QObject {
@@ -54,7 +62,13 @@ public:
     // Answers of setDownloadPath; the values are those the IPC interface sends.
     using PathStatus = DownloadDirectories::PathStatus;
     // Answers of pause, resume and remove; the values are those the IPC interface sends.
-    enum class ControlStatus { Done = 0, NotFound = 1, NotPermitted = 2, WrongState = 3 };
+    enum class ControlStatus {
+        Done = 0,
+        NotFound = 1,
+        NotPermitted = 2,
+        WrongState = 3,
+        BadValue = 4
+    };
 
     // Registers one more front end after construction; the manager owns it from then on.
     void addClient(FrontEnd *client);
@@ -67,10 +81,11 @@ public:
     // given one that is in use, in memory or stored, is refused) and a file path that no live
     // download holds and no file has; *createdID receives the identifier. It belongs to
     // ownerUid; a uid other than 0 that already has "max_downloads_per_user" is refused, and so
-    // is an expectation ContentCheck::refusal() rejects (BadArgument).
+    // is an expectation ContentCheck::refusal() rejects, or a rate or priority out of bounds
+    // (BadArgument).
     CreateStatus createDownload(const QString &clientID, const QString &url,
         const QString &uniqueID, const QString &name, QString *createdID = nullptr,
-        uint ownerUid = 0, const ExpectedContent &expected = {});
+        uint ownerUid = 0, const ExpectedContent &expected = {}, const RateAndPriority &order = {});
     // A stored record comes back as it was, unless its URL is not http(s) or its path not one
     // these rules give: that one is logged and stays Failed, never launched nor resumed.
     void restoreDownload(const StoredRecord &record);
@@ -96,6 +111,13 @@ public:
     ControlStatus pauseDownload(const QString &uniqueID, uint callerUid = 0);
     ControlStatus resumeDownload(const QString &uniqueID, uint callerUid = 0);
     void restartDownload(const QString &uniqueID);
+    // Rates and order: a download's own limit and priority as pause does ("all" is not one),
+    // and with "all" the overall limit, which only root sets, as it switches the background
+    // mode (NotPermitted). A value out of RateLimits' bounds is BadValue. Nothing changes
+    // unless Done.
+    ControlStatus setRateLimit(const QString &uniqueID, qint64 bytesPerSecond, uint callerUid = 0);
+    ControlStatus setPriority(const QString &uniqueID, int priority, uint callerUid = 0);
+    ControlStatus setBackgroundMode(bool on, uint callerUid = 0);
     // The change hub: stores the record (a change of state at once, progress with the other
     // changed rows at the next turn of the event loop), then announces it to every client in
     // list order.
@@ -130,6 +152,7 @@ private:
     CurlEngine *engine;
     // The kernel's routes; a download that lost its route waits for a change here.
     std::unique_ptr<NetworkWatch> network;
+    RateGovernor *governor;
     QList<Download *> downloads;
     QList<FrontEnd *> clients;
     DatabaseHome databaseHome; // holds the database directory while the database is open
@@ -140,6 +163,7 @@ private:
     int maxRetries;
     // Setting "max_downloads_per_user": downloads one uid other than 0 may have at a time.
     AccessPolicy access;
+    RateLimits rates;
     // Runs releaseIdleMemory() a moment after the last download stopped.
     QTimer idleTimer;
     bool refused = false;

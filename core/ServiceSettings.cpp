@@ -46,3 +46,10 @@ int ServiceSettings::count(const QString &key, int defaultValue) const
     const int value = text(key, QString::number(defaultValue)).toInt(&numeric, 10);
     return (numeric && value >= 0) ? value : defaultValue;
 }
+
+qint64 ServiceSettings::amount(const QString &key, qint64 defaultValue) const
+{
+    bool numeric = false;
+    const qint64 value = text(key, QString::number(defaultValue)).toLongLong(&numeric, 10);
+    return (numeric && value >= 0) ? value : defaultValue;
+}

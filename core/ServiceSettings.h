@@ -20,6 +20,8 @@ public:
     QString text(const QString &key, const QString &defaultValue) const;
     // A non-negative whole number, else defaultValue.
     int count(const QString &key, int defaultValue) const;
+    // A non-negative whole number of 64 bits (a byte count or rate), else defaultValue.
+    qint64 amount(const QString &key, qint64 defaultValue) const;
 
 private:
     std::unique_ptr<QSettings> settings; // null when not trusted

@@ -102,6 +102,26 @@ int32_t DownloadClient::remove(const std::string &uniqueID)
     return d->service ? d->service->requestRemove(uniqueID) : int32_t(DEAD_OBJECT);
 }
 
+int32_t DownloadClient::setRateLimit(const std::string &uniqueID, int64_t bytesPerSecond)
+{
+    return d->service ? d->service->setRateLimit(uniqueID, bytesPerSecond) : int32_t(DEAD_OBJECT);
+}
+
+int32_t DownloadClient::setPriority(const std::string &uniqueID, int32_t priority)
+{
+    return d->service ? d->service->setPriority(uniqueID, priority) : int32_t(DEAD_OBJECT);
+}
+
+int32_t DownloadClient::setOverallRateLimit(int64_t bytesPerSecond)
+{
+    return d->service ? d->service->setOverallRateLimit(bytesPerSecond) : int32_t(DEAD_OBJECT);
+}
+
+int32_t DownloadClient::setBackgroundMode(bool on)
+{
+    return d->service ? d->service->setBackgroundMode(on) : int32_t(DEAD_OBJECT);
+}
+
 int32_t DownloadClient::setDownloadPath(const std::string &directory)
 {
     return d->service ? d->service->setDownloadPath(d->clientID, directory) : int32_t(DEAD_OBJECT);

@@ -48,6 +48,13 @@ public:
     int32_t pause(const std::string &uniqueID);
     int32_t resume(const std::string &uniqueID);
     int32_t remove(const std::string &uniqueID);
+    // ControlStatus answers: a download's own rate limit in bytes per second (0: none) and its
+    // priority among the waiting (-100..100, higher first). The overall limit and the
+    // background mode (its limit in place of the overall one) are root's to set.
+    int32_t setRateLimit(const std::string &uniqueID, int64_t bytesPerSecond);
+    int32_t setPriority(const std::string &uniqueID, int32_t priority);
+    int32_t setOverallRateLimit(int64_t bytesPerSecond);
+    int32_t setBackgroundMode(bool on);
     // A DownloadPathStatus: the directory of this client's next downloads.
     int32_t setDownloadPath(const std::string &directory);
     // Calls callback with every change of every download the caller may see (not only this

@@ -134,6 +134,19 @@ public:
         return answeredCreate(REQUEST_DOWNLOAD_CHECKED, data, uniqueIDOut);
     }
 
+    int32_t requestDownloadOrdered(const std::string &clientID, const std::string &url,
+        const std::string &uniqueID, const std::string &name, int64_t expectedSize,
+        const std::string &sha256Hex, int64_t rateLimit, int32_t priority,
+        std::string *uniqueIDOut) override
+    {
+        Parcel data = createRequest(clientID, url, uniqueID, name);
+        data.writeInt64(expectedSize);
+        writeText(&data, sha256Hex);
+        data.writeInt64(rateLimit);
+        data.writeInt32(priority);
+        return answeredCreate(REQUEST_DOWNLOAD_ORDERED, data, uniqueIDOut);
+    }
+
     static Parcel createRequest(const std::string &clientID, const std::string &url,
         const std::string &uniqueID, const std::string &name)
     {
@@ -185,6 +198,33 @@ public:
         return control(REQUEST_REMOVE, uniqueID);
     }
 
+    int32_t setRateLimit(const std::string &uniqueID, int64_t bytesPerSecond) override
+    {
+        Parcel data = request();
+        writeText(&data, uniqueID);
+        data.writeInt64(bytesPerSecond);
+        return answered(SET_RATE_LIMIT, data);
+    }
+    int32_t setPriority(const std::string &uniqueID, int32_t priority) override
+    {
+        Parcel data = request();
+        writeText(&data, uniqueID);
+        data.writeInt32(priority);
+        return answered(SET_PRIORITY, data);
+    }
+    int32_t setOverallRateLimit(int64_t bytesPerSecond) override
+    {
+        Parcel data = request();
+        data.writeInt64(bytesPerSecond);
+        return answered(SET_OVERALL_RATE_LIMIT, data);
+    }
+    int32_t setBackgroundMode(bool on) override
+    {
+        Parcel data = request();
+        data.writeInt32(on ? 1 : 0);
+        return answered(SET_BACKGROUND_MODE, data);
+    }
+
 private:
     static Parcel request()
     {
@@ -201,6 +241,10 @@ private:
     {
         Parcel data = request();
         writeText(&data, uniqueID);
+        return answered(code, data);
+    }
+    int32_t answered(uint32_t code, const Parcel &data)
+    {
         Parcel reply;
         status_t err = remote()->transact(code, data, &reply);
         int32_t result = 0;
@@ -349,13 +393,19 @@ status_t onRequest(IDLService &s, uint32_t code, const Parcel &data, Parcel *rep
             { &name, IDLService::kMaxNameBytes } });
     if (err)
         return err;
-    int64_t size = -1;
-    if (code == IDLService::REQUEST_DOWNLOAD_CHECKED
+    int64_t size = -1, rate = 0;
+    int32_t priority = 0;
+    if (code != IDLService::REQUEST_DOWNLOAD
         && ((err = data.readInt64(&size)) || (err = readTexts(data, { { &digest, kId } }))))
         return err == IDLService::TEXT_TOO_LONG ? err : status_t(BAD_VALUE);
+    if (code == IDLService::REQUEST_DOWNLOAD_ORDERED
+        && (data.readInt64(&rate) || data.readInt32(&priority)))
+        return BAD_VALUE;
     const int32_t status = code == IDLService::REQUEST_DOWNLOAD
         ? s.requestDownload(client, url, id, name, &created)
-        : s.requestDownloadChecked(client, url, id, name, size, digest, &created);
+        : code == IDLService::REQUEST_DOWNLOAD_CHECKED
+        ? s.requestDownloadChecked(client, url, id, name, size, digest, &created)
+        : s.requestDownloadOrdered(client, url, id, name, size, digest, rate, priority, &created);
     if (status == IDLService::TEXT_TOO_LONG)
         return status;
     reply->writeInt32(status);
@@ -386,17 +436,38 @@ status_t onAnsweredControl(IDLService &s, uint32_t code, const Parcel &data, Par
     return NO_ERROR;
 }
 
+// A download's limit or priority, the overall limit or the background mode: one number each.
+status_t onRates(IDLService &s, uint32_t code, const Parcel &data, Parcel *reply)
+{
+    std::string id;
+    int64_t rate = 0;
+    int32_t number = 0;
+    const bool named = code == IDLService::SET_RATE_LIMIT || code == IDLService::SET_PRIORITY;
+    if (status_t err = named ? readTexts(data, { { &id, kId } }) : NO_ERROR)
+        return err;
+    const bool wide
+        = code == IDLService::SET_RATE_LIMIT || code == IDLService::SET_OVERALL_RATE_LIMIT;
+    if (wide ? data.readInt64(&rate) : data.readInt32(&number))
+        return BAD_VALUE;
+    reply->writeInt32(code == IDLService::SET_RATE_LIMIT ? s.setRateLimit(id, rate)
+            : code == IDLService::SET_PRIORITY           ? s.setPriority(id, number)
+            : code == IDLService::SET_OVERALL_RATE_LIMIT ? s.setOverallRateLimit(rate)
+                                                         : s.setBackgroundMode(number != 0));
+    return NO_ERROR;
+}
+
 // Indexed by code - CREATE_DOWNLOAD, in the order of the codes.
 constexpr Handler kHandlers[] = { onCreate, onEventClient, onEventClient, onOneWayControl,
     onOneWayControl, onOneWayControl, onList, onGet, onSpace, onSetPath, onRequest, onPage,
-    onAnsweredControl, onAnsweredControl, onAnsweredControl, onRequest };
+    onAnsweredControl, onAnsweredControl, onAnsweredControl, onRequest, onRates, onRates, onRates,
+    onRates, onRequest };
 static_assert(
-    std::size(kHandlers) == IDLService::REQUEST_DOWNLOAD_CHECKED - IDLService::CREATE_DOWNLOAD + 1);
+    std::size(kHandlers) == IDLService::REQUEST_DOWNLOAD_ORDERED - IDLService::CREATE_DOWNLOAD + 1);
 } // namespace
 
 status_t BnDLService::onTransact(uint32_t code, const Parcel &data, Parcel *reply, uint32_t flags)
 {
-    if (code < CREATE_DOWNLOAD || code > REQUEST_DOWNLOAD_CHECKED)
+    if (code < CREATE_DOWNLOAD || code > REQUEST_DOWNLOAD_ORDERED)
         return BBinder::onTransact(code, data, reply, flags);
     if (!data.enforceInterface(IDLService::descriptor))
         return PERMISSION_DENIED;

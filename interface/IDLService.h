@@ -37,6 +37,11 @@ public:
         REQUEST_RESUME,
         REQUEST_REMOVE,
         REQUEST_DOWNLOAD_CHECKED,
+        SET_RATE_LIMIT,
+        SET_PRIORITY,
+        SET_OVERALL_RATE_LIMIT,
+        SET_BACKGROUND_MODE,
+        REQUEST_DOWNLOAD_ORDERED,
     };
 
     // Longest text each argument may carry, in bytes. A longer one is refused before anything is
@@ -47,6 +52,9 @@ public:
     static constexpr size_t kMaxPathBytes = 4096;
     static constexpr size_t kMaxNameBytes = 1024;
     static constexpr android::status_t TEXT_TOO_LONG = -ENAMETOOLONG;
+    // Bounds of rates (bytes per second, 0: none) and priorities (higher first, 0 by default).
+    static constexpr int64_t kMaxRate = 10'000'000'000;
+    static constexpr int32_t kMinPriority = -100, kMaxPriority = 100;
 
     // Status of requestDownload; negative values mean the call did not reach the service.
     enum DownloadRequestStatus : int32_t {
@@ -69,14 +77,16 @@ public:
     enum DownloadLookup : int { DOWNLOAD_NOT_FOUND = 0, DOWNLOAD_FOUND = 1 };
     // Answers of checkSpaceAvailability.
     enum SpaceAnswer : int { SPACE_FITS = 0, SPACE_DOES_NOT_FIT = 1, SPACE_UNKNOWN = 2 };
-    // Answers of requestPause, requestResume and requestRemove; negative values mean the call
-    // did not reach the service.
+    // Answers of requestPause, requestResume, requestRemove and the rate and order calls;
+    // negative values mean the call did not reach the service.
     enum ControlStatus : int32_t {
         CONTROL_DONE = 0,
         CONTROL_NOT_FOUND = 1,     // no download of the caller's has that identifier
-        CONTROL_NOT_PERMITTED = 2, // its stored record is unusable: it is never run again
+        CONTROL_NOT_PERMITTED = 2, // its stored record is unusable: it is never run again;
+                                   // overall limit and background mode: the caller is not root
         CONTROL_WRONG_STATE = 3,   // pause: not Pending, Progressing or Stalled;
                                    // resume: not Paused or Failed
+        CONTROL_BAD_VALUE = 4,     // a rate or priority out of bounds: nothing changed
     };
 
     virtual void createDownload(const std::string &clientID, const std::string &url,
@@ -122,6 +132,21 @@ public:
     virtual int32_t requestPause(const std::string &uniqueID) = 0;
     virtual int32_t requestResume(const std::string &uniqueID) = 0;
     virtual int32_t requestRemove(const std::string &uniqueID) = 0;
+    // Rates and order, ControlStatus answers. A download's own limit ("all": the overall one)
+    // and its priority, changed on a running download too (within a second); a caller other
+    // than root changes its own downloads only. The overall limit and the background mode (its
+    // own limit replaces the overall one while on; off at every start) are root's.
+    virtual int32_t setRateLimit(const std::string &uniqueID, int64_t bytesPerSecond) = 0;
+    virtual int32_t setPriority(const std::string &uniqueID, int32_t priority) = 0;
+    virtual int32_t setOverallRateLimit(int64_t bytesPerSecond) = 0;
+    virtual int32_t setBackgroundMode(bool on) = 0;
+    // requestDownloadChecked with the download's own rate limit and priority from the start; one
+    // out of bounds is REQUEST_BAD_ARGUMENT and nothing is made.
+    virtual int32_t requestDownloadOrdered(const std::string &clientID, const std::string &url,
+                                           const std::string &uniqueID, const std::string &name,
+                                           int64_t expectedSize, const std::string &sha256Hex,
+                                           int64_t rateLimit, int32_t priority,
+                                           std::string *uniqueIDOut) = 0;
 
     // Every record getDownloadList names, by value, read page by page (so lists of any length);
     // the number of records, or negative when a call did not reach the service.

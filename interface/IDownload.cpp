@@ -37,7 +37,9 @@ IDownload::IDownload()
       startTime(0),
       nextAttemptTime(0),
       httpStatus(0),
-      bytesPerSecond(0)
+      bytesPerSecond(0),
+      rateLimit(0),
+      priority(0)
 {
 }
 
@@ -126,7 +128,9 @@ status_t IDownload::writeTail(Parcel *parcel) const
     if (err != NO_ERROR || (err = writeText(parcel, failureReason)) != NO_ERROR
         || (err = parcel->writeInt32(httpStatus)) != NO_ERROR
         || (err = parcel->writeInt64(bytesPerSecond)) != NO_ERROR
-        || (err = writeText(parcel, expectedSha256)) != NO_ERROR)
+        || (err = writeText(parcel, expectedSha256)) != NO_ERROR
+        || (err = parcel->writeInt64(rateLimit)) != NO_ERROR
+        || (err = parcel->writeInt32(priority)) != NO_ERROR)
         return err;
     const size_t end = parcel->dataPosition();
     parcel->setDataPosition(countAt);
@@ -141,6 +145,8 @@ status_t IDownload::readTail(const Parcel &parcel)
     httpStatus = 0;
     bytesPerSecond = 0;
     expectedSha256.clear();
+    rateLimit = 0;
+    priority = 0;
     if (parcel.dataAvail() == 0)
         return NO_ERROR; // written before the tail existed
     int32_t size = 0;
@@ -156,6 +162,11 @@ status_t IDownload::readTail(const Parcel &parcel)
             || (err = parcel.readInt32(&httpStatus)) != NO_ERROR
             || (err = parcel.readInt64(&bytesPerSecond)) != NO_ERROR
             || (err = readText(parcel, &expectedSha256, size_t(size))) != NO_ERROR))
+        return err;
+    // A tail that ends here came from a service without rates.
+    if (parcel.dataPosition() < end
+        && ((err = parcel.readInt64(&rateLimit)) != NO_ERROR
+            || (err = parcel.readInt32(&priority)) != NO_ERROR))
         return err;
     if (parcel.dataPosition() > end)
         return BAD_VALUE;

@@ -20,8 +20,10 @@ const QString kUpsert = QStringLiteral(
     "amountDownloaded = excluded.amountDownloaded");
 const QString kExtra = QStringLiteral(
     "INSERT OR REPLACE INTO download_extra (uniqueID, fileDevice, fileInode, validator, "
-    "expectedSize, expectedSha256, failureReason, httpStatus) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
-constexpr int kSchemaVersion = 3;
+    "expectedSize, expectedSha256, failureReason, httpStatus, rateLimit, priority) VALUES (?, ?, "
+    "?, "
+    "?, ?, ?, ?, ?, ?, ?)");
+constexpr int kSchemaVersion = 4;
 const QString kExists = QStringLiteral("SELECT 1 FROM downloads WHERE uniqueID = ?");
 
 } // namespace
@@ -132,6 +134,11 @@ bool DownloadDataBase::migrate()
                 "validator, expectedSize, expectedSha256) SELECT uniqueID, fileDevice, "
                 "fileInode, validator, expectedSize, expectedSha256 FROM download_extra_2"),
             QStringLiteral("DROP TABLE download_extra_2") },
+        // 4: the download's own rate limit and its priority.
+        { QStringLiteral(
+              "ALTER TABLE download_extra ADD COLUMN rateLimit INTEGER NOT NULL DEFAULT 0"),
+            QStringLiteral(
+                "ALTER TABLE download_extra ADD COLUMN priority INTEGER NOT NULL DEFAULT 0") },
     };
     for (int next = version + 1; next <= kSchemaVersion; ++next) {
         bool done = db.transaction();
@@ -304,11 +311,12 @@ bool DownloadDataBase::write(RowKey row)
     // also when it expects a content.
     const FileIdentity &file = r.fileIdentity;
     const bool expects = r.expectedSize >= 0 || !r.expectedSha256.isEmpty();
+    const QPair<qint64, int> tuning(r.rateLimit, r.priority);
     const auto identity = writtenIdentity.constFind(row);
     if ((identity == writtenIdentity.constEnd() ? file.unrecorded && !expects
                                                 : identity.value() == file)
-        && writtenValidator.value(row) == r.validator
-        && writtenReason.value(row) == r.failureReason)
+        && writtenValidator.value(row) == r.validator && writtenReason.value(row) == r.failureReason
+        && writtenTuning.value(row) == tuning)
         return true;
     const QVariant none(QMetaType::fromType<qulonglong>());
     const QVariant digest
@@ -316,7 +324,7 @@ bool DownloadDataBase::write(RowKey row)
     if (!exec(extra, kExtra,
             { r.uniqueID, file.unrecorded ? none : QVariant(file.device),
                 file.unrecorded ? none : QVariant(file.inode), r.validator, r.expectedSize, digest,
-                r.failureReason, r.httpStatus }))
+                r.failureReason, r.httpStatus, r.rateLimit, r.priority }))
         return false;
     writtenIdentity.insert(row, file);
     // Kept only for the downloads that have one: most never do.
@@ -324,6 +332,8 @@ bool DownloadDataBase::write(RowKey row)
         writtenValidator.insert(row, r.validator);
     if (!r.failureReason.isEmpty())
         writtenReason.insert(row, r.failureReason);
+    if (tuning != QPair<qint64, int>() || writtenTuning.contains(row))
+        writtenTuning.insert(row, tuning);
     return true;
 }
 
@@ -334,6 +344,7 @@ void DownloadDataBase::forget(RowKey row)
     writtenIdentity.remove(row);
     writtenValidator.remove(row);
     writtenReason.remove(row);
+    writtenTuning.remove(row);
 }
 
 bool DownloadDataBase::deleteEntry(RowKey row, const QString &uniqueID)
@@ -354,10 +365,12 @@ void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord
     QSqlQuery query;
     query.setForwardOnly(true);
     if (!run(query,
-            QStringLiteral("SELECT uniqueID, clientID, name, contentURL, filePath, state, "
-                           "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
-                           "fileDevice, fileInode, fileInode IS NULL, COALESCE(expectedSize, -1), "
-                           "expectedSha256, validator, failureReason, httpStatus FROM ")
+            QStringLiteral(
+                "SELECT uniqueID, clientID, name, contentURL, filePath, state, "
+                "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
+                "fileDevice, fileInode, fileInode IS NULL, COALESCE(expectedSize, -1), "
+                "expectedSha256, validator, failureReason, httpStatus, COALESCE(rateLimit, 0), "
+                "COALESCE(priority, 0) FROM ")
                 + kTable + QStringLiteral(" LEFT JOIN download_extra USING (uniqueID)"),
             {}))
         return;
@@ -385,6 +398,8 @@ void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord
         r.validator = query.value(16).toByteArray();
         r.failureReason = query.value(17).toString();
         r.httpStatus = query.value(18).toInt();
+        r.rateLimit = query.value(19).toLongLong();
+        r.priority = query.value(20).toInt();
         restore(r);
     }
 }

@@ -17,10 +17,10 @@
 // place to older files, their rows read as root's), and the "download_paths" table, one
 // directory per (owner uid, client id), and the "download_extra" table, the per-download values
 // "downloads" has no column for (the identity of the file it created, the resource's validator,
-// the size and SHA-256 its creator expects, the last failure's reason and HTTP status), on Qt's
-// default
-// connection; PRAGMA user_version counts the schema's migrations. Main thread only. Every
-// failure is a false result (and one ERROR line in the platform log).
+// the size and SHA-256 its creator expects, the last failure's reason and HTTP status, its rate
+// limit and priority), on Qt's default connection; PRAGMA user_version counts the schema's
+// migrations. Main thread only. Every failure is a false result (and one ERROR line in the platform
+// log).
 //
 // Reports are written behind: store() marks a row changed and every changed row is written in
 // one transaction at the next turn of the event loop, so a burst of reports costs one commit.
@@ -93,6 +93,7 @@ private:
     QHash<RowKey, FileIdentity> writtenIdentity;
     QHash<RowKey, QByteArray> writtenValidator; // only of downloads that had one
     QHash<RowKey, QString> writtenReason; // only those with a reason
+    QHash<RowKey, QPair<qint64, int>> writtenTuning; // only those with a limit or priority
 
     QSqlQuery extra;
     QTimer flushTimer;

@@ -24,4 +24,6 @@ struct StoredRecord {
     QByteArray validator;
     QString failureReason;
     int httpStatus = 0;
+    qint64 rateLimit = 0; // bytes per second; 0: none
+    int priority = 0;
 };

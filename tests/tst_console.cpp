@@ -87,6 +87,9 @@ private slots:
             .expected = {"Path @R/none refused: no such directory.", "Path  refused: not an absolute path.", "Path rel refused: not an absolute path.", "Path ~/dl set.", "Path ~dl refused: not an absolute path."}});
         row("space", {.input = "download_path @R\n" + dp + "100\n" + dp + "9223372036854775807\n" + huge
             + "\n" + dp + "-1\n" + dp + "@A|" + dp + "1", .expected = {"Path @R set.", res + "0.", res + "1.", invalid(huge), invalid(dp + "-1"), res + "1.", res + "2."}});
+        row("rates and order refused, nothing changed", {.input = "rate nosuch 100\nrate all -1\npriority nosuch 1\nrate all 10000000001\nbackground maybe\nrate all\nbackground on",
+            .expected = {"No download found: \"nosuch\" ", "Rate refused: 0 to 10000000000 bytes/s: -1 ", "No download found: \"nosuch\" ", "Rate refused: 0 to 10000000000 bytes/s: 10000000001 ",
+                invalid("background maybe"), invalid("rate all"), "background \"on\" done. "}});
         // The first change line names the file; the download is removed before it hears anything.
         const QByteArray url = "\ncreate http://127.0.0.1:" + QByteArray::number(sink.serverPort());
         const auto name = [&](const char *tag, auto path, QString file, QStringList taken = {}) {

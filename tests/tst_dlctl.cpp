@@ -187,6 +187,17 @@ void tst_Dlctl::requests_data()
     row("another's download not paused", {.user = "dlmtest-b", .args = "pause A:theirs", .code = 1, .said = "no download A:theirs"});
     row("another's download not removed", {.user = "dlmtest-b", .args = "remove A:theirs", .code = 1, .said = "no download A:theirs"});
     row("why a 404 failed, in the record", {.user = "dlmtest-b", .before = {"create URL/no --client app --id b --wait"}, .args = "status b --json", .json = R"({"id": "b", "state": "Failed", "failureCode": 2, "httpStatus": 404, "failureReason": "HTTP 404 Error", "bytesPerSecond": 0})"});
+    row("limit and priority kept from creation", {.before = {"create URL/dlmtest-never --id lim --rate 65536 --priority 5", "pause lim"}, .args = "status lim --json", .json = R"({"rateLimit": 65536, "priority": 5})"});
+    row("a negative rate", {.args = "rate p -5", .code = 1, .said = "rate -5 refused: a rate is 0 (none) to 10000000000 bytes per second"});
+    row("an absurd rate", {.args = "rate all 10000000001", .code = 1, .said = "rate 10000000001 refused"});
+    row("an absurd rate at creation", {.args = "create URL/f --rate 10000000001", .code = 1, .said = "--rate must be 0 to 10000000000"});
+    row("a priority out of range", {.args = "priority p 101", .code = 1, .said = "priority 101 refused: a priority is -100 to 100"});
+    row("rate of an unknown download", {.args = "rate nosuch 1000", .code = 1, .said = "no download nosuch"});
+    row("another's download not limited", {.user = "dlmtest-b", .args = "rate A:theirs 1000", .code = 1, .said = "no download A:theirs"});
+    row("another's download not reordered", {.user = "dlmtest-b", .args = "priority A:theirs 9", .code = 1, .said = "no download A:theirs"});
+    row("the overall limit is root's", {.user = "dlmtest-a", .args = "rate all 1000", .code = 1, .said = "only root changes the overall rate limit"});
+    row("the background mode is root's", {.user = "dlmtest-a", .args = "background on", .code = 1, .said = "only root changes the background mode"});
+    row("a refused rate changes nothing", {.before = {"rate n1 4096", "rate n1 -1"}, .args = "status n1", .out = "n1 dlctl Paused 0 0 @/downloads/dlmtest-never (rate 4096)\n"});
     row("a read-only directory", {.args = "set-path app @/ro", .code = 1, .said = "@/ro is not writable for the service", .readOnly = true});
     row("an unknown option", {.args = "list -q", .code = 64, .said = "usage: dlctl"});
     row("controls escaped", {.args = "create URL/no --id e\x1b\xc2\x85\xe2\x80\xae --wait", .code = 1, .out = "e\\x1b\\u0085\\u202e\ne\\x1b\\u0085\\u202e dlctl Failed 0 0 @/downloads/no (failure 2: the server answered with an error status; HTTP 404 Error)\n", .said = "uniqueID:e\\x1b\\u0085\\u202e url"});

@@ -223,10 +223,12 @@ private slots:
         QTest::addColumn<QString>("setting");
         QTest::addColumn<int>("most"); // connections at once: root leaves one for other users
         QTest::addColumn<bool>("netLoss"); // no route to the host until they all wait
-        QTest::newRow("six per host") << "" << 5 << false;
-        QTest::newRow("two per host") << "max_connections_per_host" << 1 << false;
-        QTest::newRow("two downloads at once") << "max_active_downloads" << 1 << false;
-        QTest::newRow("retries spent while the network is gone") << "" << 5 << true;
+        QTest::addColumn<bool>("raised"); // the last one created by dlctl with priority 5
+        QTest::newRow("six per host") << "" << 5 << false << false;
+        QTest::newRow("two per host") << "max_connections_per_host" << 1 << false << false;
+        QTest::newRow("two downloads at once") << "max_active_downloads" << 1 << false << false;
+        QTest::newRow("retries spent while the network is gone") << "" << 5 << true << false;
+        QTest::newRow("a raised priority waits least") << "max_active_downloads" << 1 << false << true;
     }
     void queued();
 
@@ -355,7 +357,8 @@ void tst_Faults::queued()
         return QProcess::execute("ip", { "addr", verb, "127.0.0.1/8", "dev", "lo" }) == 0;
     };
     QVERIFY(!netLoss || QProcess::execute("ip", { "link", "set", "lo", "up" }) == 0);
-    const QByteArrayList ids { "q0", "q1", "q2", "q3", "q4", "q5", "q6" };
+    QFETCH(bool, raised);
+    QByteArrayList ids { "q0", "q1", "q2", "q3", "q4", "q5", "q6" };
     FakeHttpServer host; // its connections are this service's alone
     Service one({ { setting.isEmpty() ? "max_retries" : setting, "2" } },
         { "DLM_TRANSFER_TIMEOUT_MS=1000", "DLM_RETRY_BASE_MS=50" });
@@ -366,7 +369,12 @@ void tst_Faults::queued()
         host.setResource('/' + id, { .body = FakeHttpServer::makeBody(102400, 77), .chunkSize = 1024, .chunkDelayMs = 15 });
         creates += "create " + host.url('/' + id).toEncoded() + '\n';
     }
-    one.line(creates.chopped(1));
+    one.line(creates.left(raised ? creates.lastIndexOf("\ncreate") : creates.size() - 1));
+    if (raised) { // while q0 runs and the others wait
+        QVERIFY(waitFor("six created", [&] { return one.sql("SELECT count(*) FROM downloads").value(0).value(0) == 6; }));
+        QCOMPARE(one.dlctl({ "create", host.url("/q6").toString(), "--client", "shell", "--priority", "5" }).code, 0);
+        ids.move(6, 1);
+    }
     if (netLoss) { // all wait past their whole retry schedule, then the route is back
         const char *stalled = "SELECT count(*) = 7 FROM downloads WHERE state = 32"; // STATE_STALLED
         QVERIFY(

@@ -47,6 +47,7 @@ private slots:
         QTest::newRow("second statement") << "x'); DROP TABLE downloads; --" << -1;
         QTest::newRow("file without owners") << "v0" << 0;
         QTest::newRow("file with identities only") << "v1" << 1;
+        QTest::newRow("file without rates") << "v3" << 2;
     }
     void storedRows()
     {
@@ -59,7 +60,11 @@ private slots:
               "totalSize NUMERIC, amountDownloaded NUMERIC, startTime NUMERIC)" },
             { "CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice INTEGER NOT "
               "NULL, fileInode INTEGER NOT NULL)",
-                "INSERT INTO download_extra VALUES ('kept', 5, 6)", "PRAGMA user_version = 1" }
+                "INSERT INTO download_extra VALUES ('kept', 5, 6)", "PRAGMA user_version = 1" },
+            { "DROP TABLE download_extra", "CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice INTEGER, fileInode "
+              "INTEGER, validator BLOB, expectedSize INTEGER NOT NULL DEFAULT -1, expectedSha256 TEXT, failureReason TEXT NOT "
+              "NULL DEFAULT '', httpStatus INTEGER NOT NULL DEFAULT 0)",
+                "INSERT INTO download_extra (uniqueID, fileDevice, fileInode) VALUES ('kept', 5, 6)", "PRAGMA user_version = 3" }
         };
         for (int version = 0; version <= older; ++version)
             for (const QString &statement : releases[version])
@@ -70,6 +75,7 @@ private slots:
         Download ab(nullptr, nullptr, key, "c", "b", "http://h/a", "/a", 1, 2, 6000000000, 45, 3);
         b.ownerUid = 4242; // the other columns a request sets once: a's stay
         b.failureReason = "HTTP 404 " + key, b.httpStatus = 404; // kept though no file was made
+        b.rateLimit = 65536, b.priority = -7;
         {
             DownloadDataBase db(svc.path("db/dlm_download.db"), &DownloadManager::storedRecord);
             for (Download *d : { &x, &a, &b })
@@ -86,15 +92,16 @@ private slots:
         QCOMPARE(manager->getDownloadPath(key) + manager->getDownloadPath(key, 7), "/b/c");
         const Download *restored = manager->getDownload(key);
         QVERIFY(restored && restored->failureReason == b.failureReason && restored->httpStatus == 404);
+        QVERIFY(restored->rateLimit == 65536 && restored->priority == -7);
         svc.sql("UPDATE downloads SET uniqueID = 'stored' WHERE uniqueID = 'x'"); // not live
         QVERIFY(manager->createDownload("c", "http://h/s", "stored", "")
             == DownloadManager::CreateStatus::IdInUse);
         manager->quit();
         QCOMPARE(svc.sql("PRAGMA journal_mode"), Rows { { "wal" } });
-        QCOMPARE(svc.sql("PRAGMA user_version"), Rows { { 3 } }); // and the older rows kept:
+        QCOMPARE(svc.sql("PRAGMA user_version"), Rows { { 4 } }); // and the older rows kept:
         QCOMPARE(svc.sql("SELECT uniqueID, fileDevice, fileInode, validator IS NULL, expectedSize, "
                          "expectedSha256 IS NULL FROM download_extra WHERE uniqueID = 'kept'"),
-            older == 1 ? Rows({ { "kept", 5, 6, 1, -1, 1 } }) : Rows());
+            older >= 1 ? Rows({ { "kept", 5, 6, 1, -1, 1 } }) : Rows());
         QCOMPARE(errors, QList<QByteArray>());
     }
 

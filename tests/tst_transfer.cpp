@@ -34,9 +34,11 @@ struct Shares {
     int64_t overall;
     std::vector<int64_t> own, expected;
 };
-// A transfer paced by its bucket, reading whole buffers as fast as the bucket lets it.
+// A transfer paced by its bucket, reading whole buffers as fast as the bucket lets it; live, a
+// download of 1 MiB on loopback held to the named limit for 2 s, then let go.
 struct Pacing {
     int64_t rate, buffer, changeTo = 0;
+    QString live = ""; // own, overall, background
 };
 // An answer's head against the request (Range offset, known total): what becomes of its body.
 struct Answer {
@@ -136,10 +138,15 @@ private slots:
         QTest::newRow("a rate below one buffer a second") << Pacing {.rate = 1024, .buffer = 16 << 10};
         QTest::newRow("halved on a running transfer")
             << Pacing {.rate = 400 << 10, .buffer = 16 << 10, .changeTo = 200 << 10};
+        QTest::newRow("a live download held to its own limit until it is lifted") << Pacing {.rate = 64 << 10, .buffer = 0, .live = "own"};
+        QTest::newRow("held to the overall limit until it is lifted") << Pacing {.rate = 64 << 10, .buffer = 0, .live = "overall"};
+        QTest::newRow("held to the background limit until the mode is off") << Pacing {.rate = 64 << 10, .buffer = 0, .live = "background"};
     }
     void pacing()
     {
         QFETCH(Pacing, row);
+        if (!row.live.isEmpty())
+            return livePacing(row);
         // Five simulated seconds (the last rate's five when it changes after the first).
         TokenBucket bucket;
         bucket.setRate(row.rate, 0);
@@ -155,6 +162,32 @@ private slots:
         }
         const int64_t average = received * 1000 / (now - from), limit = row.changeTo ? row.changeTo : row.rate;
         QVERIFY2(average >= limit * 9 / 10 && average <= limit * 11 / 10, QByteArray::number(average));
+    }
+
+    void livePacing(const Pacing &row)
+    {
+        server.resource("/m").body = FakeHttpServer::makeBody(1 << 20);
+        QTemporaryDir dir;
+        QSettings ini(dir.filePath("ini"), QSettings::NativeFormat);
+        ini.setValue("download_database_path", dir.path());
+        ini.setValue("background_rate_limit", qint64(row.rate));
+        ini.sync();
+        DownloadManager manager(dir.filePath("ini"));
+        const auto quit = qScopeGuard([&] { manager.quit(); });
+        const bool own = row.live == "own", background = row.live == "background";
+        QVERIFY(row.live != "overall" || manager.setRateLimit("all", row.rate) == DownloadManager::ControlStatus::Done);
+        QVERIFY(!background || manager.setBackgroundMode(true) == DownloadManager::ControlStatus::Done);
+        QString id;
+        QVERIFY(manager.createDownload("t", server.url("/m").toString(), "", "", &id, 0, {}, {own ? row.rate : 0, 0})
+            == DownloadManager::CreateStatus::Created);
+        Download *d = manager.getDownload(id);
+        QVERIFY(d);
+        QTest::qWait(2000); // a quarter of the file at most would have come (64 KiB/s and bursts)
+        QVERIFY2(d->amountDownloaded < (1 << 18), QByteArray::number(d->amountDownloaded));
+        QVERIFY(background ? manager.setBackgroundMode(false) == DownloadManager::ControlStatus::Done
+                           : manager.setRateLimit(own ? id : "all", 0) == DownloadManager::ControlStatus::Done);
+        QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), 30000);
+        QCOMPARE(readFile(d->filePath), server.resource("/m").body);
     }
 
     void answers_data()

@@ -12,6 +12,7 @@
 
 class CurlEngine;
 class HttpTransfer;
+class RateGovernor;
 
 // One file fetched over HTTP for a client: the record that is stored, listed and shown, and its
 // state machine. Most stored downloads never run again in a session, so a record is plain data;
@@ -75,6 +76,8 @@ public:
 
     std::function<void(Download *)> reportChange; // may be empty
     CurlEngine *engine;
+    // Holds the request to its rate while on the wire; set by the owner, may stay null.
+    RateGovernor *governor = nullptr;
 
     QString uniqueID;
     QString clientID;
@@ -101,6 +104,10 @@ public:
     ContentCheck content;
     // Sent as If-Range with every Range (see ResumeValidator); empty when the answer had none.
     QByteArray validator;
+    // Its own limit in bytes per second (0: none) and its place among waiting requests (higher
+    // first); both stored, both set by the owner, which tells the governor and the queue.
+    qint64 rateLimit = 0;
+    int priority = 0;
     // Blocks of body received in this process, counted as MAX_PACKET_COUNT counts them.
     qint64 dataArrivals = 0;
     // Place among the downloads of this process, in order of creation (or restore).

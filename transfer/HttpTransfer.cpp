@@ -4,6 +4,7 @@
 #include "Download.h"
 #include "HttpAnswer.h"
 #include "IDownload.h"
+#include "RateGovernor.h"
 #include "RequestQueue.h"
 #include "ResumeValidator.h"
 
@@ -98,13 +99,34 @@ void HttpTransfer::sendRequest()
     if (!engine->start(easy)) {
         easy = nullptr;
         endAttempt(FAILURE_NETWORK, QStringLiteral("the request could not be started"), true);
+    } else if (governor) {
+        governed = true;
+        governor->join(&d, d.rateLimit, [this](bool paused) { pauseForRate(paused); });
     }
+}
+
+void HttpTransfer::pauseForRate(bool paused)
+{
+    if (!onTheWire())
+        return;
+    // The clock first: curl may hand over bytes inside the call, and the governor rest us again.
+    if (paused) {
+        stallTimer.stop();
+    } else if (!attemptSettled) {
+        lastActivity.start();
+        stallTimer.start(stallTimeoutMs);
+    }
+    // Both ways: curl 7.88 makes a handle paused one way read at once, paused or not.
+    curl_easy_pause(easy, paused ? CURLPAUSE_ALL : CURLPAUSE_CONT);
 }
 
 void HttpTransfer::releaseRequest()
 {
     setReceiving(false);
-    RequestQueue::instance().leave(this);
+    if (std::exchange(governed, false))
+        governor->leave(&d);
+    if (std::exchange(queued, false))
+        RequestQueue::instance().leave(&d);
     if (easy) {
         engine->release(easy);
         easy = nullptr;
@@ -333,6 +355,8 @@ bool HttpTransfer::bodyData(const char *data, size_t size)
     }
     ++d.dataArrivals;
     batchArrival();
+    if (governed)
+        governor->arrived(&d, fits);
     return true;
 }
 
@@ -481,7 +505,7 @@ void HttpTransfer::restartInPlace(qint64 newTotal)
         d.totalSize = 0;
 }
 
-HttpTransfer::HttpTransfer(Download &download, CurlEngine *engine) : d(download), engine(engine)
+HttpTransfer::HttpTransfer(Download &download, CurlEngine *engine) : d(download), engine(engine), governor(download.governor)
 {
     stallTimer.setSingleShot(true);
     connect(&stallTimer, &QTimer::timeout, this, &HttpTransfer::transferStalled);
@@ -531,8 +555,9 @@ void HttpTransfer::start()
     headBytes = 0;
     attemptSettled = false;
     contentFault.clear();
-    RequestQueue::instance().enter(this, d.ownerUid, RequestQueue::originOf(d.contentURL),
-        d.creationOrder, [this] { sendRequest(); });
+    queued = true;
+    RequestQueue::instance().enter(&d, d.ownerUid, RequestQueue::originOf(d.contentURL),
+        d.creationOrder, [this] { sendRequest(); }, d.priority);
     d.state = Download::Pending;
     report();
 }

@@ -9,6 +9,7 @@
 #include <QTimer>
 
 class Download;
+class RateGovernor;
 
 // The running life of a download: its attempts at the content, one request at a time, from the
 // request queue to the file. It judges each answer before a byte of its body is written, writes
@@ -75,6 +76,8 @@ private:
     // Gives the request (if any) back to the engine, its place in the request queue and its
     // share of the read-buffer budget.
     void releaseRequest();
+    // The governor rests the request: its stall clock does not run meanwhile.
+    void pauseForRate(bool paused);
     // Joins or leaves the transfers that share the read-buffer budget.
     void setReceiving(bool on);
     // The attempt failed: Stalled until the retry when the fault may pass, else Failed.
@@ -95,6 +98,11 @@ private:
 
     Download &d;
     CurlEngine *engine;
+    RateGovernor *governor;
+    // In the request queue, or held to a rate by the governor, under the download's address: a
+    // transfer that outlives its download by a turn of the event loop leaves neither again.
+    bool queued = false;
+    bool governed = false;
     OwnedFile file;
     // The request on the wire (or queued by curl for a connection); null between attempts.
     CURL *easy = nullptr;

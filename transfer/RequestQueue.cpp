@@ -49,20 +49,39 @@ void RequestQueue::Holders::add(uint uid, int count)
         held.remove(uid);
 }
 
-void RequestQueue::enter(
-    const void *owner, uint uid, const QString &origin, quint64 order, std::function<void()> start)
+void RequestQueue::enter(const void *owner, uint uid, const QString &origin, quint64 order,
+    std::function<void()> start, int priority)
 {
     leave(owner);
     Origin &entry = origins[origin];
     owners.insert(owner, { origin, uid, true });
     QList<Waiter> &queue = entry.waiting[uid];
-    const auto later = std::upper_bound(
-        queue.begin(), queue.end(), order, [](quint64 o, const Waiter &w) { return o < w.order; });
-    queue.insert(later, { owner, order, std::move(start) });
+    Waiter w { owner, order, std::move(start), priority };
+    const auto later = std::upper_bound(queue.begin(), queue.end(), w,
+        [](const Waiter &a, const Waiter &b) { return a.before(b); });
+    queue.insert(later, std::move(w));
     if (!entry.turns.contains(uid))
         entry.turns.append(uid);
     // A slot given back is already promised to a request that waits: the turns decide.
     startWaiting();
+}
+
+void RequestQueue::setPriority(const void *owner, int priority)
+{
+    const auto found = owners.constFind(owner);
+    if (found == owners.constEnd() || !found->waiting)
+        return;
+    QList<Waiter> &queue = origins[found->origin].waiting[found->uid];
+    const auto at = std::find_if(
+        queue.begin(), queue.end(), [owner](const Waiter &w) { return w.owner == owner; });
+    if (at == queue.end())
+        return;
+    Waiter w = std::move(*at);
+    queue.erase(at);
+    w.priority = priority;
+    queue.insert(std::upper_bound(queue.begin(), queue.end(), w,
+                     [](const Waiter &a, const Waiter &b) { return a.before(b); }),
+        std::move(w));
 }
 
 void RequestQueue::leave(const void *owner)
@@ -101,8 +120,7 @@ void RequestQueue::startWaiting()
                 return entry.mayStart(uid, perOriginLimit) && all.mayStart(uid, allLimit);
             });
             if (turn != entry.turns.cend()
-                && (!from
-                    || entry.waiting[*turn].first().order < from->waiting[*next].first().order)) {
+                && (!from || entry.waiting[*turn].first().before(from->waiting[*next].first()))) {
                 from = &entry;
                 next = turn;
             }

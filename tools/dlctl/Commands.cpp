@@ -3,21 +3,28 @@
 #include "ProgressView.h"
 #include "TextEscape.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <unistd.h>
 
 using namespace android;
 
-bool parseSize(const std::string &text, long long *size)
+bool parseWhole(const std::string &text, long long *value)
 {
     if (text.empty())
         return false;
     char *end = nullptr;
     errno = 0;
-    *size = strtoll(text.c_str(), &end, 10);
-    return errno == 0 && end && *end == '\0' && *size >= 0;
+    *value = strtoll(text.c_str(), &end, 10);
+    return errno == 0 && end && *end == '\0';
+}
+
+bool parseSize(const std::string &text, long long *size)
+{
+    return parseWhole(text, size) && *size >= 0;
 }
 
 namespace {
@@ -109,7 +116,10 @@ int createCommand(Command &c)
     if (o.wait)
         c.service->addClient(c.events);
     std::string id;
-    const int32_t created = o.checked
+    const int32_t created = o.ordered
+        ? c.service->requestDownloadOrdered(o.client, c.arg(0), o.id, o.name, o.size, o.sha256,
+            o.rate, int32_t(std::clamp<long long>(o.priority, INT32_MIN, INT32_MAX)), &id)
+        : o.checked
         ? c.service->requestDownloadChecked(o.client, c.arg(0), o.id, o.name, o.size, o.sha256, &id)
         : c.service->requestDownload(o.client, c.arg(0), o.id, o.name, &id);
     int status = 0;
@@ -117,9 +127,10 @@ int createCommand(Command &c)
         status = notAnswered("requestDownload", created);
     } else if (created != IDLService::REQUEST_CREATED) {
         fprintf(stderr, "dlctl: cannot create %s: %s\n", c.arg(0).c_str(),
-            created == IDLService::REQUEST_BAD_ARGUMENT && !o.sha256.empty()
-                ? "--sha256 must be 64 hexadecimal digits"
-                : refusal(created));
+            created != IDLService::REQUEST_BAD_ARGUMENT ? refusal(created)
+                : !o.sha256.empty()                     ? "--sha256 must be 64 hexadecimal digits"
+                : o.ordered ? "--rate must be 0 to 10000000000 and --priority -100 to 100"
+                            : refusal(created));
         status = 1;
     } else {
         printf("%s\n", escapeText(id).c_str());
@@ -160,6 +171,45 @@ int controlCommand(Command &c, const std::string &what)
             what == "pause" ? "paused" : "resumed",
             what == "pause" ? "it is not Pending, Progressing or Stalled"
                             : "it is not Paused or Failed");
+        return 1;
+    default:
+        return notAnswered(what.c_str(), status);
+    }
+}
+
+int orderCommand(Command &c, const std::string &what)
+{
+    const std::string &id = c.arg(0), shown = escapeText(id);
+    long long value = 0;
+    const bool background = what == "background";
+    if (background ? id != "on" && id != "off" : !parseWhole(c.arg(1), &value)) {
+        fprintf(stderr, "dlctl: %s\n",
+            background ? "background takes on or off"
+                       : (what == "rate" ? "BPS must be a whole number of bytes per second"
+                                         : "N must be a whole number"));
+        return 64;
+    }
+    const bool overall = what == "rate" && id == "all";
+    // A priority beyond 32 bits is as far out of range as one just past it.
+    const int32_t priority = int32_t(std::clamp<long long>(value, INT32_MIN, INT32_MAX));
+    const int32_t status = background ? c.service->setBackgroundMode(id == "on")
+        : overall                     ? c.service->setOverallRateLimit(value)
+        : what == "rate"              ? c.service->setRateLimit(id, value)
+                                      : c.service->setPriority(id, priority);
+    switch (status) {
+    case IDLService::CONTROL_DONE:
+        return 0;
+    case IDLService::CONTROL_NOT_FOUND:
+        fprintf(stderr, "dlctl: no download %s\n", shown.c_str());
+        return 1;
+    case IDLService::CONTROL_NOT_PERMITTED:
+        fprintf(stderr, "dlctl: only root changes %s\n",
+            background ? "the background mode" : "the overall rate limit");
+        return 1;
+    case IDLService::CONTROL_BAD_VALUE:
+        fprintf(stderr, "dlctl: %s %lld refused: %s\n", what.c_str(), value,
+            what == "rate" ? "a rate is 0 (none) to 10000000000 bytes per second"
+                           : "a priority is -100 to 100");
         return 1;
     default:
         return notAnswered(what.c_str(), status);

@@ -14,6 +14,8 @@ struct Options {
     std::string sha256;
     long long size = -1;
     bool checked = false; // --sha256 or --size given
+    long long rate = 0, priority = 0;
+    bool ordered = false; // --rate or --priority given
     bool wait = false;
     bool clientGiven = false;
     bool json = false; // one JSON object per record or update and line
@@ -21,6 +23,8 @@ struct Options {
 
 // A whole, non-negative number of bytes.
 bool parseSize(const std::string &text, long long *size);
+// A whole number, of either sign (the service judges its range).
+bool parseWhole(const std::string &text, long long *value);
 
 struct Command {
     android::sp<IDLService> service;
@@ -32,6 +36,8 @@ struct Command {
 int createCommand(Command &c);
 // pause, resume or remove: the service's answer decides the status.
 int controlCommand(Command &c, const std::string &what);
+// rate ID|all BPS, priority ID N, background on|off.
+int orderCommand(Command &c, const std::string &what);
 int statusCommand(Command &c);
 int listCommand(Command &c);
 int spaceCommand(Command &c);

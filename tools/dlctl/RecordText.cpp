@@ -26,7 +26,9 @@ const char *failureText(int32_t failureCode)
     }
 }
 
-std::string stateNote(const IDownload &r)
+namespace {
+// The note of the state alone.
+std::string stateOnlyNote(const IDownload &r)
 {
     char text[128];
     // The reason may carry a caller's URL: escaped as every caller's text is.
@@ -47,6 +49,17 @@ std::string stateNote(const IDownload &r)
         return r.failureReason.empty() ? " (waiting to try again)" : " (" + reason.substr(2) + ")";
     strftime(text, sizeof text, " (next attempt at %H:%M:%S", &local);
     return text + reason + ")";
+}
+} // namespace
+
+std::string stateNote(const IDownload &r)
+{
+    std::string note = stateOnlyNote(r);
+    if (r.rateLimit > 0)
+        note += " (rate " + std::to_string(r.rateLimit) + ")";
+    if (r.priority != 0)
+        note += " (priority " + std::to_string(r.priority) + ")";
+    return note;
 }
 
 std::string recordLine(const IDownload &r)
@@ -79,6 +92,8 @@ std::string recordJson(const IDownload &r)
         { "startTime", qint64(r.startTime) },
         { "nextAttemptTime", qint64(r.nextAttemptTime) },
         { "expectedSha256", text(r.expectedSha256) },
+        { "rateLimit", qint64(r.rateLimit) },
+        { "priority", r.priority },
     };
     return QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString();
 }

@@ -16,8 +16,10 @@ int usage(FILE *out, int status)
     fprintf(out,
         "usage: dlctl COMMAND [ARGS]\n"
         "       dlctl --help | --version\n"
-        "  create URL [--client ID] [--id ID] [--name NAME] [--sha256 HEX] [--size N] [--wait]\n"
+        "  create URL [--client ID] [--id ID] [--name NAME] [--sha256 HEX] [--size N]\n"
+        "         [--rate BPS] [--priority N] [--wait]\n"
         "  pause ID|all        resume ID|all        remove ID\n"
+        "  rate ID|all BPS     priority ID N        background on|off\n"
         "  list [CLIENT]       status ID\n"
         "  space SIZE [--client ID]\n"
         "  set-path CLIENT PATH\n"
@@ -25,15 +27,22 @@ int usage(FILE *out, int status)
         "--json (list, status, watch, create --wait): one JSON object per record or update and\n"
         "  line, with the fields id, client, name, url, file, state, stateCode, failureCode,\n"
         "  failureReason, httpStatus, bytes, total, bytesPerSecond, startTime, nextAttemptTime,\n"
-        "  expectedSha256.\n"
+        "  expectedSha256, rateLimit, priority.\n"
         "Options follow the command; \"--\" ends them (for an identifier that starts with \"-\").\n"
         "create prints the new download's identifier; with --sha256 (64 hexadecimal digits)\n"
         "  and --size (bytes) the download fails with code 5 unless its content is that.\n"
+        "Rates are bytes per second, 0 for no limit, at most 10000000000: rate ID limits one\n"
+        "  download (also while it runs), rate all every download together (root only; until\n"
+        "  the service restarts, then the setting rate_limit). background on puts the setting\n"
+        "  background_rate_limit in its place until background off (root only; off at start).\n"
+        "  Downloads beyond max_active_downloads wait by priority (-100 to 100, default 0,\n"
+        "  higher first), then in order of creation.\n"
         "Records print as:\n"
         "  ID CLIENT STATE BYTES TOTAL FILE\n"
         "status, watch and create --wait add after FILE, in parentheses, the meaning of a Failed\n"
         "download's failure code or the time of a Stalled download's next attempt, and why;\n"
-        "  they add \"(verified)\" to a Completed download whose SHA-256 was given.\n"
+        "  they add \"(verified)\" to a Completed download whose SHA-256 was given, and\n"
+        "  \"(rate BPS)\" and \"(priority N)\" to one that has them.\n"
         "On a terminal, watch and create --wait draw a progress line per download instead.\n"
         "Failure codes: 1 network or transfer fault (connection, DNS, TLS, timeout, cut body),\n"
         "  2 the server answered with an error status, 3 the local file could not be opened\n"
@@ -46,6 +55,11 @@ int usage(FILE *out, int status)
         "it, 2 service not reachable\n"
         "or not answering, 64 usage, 128+N ended by signal N.\n");
     return status;
+}
+
+bool commandTakesNumber(const std::string &command)
+{
+    return command == "space" || command == "rate" || command == "priority";
 }
 
 // Options follow the command. Anything else that starts with "-" is a usage error, unless it
@@ -83,12 +97,19 @@ bool parseOptions(int argc, char **argv, Options *o)
                 return false;
             }
             o->checked = true;
+        } else if (arg == "--rate" || arg == "--priority") {
+            std::string text;
+            if (!value(&text) || !parseWhole(text, arg == "--rate" ? &o->rate : &o->priority)) {
+                fprintf(stderr, "dlctl: %s must be a whole number\n", arg.c_str());
+                return false;
+            }
+            o->ordered = true;
         } else if (arg == "--wait") {
             o->wait = true;
         } else if (arg == "--json") {
             o->json = true;
-        } else if (arg != "-1" || std::string(argv[1]) != "space") {
-            return false; // "space -1" is answered as a size
+        } else if (long long n; !parseWhole(arg, &n) || !commandTakesNumber(argv[1])) {
+            return false; // "space -1", "rate ID -5" are answered by the command
         } else {
             o->positional.push_back(arg);
         }
@@ -111,6 +132,9 @@ const CommandEntry kCommands[] = {
     { "pause", 1, 1, false, false, controlCommand },
     { "resume", 1, 1, false, false, controlCommand },
     { "remove", 1, 1, false, false, controlCommand },
+    { "rate", 2, 2, false, false, orderCommand },
+    { "priority", 2, 2, false, false, orderCommand },
+    { "background", 1, 1, false, false, orderCommand },
     { "status", 1, 1, true, false,
         [](Command &c, const std::string &) { return statusCommand(c); } },
     { "list", 0, 1, true, false, [](Command &c, const std::string &) { return listCommand(c); } },
@@ -127,7 +151,8 @@ const CommandEntry *findCommand(const std::string &name, const Options &o)
         if (name != entry.name)
             continue;
         const size_t n = o.positional.size();
-        const bool createOnly = o.wait || o.checked || !o.id.empty() || !o.name.empty();
+        const bool createOnly
+            = o.wait || o.checked || o.ordered || !o.id.empty() || !o.name.empty();
         if ((o.json && !entry.json) || (o.clientGiven && !entry.client)
             || (createOnly && name != "create") || n < entry.minArgs || n > entry.maxArgs)
             return nullptr;

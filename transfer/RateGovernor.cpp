@@ -1,0 +1,113 @@
+#include "RateGovernor.h"
+
+#include <QTimer>
+
+#include <chrono>
+#include <vector>
+
+RateGovernor::RateGovernor(QObject *parent) : QObject(parent)
+{
+    clock.start();
+}
+
+RateGovernor::~RateGovernor() = default;
+
+void RateGovernor::join(const void *who, int64_t ownLimit, Pause pause)
+{
+    auto member = std::make_unique<Member>();
+    member->own = ownLimit;
+    member->pause = std::move(pause);
+    members[who] = std::move(member);
+    reshare();
+}
+
+void RateGovernor::leave(const void *who)
+{
+    // Only the others' shares change; nothing of who is called any more.
+    if (members.erase(who) && overallLimit > 0)
+        reshare();
+}
+
+void RateGovernor::setOwnLimit(const void *who, int64_t bytesPerSecond)
+{
+    const auto found = members.find(who);
+    if (found == members.end() || found->second->own == bytesPerSecond)
+        return;
+    found->second->own = bytesPerSecond;
+    reshare();
+}
+
+void RateGovernor::setOverall(int64_t bytesPerSecond)
+{
+    if (overallLimit == bytesPerSecond)
+        return;
+    overallLimit = bytesPerSecond;
+    reshare();
+}
+
+int64_t RateGovernor::rateOf(const void *who) const
+{
+    const auto found = members.find(who);
+    return found == members.end() ? 0 : found->second->bucket.rate();
+}
+
+void RateGovernor::reshare()
+{
+    std::vector<int64_t> own;
+    own.reserve(members.size());
+    for (const auto &entry : members)
+        own.push_back(entry.second->own);
+    const std::vector<int64_t> shares = shareRates(overallLimit, own);
+    const int64_t now = clock.elapsed();
+    std::vector<const void *> resting;
+    size_t i = 0;
+    for (auto &[who, m] : members) {
+        const int64_t share = shares[i++];
+        if (m->bucket.rate() == share)
+            continue;
+        m->bucket.setRate(share, now);
+        if (m->paused)
+            resting.push_back(who);
+    }
+    // After the walk: resuming a transfer may run its callbacks.
+    for (const void *who : resting) {
+        const auto found = members.find(who);
+        if (found != members.end())
+            rest(who, *found->second);
+    }
+}
+
+void RateGovernor::arrived(const void *who, int64_t bytes)
+{
+    const auto found = members.find(who);
+    if (found == members.end() || found->second->bucket.rate() == 0)
+        return;
+    Member &m = *found->second;
+    if (m.bucket.take(bytes, clock.elapsed()) > 0)
+        rest(who, m);
+}
+
+void RateGovernor::rest(const void *who, Member &m)
+{
+    // The debt left at the current rate; none once the rate is lifted.
+    const int64_t waitMs = m.bucket.take(0, clock.elapsed());
+    m.wake = ++wakes;
+    if (waitMs <= 0) {
+        if (m.paused) {
+            m.paused = false; // before the call: curl may hand over bytes, and pause, inside it
+            m.pause(false);
+        }
+        return;
+    }
+    // A one-shot per rest, found again by its number: one that left, or rested anew, is not
+    // resumed by an older timer.
+    QTimer::singleShot(std::chrono::milliseconds(waitMs), this, [this, who, wake = m.wake] {
+        const auto found = members.find(who);
+        if (found != members.end() && found->second->wake == wake)
+            rest(who, *found->second);
+    });
+    if (!m.paused) {
+        m.paused = true;
+        m.pause(true);
+    }
+}
