@@ -73,4 +73,40 @@ Judgement judge(int status, qint64 offset, qint64 knownTotal, const QByteArray &
     return { Verdict::Reject };
 }
 
+bool Head::addLine(const QByteArray &line)
+{
+    QByteArray phrase;
+    if (const int code = parseStatusLine(line, &phrase)) {
+        *this = Head();
+        status = code;
+        reason = phrase;
+        return false;
+    }
+    const int colon = line.indexOf(':');
+    if (colon <= 0)
+        return line.trimmed().isEmpty();
+    const QByteArray name = line.left(colon).trimmed().toLower();
+    const QByteArray value = line.mid(colon + 1).trimmed();
+    if (name == "content-range")
+        contentRange = value;
+    else if (name == "content-length")
+        contentLength = value.toLongLong();
+    else if (name == "retry-after")
+        retryAfter = value;
+    else if (name == "location")
+        hasLocation = true;
+    else if (name == "etag")
+        etag = value;
+    else if (name == "last-modified")
+        lastModified = value;
+    return false;
+}
+
+bool Head::isFinal() const
+{
+    const bool redirect
+        = status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+    return status >= 200 && !(redirect && hasLocation);
+}
+
 } // namespace http

@@ -16,6 +16,22 @@ bool parseContentRange(const QByteArray &header, ContentRange *range);
 // The status line of an answer: "HTTP/1.1 206 Partial Content", "HTTP/2 200"; 0 if none.
 int parseStatusLine(const QByteArray &line, QByteArray *reasonPhrase);
 
+// The head of one answer, read line by line as curl hands the lines over: only these headers
+// decide what happens to the body.
+struct Head {
+    int status = 0;
+    QByteArray reason, contentRange, retryAfter, etag, lastModified;
+    qint64 contentLength = -1;
+    bool hasLocation = false;
+
+    // One line with its line end; a status line starts a new head. True for the empty line
+    // that ends the head.
+    bool addLine(const QByteArray &line);
+    // Whether the ended head is the answer's own: not an informational one (100), nor a
+    // redirect that curl follows.
+    bool isFinal() const;
+};
+
 // Answers worth asking again: the server is busy, overloaded or timed out.
 bool isPassingStatus(int status);
 

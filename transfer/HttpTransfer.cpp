@@ -18,18 +18,12 @@ namespace {
 constexpr qint64 kReadBudget = 32 * 1024 * 1024;
 constexpr qint64 kMinReadBufferSize = 16 * 1024;
 constexpr qint64 kMaxReadBufferSize = CURL_MAX_READ_SIZE;
-constexpr int kDefaultPacketLimit = 10;
 constexpr int kDefaultTransferTimeoutMs = 60000;
-constexpr int kDefaultReportIntervalMs = 500;
-// On a slow link a batch also waits for this much content, or for this many intervals, so a
-// download costs a few reports per MiB at any rate.
-constexpr qint64 kReportBytes = 512 * 1024;
 // Written bytes not reported yet that make a report due whatever the batch count or the time:
-// half a share of the same budget, never below the slow link's batch (a lower bound only added
-// reports there: 4.5 per MiB on 50 links instead of 4).
-constexpr qint64 kMinReportBound = kReportBytes;
+// half a share of the same budget, never below a slow link's batch of 512 KiB (a lower bound
+// only added reports there: 4.5 per MiB on 50 links instead of 4).
+constexpr qint64 kMinReportBound = 512 * 1024;
 constexpr qint64 kMaxReportBound = 4 * 1024 * 1024;
-constexpr int kMaxQuietIntervals = 6;
 constexpr qint64 kMaxHeadBytes = 64 * 1024;
 
 // Transfers with a request on the wire; main thread only.
@@ -46,13 +40,6 @@ qint64 reportBound()
     return qBound(kMinReportBound, kReadBudget / 2 / qMax(1, receivingTransfers), kMaxReportBound);
 }
 
-int packetLimit()
-{
-    bool ok = false;
-    const int value = qgetenv("MAX_PACKET_COUNT").toInt(&ok, 10);
-    return (ok && value != 0) ? value : kDefaultPacketLimit;
-}
-
 int transferTimeoutMs()
 {
     bool ok = false;
@@ -60,17 +47,6 @@ int transferTimeoutMs()
     return (ok && value > 0) ? value : kDefaultTransferTimeoutMs;
 }
 
-int reportIntervalMs()
-{
-    bool ok = false;
-    const int value = qgetenv("DLM_REPORT_INTERVAL_MS").toInt(&ok, 10);
-    return (ok && value >= 0) ? value : kDefaultReportIntervalMs;
-}
-
-bool isRedirectStatus(int status)
-{
-    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
-}
 } // namespace
 
 curl_slist *HttpTransfer::requestHeaders() const
@@ -169,8 +145,7 @@ void HttpTransfer::endAttempt(
 bool HttpTransfer::waitForNetwork(unsigned code, bool passing, const QString &reason)
 {
     // Without a route the attempt never reached the server: no reason to count it.
-    if (code != FAILURE_NETWORK || !passing || !d.hasRoute
-        || d.hasRoute(QUrl(d.contentURL).host()))
+    if (code != FAILURE_NETWORK || !passing || !d.hasRoute || d.hasRoute(QUrl(d.contentURL).host()))
         return false;
     d.waitingForNetwork = true;
     d.state = Download::Stalled;
@@ -237,40 +212,11 @@ bool HttpTransfer::headerLine(const char *data, size_t size)
         verdict = AnswerVerdict::HeadTooLong;
         return false;
     }
-    const QByteArray line = QByteArray::fromRawData(data, qsizetype(size));
-    QByteArray phrase;
-    if (const int status = http::parseStatusLine(line, &phrase)) {
-        answer = Answer();
-        answer.status = status;
-        answer.reason = phrase;
-        return true;
-    }
-    const int colon = line.indexOf(':');
-    if (colon > 0) {
-        // Where an answer's headers are seen: only these decide what happens to the body.
-        const QByteArray name = line.left(colon).trimmed().toLower();
-        const QByteArray value = line.mid(colon + 1).trimmed();
-        if (name == "content-range")
-            answer.contentRange = value;
-        else if (name == "content-length")
-            answer.contentLength = value.toLongLong();
-        else if (name == "retry-after")
-            answer.retryAfter = value;
-        else if (name == "location")
-            answer.hasLocation = true;
-        else if (name == "etag")
-            answer.etag = value;
-        else if (name == "last-modified")
-            answer.lastModified = value;
-        return true;
-    }
-    if (!line.trimmed().isEmpty())
+    if (!answer.addLine(QByteArray::fromRawData(data, qsizetype(size))))
         return true;
     lastActivity.start();
-    // The end of a head: an informational one (100) precedes the real answer, and curl follows
-    // a redirect itself; one it cannot follow ends with curl's error.
-    if (answer.status < 200 || (isRedirectStatus(answer.status) && answer.hasLocation))
-        return true;
+    if (!answer.isFinal())
+        return true; // curl follows a redirect itself; one it cannot follow ends with its error
     return judgeAnswer();
 }
 
@@ -362,34 +308,21 @@ bool HttpTransfer::bodyData(const char *data, size_t size)
 
 void HttpTransfer::batchArrival()
 {
-    const qint64 fresh = d.amountDownloaded - reportedAmount;
-    if (fresh < reportBound()) {
-        const qint64 quiet = sinceReport.elapsed();
-        const qint64 longest = qint64(reportInterval) * kMaxQuietIntervals;
-        if (packetLimit() > packetCount++ || quiet < reportInterval
-            || (fresh < kReportBytes && quiet < longest)) {
-            // Bytes received just before the link goes quiet are still reported in time.
-            if (reportInterval > 0 && !flushTimer.isActive())
-                flushTimer.start(int(qMax<qint64>(longest - quiet, 0)));
-            return;
-        }
-    }
-    flushBatch();
+    if (batch.arrived(d.amountDownloaded, reportBound()))
+        flushBatch();
 }
 
 void HttpTransfer::flushBatch()
 {
-    flushTimer.stop();
-    packetCount = 0;
-    if (!attemptSettled && verdict == AnswerVerdict::Accepted
-        && d.amountDownloaded != reportedAmount)
+    batch.stop();
+    if (!attemptSettled && verdict == AnswerVerdict::Accepted && batch.isBehind(d.amountDownloaded))
         report();
 }
 
 void HttpTransfer::requestDone(CURLcode result, const QString &detail)
 {
     stallTimer.stop();
-    flushTimer.stop();
+    batch.stop();
     releaseRequest();
     if (attemptSettled || d.state == Download::Completed || d.state == Download::Paused) {
         file.close();
@@ -451,19 +384,7 @@ void HttpTransfer::transferStalled()
 
 void HttpTransfer::report()
 {
-    sinceReport.start();
-    reportedAmount = d.amountDownloaded;
-    if (d.state != Download::Progressing) {
-        rateClock.invalidate();
-        measuredRate = 0;
-    } else if (!rateClock.isValid()) {
-        rateClock.start();
-        rateBase = d.amountDownloaded;
-    } else if (const qint64 ms = rateClock.elapsed(); ms >= 1000) {
-        measuredRate = qMax<qint64>(0, d.amountDownloaded - rateBase) * 1000 / ms;
-        rateClock.start();
-        rateBase = d.amountDownloaded;
-    }
+    batch.committed(d.amountDownloaded, d.state == Download::Progressing);
     d.report();
 }
 
@@ -505,12 +426,11 @@ void HttpTransfer::restartInPlace(qint64 newTotal)
         d.totalSize = 0;
 }
 
-HttpTransfer::HttpTransfer(Download &download, CurlEngine *engine) : d(download), engine(engine), governor(download.governor)
+HttpTransfer::HttpTransfer(Download &download, CurlEngine *engine)
+    : d(download), engine(engine), governor(download.governor), batch([this] { flushBatch(); })
 {
     stallTimer.setSingleShot(true);
     connect(&stallTimer, &QTimer::timeout, this, &HttpTransfer::transferStalled);
-    flushTimer.setSingleShot(true);
-    connect(&flushTimer, &QTimer::timeout, this, &HttpTransfer::flushBatch);
     connect(&retry, &RetrySchedule::due, this, &HttpTransfer::start);
     if (d.maxRetries >= 0)
         retry.setMaxRetries(d.maxRetries);
@@ -533,7 +453,6 @@ void HttpTransfer::start()
 {
     retry.cancel();
     d.waitingForNetwork = false;
-    packetCount = 0;
     if (d.startTime == 0)
         d.startTime = QDateTime::currentMSecsSinceEpoch();
     // Our own stall clock, started when the request goes out: the wait for one of the few
@@ -549,15 +468,16 @@ void HttpTransfer::start()
     }
 
     releaseRequest();
-    reportInterval = reportIntervalMs();
+    batch.begin();
     verdict = AnswerVerdict::Unchecked;
-    answer = Answer();
+    answer = http::Head();
     headBytes = 0;
     attemptSettled = false;
     contentFault.clear();
     queued = true;
-    RequestQueue::instance().enter(&d, d.ownerUid, RequestQueue::originOf(d.contentURL),
-        d.creationOrder, [this] { sendRequest(); }, d.priority);
+    RequestQueue::instance().enter(
+        &d, d.ownerUid, RequestQueue::originOf(d.contentURL), d.creationOrder,
+        [this] { sendRequest(); }, d.priority);
     d.state = Download::Pending;
     report();
 }
@@ -565,7 +485,7 @@ void HttpTransfer::start()
 void HttpTransfer::stopRequest()
 {
     stallTimer.stop();
-    flushTimer.stop();
+    batch.stop();
     attemptSettled = true;
     releaseRequest();
 }

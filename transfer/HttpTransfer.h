@@ -1,6 +1,8 @@
 #pragma once
 
+#include "CommitBatch.h"
 #include "CurlEngine.h"
+#include "HttpAnswer.h"
 #include "OwnedFile.h"
 #include "RetrySchedule.h"
 
@@ -32,7 +34,7 @@ public:
     void resetRetries() { retry.reset(); }
 
     qint64 nextAttemptTime() const { return retry.nextAttemptTime(); }
-    qint64 rate() const { return measuredRate; }
+    qint64 rate() const { return batch.rate(); }
     bool onTheWire() const { return easy != nullptr; }
 
 private:
@@ -111,18 +113,12 @@ private:
     QTimer stallTimer;
     QElapsedTimer lastActivity;
     int stallTimeoutMs = 0;
-    // Commits a batch that waits for more notifications than the link sends.
-    QTimer flushTimer;
+    CommitBatch batch;
     RetrySchedule retry;
 
     AnswerVerdict verdict = AnswerVerdict::Unchecked;
     // The head of the answer being read (the last one of a redirect chain counts).
-    struct Answer {
-        int status = 0;
-        QByteArray reason, contentRange, retryAfter, etag, lastModified;
-        qint64 contentLength = -1;
-        bool hasLocation = false;
-    } answer;
+    http::Head answer;
     // Bytes of every head of this request, redirects included: a server that never ends its
     // head is cut at a bound, not read for ever.
     qint64 headBytes = 0;
@@ -139,14 +135,4 @@ private:
     QString contentFault;
     // Counted among the transfers sharing the read-buffer budget.
     bool sharesBudget = false;
-    // Since the last report: a batch waits for reportInterval ms ("DLM_REPORT_INTERVAL_MS") and
-    // for packetCount arrivals (MAX_PACKET_COUNT).
-    QElapsedTimer sinceReport;
-    int reportInterval = 0;
-    int packetCount = 0;
-    qint64 reportedAmount = 0;
-    // The rate: bytes since rateClock started at rateBase, measured at reports.
-    QElapsedTimer rateClock;
-    qint64 rateBase = 0;
-    qint64 measuredRate = 0;
 };
