@@ -1,0 +1,5 @@
+
+namespace dlm {
+
+
+} // namespace dlm

@@ -21,6 +21,8 @@
 #include <malloc.h>
 #endif
 
+namespace dlm {
+
 namespace {
 const QString kDefaultPath = QStringLiteral("/tmp/");
 const QString kAll = QStringLiteral("all");
@@ -491,3 +493,5 @@ StoredRecord DownloadManager::storedRecord(DownloadDataBase::RowKey row)
         d->fileIdentity, d->content.expectedSize(), d->content.expectedSha256(), d->validator,
         d->failureReason, d->httpStatus, d->rateLimit, d->priority };
 }
+
+} // namespace dlm

@@ -8,6 +8,8 @@
 
 #include <QtTest>
 
+using namespace dlm;
+
 using Rows = QList<QVariantList>;
 QList<QByteArray> errors;
 

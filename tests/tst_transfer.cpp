@@ -9,6 +9,8 @@
 
 #include <QtTest>
 
+using namespace dlm;
+
 QList<QList<qint64>> reports; // state, total, amount, data arrivals up to the report
 
 // No report counts bytes that are not in the file yet.

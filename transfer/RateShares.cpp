@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <numeric>
 
+namespace dlm {
+
 std::vector<int64_t> shareRates(int64_t overall, const std::vector<int64_t> &ownLimits)
 {
     std::vector<int64_t> shares(ownLimits);
@@ -49,3 +51,5 @@ int64_t TokenBucket::take(int64_t bytes, int64_t nowMs)
     tokens -= bytes;
     return tokens >= 0 ? 0 : (-tokens * 1000 + perSecond - 1) / perSecond;
 }
+
+} // namespace dlm

@@ -5,6 +5,8 @@
 
 // Rates in bytes per second; 0 means no limit.
 
+namespace dlm {
+
 // Each running download's share of an overall limit, given its own limit: downloads limited
 // below an even share keep their limit and leave the rest to the others, who split it evenly
 // (water-filling). Without an overall limit each keeps its own.
@@ -28,3 +30,5 @@ private:
     int64_t tokens = 0; // may go below zero: the debt of the last buffer
     int64_t lastMs = 0;
 };
+
+} // namespace dlm

@@ -11,6 +11,8 @@
 
 #include <cerrno>
 
+namespace dlm {
+
 NetworkWatch::NetworkWatch(QObject *parent) : QObject(parent)
 {
     fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
@@ -108,3 +110,5 @@ bool NetworkWatch::hasRouteFor(const QString &host)
     sockaddr_storage target {};
     return socketAddress(host, &target) != 0 ? hasRouteTo(host) : hasAnyRoute();
 }
+
+} // namespace dlm

@@ -6,6 +6,8 @@
 
 class QSocketNotifier;
 
+namespace dlm {
+
 // Tells when the kernel's routes or addresses change, and whether a host can be reached by a
 // route right now. Listens on an rtnetlink socket through a socket notifier on the caller's
 // event loop: nothing polls, and an idle network costs no wake-up.
@@ -42,3 +44,5 @@ private:
     int fd = -1;
     std::unique_ptr<QSocketNotifier> notifier;
 };
+
+} // namespace dlm

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+namespace dlm {
+
 // Live progress bars on a terminal, one line per download, redrawn in place on each update.
 // Each line fits the terminal's width at that redraw (a wrapped line would garble the next
 // redraw): the bar shrinks first, then the line is cut.
@@ -34,3 +36,5 @@ private:
     std::map<std::string, Row> rows;
     size_t drawn = 0;
 };
+
+} // namespace dlm

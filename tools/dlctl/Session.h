@@ -18,6 +18,8 @@
 // What every dlctl command shares: the connection to the service, the deadline of its calls,
 // the update stream and the handling of SIGINT and SIGTERM.
 
+namespace dlm {
+
 extern std::atomic<bool> interrupted;
 // Set while a loop ends by itself on SIGINT or SIGTERM; otherwise a signal ends dlctl at once,
 // wherever it waits (a connect, or a call to a service that does not answer).
@@ -142,3 +144,5 @@ void handleSignals(const android::sp<UpdateQueue> &events);
 android::sp<IDLService> connectService(const android::sp<UpdateQueue> &events);
 // Says why a call did not reach the service; the exit status for it (1 or 2).
 int notAnswered(const char *call, int status);
+
+} // namespace dlm
