@@ -13,8 +13,7 @@ namespace dlm {
 // Runs work on the thread that created the queue, in the order it was posted, from any thread.
 // Hand-over uses a plain mutex and an eventfd (not Qt's event queue), so ThreadSanitizer sees
 // every hand-over. Must be created and destroyed on its own thread.
-class MainThreadQueue : public QObject
-{
+class MainThreadQueue : public QObject {
 public:
     MainThreadQueue();
     ~MainThreadQueue() override;

@@ -1,5 +1,4 @@
 
 namespace dlm {
 
-
 } // namespace dlm

@@ -39,7 +39,8 @@ void TokenBucket::setRate(int64_t bytesPerSecond, int64_t nowMs)
 void TokenBucket::refill(int64_t nowMs)
 {
     if (perSecond > 0 && nowMs > lastMs)
-        tokens = std::min(perSecond / 4, tokens + std::min<int64_t>(nowMs - lastMs, 1000) * perSecond / 1000);
+        tokens = std::min(
+            perSecond / 4, tokens + std::min<int64_t>(nowMs - lastMs, 1000) * perSecond / 1000);
     lastMs = std::max(lastMs, nowMs);
 }
 

@@ -15,8 +15,7 @@ std::vector<int64_t> shareRates(int64_t overall, const std::vector<int64_t> &own
 // Paces one transfer at a rate: bytes that arrive are always taken (libcurl hands over a whole
 // buffer), and the debt they leave says how long the transfer must then rest. A burst of a
 // quarter second's bytes may pass unpaced.
-class TokenBucket
-{
+class TokenBucket {
 public:
     void setRate(int64_t bytesPerSecond, int64_t nowMs);
     int64_t rate() const { return perSecond; }

@@ -13,15 +13,13 @@ namespace dlm {
 // Live progress bars on a terminal, one line per download, redrawn in place on each update.
 // Each line fits the terminal's width at that redraw (a wrapped line would garble the next
 // redraw): the bar shrinks first, then the line is cut.
-class ProgressView
-{
+class ProgressView {
 public:
-    explicit ProgressView(FILE *out) : out(out) {}
+    explicit ProgressView(FILE *out) : out(out) { }
     void update(const IDownload &record);
 
 private:
-    struct Row
-    {
+    struct Row {
         IDownload record;
         double rate = 0; // bytes per second, smoothed; the service's when it sends one
         int64_t lastBytes = 0;

@@ -7,11 +7,11 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <mutex>
-#include <cstdio>
-#include <cstdlib>
 #include <thread>
 #include <unistd.h>
 
@@ -76,8 +76,7 @@ private:
 
 // Collects update callbacks, which arrive on IPC pool threads, for the main thread, or hands
 // them to a sink on the thread they arrive on.
-class UpdateQueue : public BnDLClient, public android::IBinder::DeathRecipient
-{
+class UpdateQueue : public BnDLClient, public android::IBinder::DeathRecipient {
 public:
     void onDownloadUpdate(IDownload download) override
     {
