@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <unistd.h>
 
+namespace dlm {
+
 static int OnGetFocus()
 {
     puts("[DOWNLOAD]OnGetFocus()");
@@ -109,27 +111,29 @@ static QList<FrontEnd *> buildFrontEnds(DownloadManager *manager)
     return frontEnds;
 }
 
+} // namespace dlm
+
 int main(int argc, char *argv[])
 {
     // Lines on standard output must reach a pipe or a log collector as they are printed.
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    installEscapingLogger();
+    dlm::installEscapingLogger();
 
-    if (APM_Join(&appCtrlHandler) != 0) {
+    if (APM_Join(&dlm::appCtrlHandler) != 0) {
         puts("APM client test program aborted.");
         return -1;
     }
     puts("DOWNLOAD APM JOIN SUCCESS!!.");
-    applyLogLevel();
+    dlm::applyLogLevel();
 
     int status = 0;
     {
         QCoreApplication app(argc, argv);
-        DownloadManager manager(buildFrontEnds);
+        dlm::DownloadManager manager(dlm::buildFrontEnds);
         if (manager.startRefused()) {
             status = 1; // the manager logged which directory is taken
         } else {
-            QTimer::singleShot(0, &manager, &DownloadManager::execute);
+            QTimer::singleShot(0, &manager, &dlm::DownloadManager::execute);
             app.exec();
         }
     }

@@ -4,6 +4,8 @@
 #include "DownloadManager.h"
 #include "IDLService.h"
 
+namespace dlm {
+
 namespace {
 
 QString ownPrefix(uint caller)
@@ -74,3 +76,5 @@ std::string cut(const std::string &text, size_t max)
 }
 
 } // namespace CallerView
+
+} // namespace dlm

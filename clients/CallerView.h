@@ -4,9 +4,12 @@
 
 #include <string>
 
+class IDownload;
+
+namespace dlm {
+
 class Download;
 class DownloadManager;
-class IDownload;
 
 // How a caller over IPC names and sees downloads. An identifier that a caller other than root
 // gives is its own: stored as "UID:ID", so it never collides with root's or another user's, and
@@ -28,3 +31,5 @@ std::string cut(const std::string &text, size_t max);
 constexpr char kCutMarker[] = "...(truncated)";
 
 } // namespace CallerView
+
+} // namespace dlm

@@ -14,6 +14,8 @@
 #include <memory>
 #include <unistd.h>
 
+namespace dlm {
+
 using namespace android;
 
 namespace {
@@ -431,3 +433,5 @@ void DLBinderClient::updateDownloadEntry(Download *download)
             IDLClient::ON_DOWNLOAD_UPDATE, update, nullptr, IBinder::FLAG_ONEWAY);
     }
 }
+
+} // namespace dlm

@@ -13,6 +13,8 @@
 #include <shared_mutex>
 #include <vector>
 
+namespace dlm {
+
 // The service other processes reach as "com.velta.DLService". IPC calls arrive on pool threads
 // and reach the manager only through one MainThreadQueue, in order of arrival: one-way requests
 // are queued, queries and the download path run there while the pool thread waits, so they see
@@ -74,3 +76,5 @@ private:
     EventClients eventClients;
     ManagerGate gate; // the one way to the manager; closed by destroy()
 };
+
+} // namespace dlm

@@ -12,6 +12,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+namespace dlm {
+
 namespace {
 const QString kShellClientID = QStringLiteral("shell");
 const QString kShellDirectory = QStringLiteral("/tmp/");
@@ -310,3 +312,5 @@ void DLConsoleReaderClient::getDownload(const QString &uniqueID)
     }
     printDownload("Download status:", download);
 }
+
+} // namespace dlm

@@ -8,6 +8,8 @@
 
 class QSocketNotifier;
 
+namespace dlm {
+
 // Operator console: one command per line on standard input, answers and a line for every change
 // of any download on standard error (through qDebug). Acts as client "shell". Main thread only.
 class DLConsoleReaderClient : public QObject, public FrontEnd {
@@ -42,3 +44,5 @@ private:
     // Bytes read from standard input that do not yet form a complete line.
     QByteArray pendingInput;
 };
+
+} // namespace dlm

@@ -3,6 +3,8 @@
 #include <UserShare.h>
 #include <binder/BpBinder.h>
 
+namespace dlm {
+
 using namespace android;
 
 const char *EventClients::add(const sp<IDLClient> &client, uint uid)
@@ -70,3 +72,5 @@ bool EventClients::at(size_t i, sp<IDLClient> *client, uint *uid)
     *uid = entries[i].uid;
     return true;
 }
+
+} // namespace dlm

@@ -5,6 +5,8 @@
 #include <mutex>
 #include <vector>
 
+namespace dlm {
+
 // The event clients other processes registered, each with the uid of the caller that registered
 // it, each registered once. Every cap has a share per connection and per uid below the total,
 // and the uids other than root together leave a reserve that only root may use. Thread-safe.
@@ -32,3 +34,5 @@ private:
     std::vector<Entry> entries;
     std::mutex mutex;
 };
+
+} // namespace dlm

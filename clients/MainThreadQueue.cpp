@@ -5,6 +5,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+namespace dlm {
+
 MainThreadQueue::MainThreadQueue()
     : wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), notifier(nullptr)
 {
@@ -59,3 +61,5 @@ void MainThreadQueue::runPending()
     for (auto &work : batch)
         work();
 }
+
+} // namespace dlm

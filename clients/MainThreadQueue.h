@@ -8,11 +8,12 @@
 
 class QSocketNotifier;
 
+namespace dlm {
+
 // Runs work on the thread that created the queue, in the order it was posted, from any thread.
 // Hand-over uses a plain mutex and an eventfd (not Qt's event queue), so ThreadSanitizer sees
 // every hand-over. Must be created and destroyed on its own thread.
-class MainThreadQueue : public QObject
-{
+class MainThreadQueue : public QObject {
 public:
     MainThreadQueue();
     ~MainThreadQueue() override;
@@ -31,3 +32,5 @@ private:
     std::deque<std::function<void()>> pending;
     bool closed = false;
 };
+
+} // namespace dlm

@@ -2,6 +2,8 @@
 
 #include <binder/IPCThreadState.h>
 
+namespace dlm {
+
 void ManagerGate::close()
 {
     MainThreadQueue *closing = nullptr;
@@ -28,3 +30,5 @@ void ManagerGate::post(std::function<void(DownloadManager *)> request)
             request(target);
     });
 }
+
+} // namespace dlm

@@ -12,6 +12,8 @@
 #include <mutex>
 #include <shared_mutex>
 
+namespace dlm {
+
 // The one way from IPC pool threads into the manager's thread: every call, one-way or answered,
 // is queued on one MainThreadQueue in order of arrival, and the manager pointer is used only
 // under the gate's lock, so that after close() no thread reaches the manager.
@@ -76,3 +78,5 @@ template <typename R> R ManagerGate::ask(R fallback, std::function<R(DownloadMan
     }
     return answer->value;
 }
+
+} // namespace dlm

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+namespace dlm {
+
 bool AccessPolicy::mayTouch(uint callerUid, const Download *download)
 {
     return callerUid == 0 || download->ownerUid == callerUid;
@@ -17,3 +19,5 @@ int AccessPolicy::capReached(uint ownerUid, const QList<Download *> &downloads) 
         [ownerUid](const Download *d) { return d->ownerUid == ownerUid; });
     return owned >= maxPerUser ? int(owned) : -1;
 }
+
+} // namespace dlm

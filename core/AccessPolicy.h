@@ -2,6 +2,8 @@
 
 #include <QList>
 
+namespace dlm {
+
 class Download;
 
 // Who may see and control which download, and how many downloads a user may have. Uid 0 (root,
@@ -18,3 +20,5 @@ public:
 private:
     int maxPerUser;
 };
+
+} // namespace dlm

@@ -1,0 +1,4 @@
+
+namespace dlm {
+
+} // namespace dlm

@@ -4,6 +4,8 @@
 #include "FileNames.h"
 #include "FileTrust.h"
 
+namespace dlm {
+
 std::unique_ptr<DownloadDataBase> DatabaseHome::open(
     const QString &directory, DownloadDataBase::RowReader reader, bool *busy)
 {
@@ -34,3 +36,5 @@ std::unique_ptr<DownloadDataBase> DatabaseHome::open(
     }
     return std::make_unique<DownloadDataBase>(file, std::move(reader));
 }
+
+} // namespace dlm

@@ -5,6 +5,8 @@
 
 #include <memory>
 
+namespace dlm {
+
 // The database's directory. Its files are used only when nobody but root could change them (one
 // ERROR line otherwise: the service runs without persistence), and the directory is held
 // against a second service for as long as this object lives.
@@ -18,3 +20,5 @@ public:
 private:
     DirectoryLock lock;
 };
+
+} // namespace dlm

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+namespace dlm {
+
 long long disk::availableBytes(const QString &path)
 {
     struct statvfs info;
@@ -20,3 +22,5 @@ long long disk::deviceOf(const QString &path)
         return -1;
     return static_cast<long long>(info.st_dev);
 }
+
+} // namespace dlm

@@ -13,6 +13,8 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+namespace dlm {
+
 const QString DownloadDirectories::kDefaultClientID = QStringLiteral("DEFAULT_CLIENT_ID");
 
 namespace {
@@ -159,3 +161,5 @@ QString DownloadDirectories::reserveFileName(
         }
     }
 }
+
+} // namespace dlm

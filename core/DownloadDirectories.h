@@ -5,6 +5,8 @@
 #include <QSet>
 #include <QString>
 
+namespace dlm {
+
 // Where downloads go: one canonical directory per (owner uid, client id), and "DEFAULT_CLIENT_ID"
 // of root as every uid's fallback. Also the file paths of the live downloads, so that a new
 // download never shares one with another download or an existing file. Main thread only.
@@ -46,3 +48,5 @@ private:
     QSet<PathKey> chosen; // set by the uid itself, not defaults
     QSet<QString> reserved;
 };
+
+} // namespace dlm

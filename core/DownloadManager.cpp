@@ -4,13 +4,13 @@
 #include "DiskSpace.h"
 #include "DlmLog.h"
 #include "Download.h"
-#include "RetrySchedule.h"
 #include "DownloadDataBase.h"
 #include "DownloadRules.h"
 #include "NetworkWatch.h"
 #include "OwnedFile.h"
 #include "RateGovernor.h"
 #include "RequestQueue.h"
+#include "RetrySchedule.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -20,6 +20,8 @@
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
+
+namespace dlm {
 
 namespace {
 const QString kDefaultPath = QStringLiteral("/tmp/");
@@ -147,8 +149,8 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     // Reserved now, before the download has written anything.
     const QString filePath = directories.reserveFileName(clientID, url, ownerUid);
 
-    Download *download = new Download([this](Download *d) { updateDownload(d); }, engine,
-        id, clientID, url, name.isEmpty() ? filePath : name);
+    Download *download = new Download([this](Download *d) { updateDownload(d); }, engine, id,
+        clientID, url, name.isEmpty() ? filePath : name);
     download->setMaxRetries(maxRetries);
     download->hasRoute = routeCheck();
     download->filePath = filePath;
@@ -491,3 +493,5 @@ StoredRecord DownloadManager::storedRecord(DownloadDataBase::RowKey row)
         d->fileIdentity, d->content.expectedSize(), d->content.expectedSha256(), d->validator,
         d->failureReason, d->httpStatus, d->rateLimit, d->priority };
 }
+
+} // namespace dlm

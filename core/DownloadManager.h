@@ -15,6 +15,8 @@
 
 #include <functional>
 
+namespace dlm {
+
 class Download;
 class CurlEngine;
 class NetworkWatch;
@@ -169,3 +171,5 @@ private:
     bool refused = false;
     bool quitting = false;
 };
+
+} // namespace dlm

@@ -10,6 +10,8 @@
 #include <atomic>
 #include <chrono>
 
+namespace dlm {
+
 bool rules::isHttpUrl(const QString &url)
 {
     const QUrl parsed(url);
@@ -40,3 +42,5 @@ QString rules::newUniqueID(const QString &url)
             qint64(std::chrono::duration_cast<std::chrono::microseconds>(now).count())));
     return QString::fromLatin1(hash.result().toHex());
 }
+
+} // namespace dlm

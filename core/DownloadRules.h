@@ -2,6 +2,8 @@
 
 #include <QString>
 
+namespace dlm {
+
 class Download;
 
 // What a request or a stored row must look like for the service to carry it out.
@@ -13,3 +15,5 @@ QString storedRowFault(const Download *download);
 // 32 lowercase hexadecimal characters, different on every call.
 QString newUniqueID(const QString &url);
 } // namespace rules
+
+} // namespace dlm

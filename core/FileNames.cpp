@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QUrl>
 
+namespace dlm {
+
 namespace filenames {
 
 QString fromUrl(const QString &url)
@@ -63,3 +65,5 @@ QString join(const QString &directory, const QString &name)
 }
 
 } // namespace filenames
+
+} // namespace dlm

@@ -2,6 +2,8 @@
 
 #include <QString>
 
+namespace dlm {
+
 // Where a download's content goes on disk: the file name a URL gives, and its join to a
 // directory. Pure text rules; nothing here looks at the disk.
 namespace filenames {
@@ -25,3 +27,5 @@ bool isPlainName(const QString &name);
 QString join(const QString &directory, const QString &name);
 
 } // namespace filenames
+
+} // namespace dlm

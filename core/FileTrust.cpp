@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace dlm {
+
 namespace filetrust {
 
 QString distrust(const QString &path)
@@ -21,3 +23,5 @@ QString distrust(const QString &path)
 }
 
 } // namespace filetrust
+
+} // namespace dlm

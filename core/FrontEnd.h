@@ -1,5 +1,7 @@
 #pragma once
 
+namespace dlm {
+
 class Download;
 
 // What the manager asks of a front end (the console, the IPC service) without knowing which.
@@ -16,3 +18,5 @@ public:
 protected:
     ~FrontEnd() = default;
 };
+
+} // namespace dlm

@@ -4,6 +4,8 @@
 #include "RateGovernor.h"
 #include "ServiceSettings.h"
 
+namespace dlm {
+
 namespace {
 // A setting beyond the bounds is no limit at all, said once in the log.
 qint64 rateSetting(const ServiceSettings &settings, const char *key)
@@ -40,3 +42,5 @@ void RateLimits::apply()
 {
     governor->setOverall(backgroundOn ? backgroundLimit : overall);
 }
+
+} // namespace dlm

@@ -2,6 +2,8 @@
 
 #include <QtGlobal>
 
+namespace dlm {
+
 class RateGovernor;
 class ServiceSettings;
 
@@ -38,3 +40,5 @@ private:
     qint64 backgroundLimit;
     bool backgroundOn = false;
 };
+
+} // namespace dlm

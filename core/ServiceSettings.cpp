@@ -7,6 +7,8 @@
 #include <QFileInfo>
 #include <QSettings>
 
+namespace dlm {
+
 ServiceSettings::ServiceSettings(const QString &path)
 {
     DLM_LOGI("settings file : %s", qUtf8Printable(path));
@@ -53,3 +55,5 @@ qint64 ServiceSettings::amount(const QString &key, qint64 defaultValue) const
     const qint64 value = text(key, QString::number(defaultValue)).toLongLong(&numeric, 10);
     return (numeric && value >= 0) ? value : defaultValue;
 }
+
+} // namespace dlm

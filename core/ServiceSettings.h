@@ -6,6 +6,8 @@
 
 class QSettings;
 
+namespace dlm {
+
 // The settings file. One that another user owns or that group or others may write (or whose
 // directory is such) is not read: one ERROR line, and every value keeps its default. Every value
 // read is logged.
@@ -26,3 +28,5 @@ public:
 private:
     std::unique_ptr<QSettings> settings; // null when not trusted
 };
+
+} // namespace dlm

@@ -45,15 +45,16 @@ int run(int argc, char **argv)
     std::string id;
     const int32_t status = client.create(url, &id);
     if (status != IDLService::REQUEST_CREATED) {
-        fprintf(stderr, "download-example: the service refused %s (status %d)\n", url.c_str(),
-                status);
+        fprintf(
+            stderr, "download-example: the service refused %s (status %d)\n", url.c_str(), status);
         return status < 0 ? 2 : 1;
     }
 
     IDownload record;
     while (!finished(record)) {
         std::unique_lock<std::mutex> lock(mutex);
-        if (!arrived.wait_for(lock, std::chrono::seconds(1), [&] { return latest.count(id) > 0; })) {
+        if (!arrived.wait_for(
+                lock, std::chrono::seconds(1), [&] { return latest.count(id) > 0; })) {
             lock.unlock();
             // Quiet for a second: ask, so that a service that went away is noticed.
             const int found = client.get(id, &record);
@@ -66,7 +67,7 @@ int run(int argc, char **argv)
         record = latest[id];
         latest.erase(id);
         printf("%s %lld/%lld bytes, %lld B/s\n", id.c_str(), (long long)record.amountDownloaded,
-               (long long)record.totalSize, (long long)record.bytesPerSecond);
+            (long long)record.totalSize, (long long)record.bytesPerSecond);
     }
     client.onUpdate(nullptr);
     if (record.state == STATE_COMPLETED)

@@ -4,10 +4,9 @@
 
 using namespace android;
 
-class BpDLClient : public BpInterface<IDLClient>
-{
+class BpDLClient : public BpInterface<IDLClient> {
 public:
-    explicit BpDLClient(const sp<IBinder> &impl) : BpInterface<IDLClient>(impl) {}
+    explicit BpDLClient(const sp<IBinder> &impl) : BpInterface<IDLClient>(impl) { }
 
     void onDownloadUpdate(IDownload download) override
     {

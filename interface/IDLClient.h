@@ -5,8 +5,7 @@
 #include <binder/IInterface.h>
 
 // Callback interface of an event client: told of every change of every download.
-class IDLClient : public android::IInterface
-{
+class IDLClient : public android::IInterface {
 public:
     DECLARE_META_INTERFACE(DLClient);
 
@@ -16,9 +15,8 @@ public:
     virtual void onDownloadUpdate(IDownload download) = 0;
 };
 
-class BnDLClient : public android::BnInterface<IDLClient>
-{
+class BnDLClient : public android::BnInterface<IDLClient> {
 protected:
-    android::status_t onTransact(uint32_t code, const android::Parcel &data,
-                                 android::Parcel *reply, uint32_t flags = 0) override;
+    android::status_t onTransact(uint32_t code, const android::Parcel &data, android::Parcel *reply,
+        uint32_t flags = 0) override;
 };

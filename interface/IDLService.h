@@ -12,8 +12,7 @@
 // The download service's interface for other processes. Every call is synchronous; results of
 // the proxy are negative status codes when the call did not reach the service. All text (client
 // ids, URLs, identifiers, names, paths, and the text members of IDownload) is UTF-8, both ways.
-class IDLService : public android::IInterface
-{
+class IDLService : public android::IInterface {
 public:
     DECLARE_META_INTERFACE(DLService);
 
@@ -67,11 +66,11 @@ public:
     // Status of setDownloadPath; negative values mean the call did not reach the service.
     enum DownloadPathStatus : int32_t {
         PATH_SET = 0,
-        PATH_NOT_ABSOLUTE = 1,    // empty or relative: refused, nothing changed
+        PATH_NOT_ABSOLUTE = 1, // empty or relative: refused, nothing changed
         PATH_NOT_A_DIRECTORY = 2, // missing, or not a directory: refused, nothing changed
-        PATH_NOT_PERMITTED = 3,   // the caller may not write there, or may not set this client
-        PATH_NOT_WRITABLE = 4,    // the service cannot write there now: a read-only file system,
-                                  // or outside what its sandbox lets it write (ReadWritePaths=)
+        PATH_NOT_PERMITTED = 3, // the caller may not write there, or may not set this client
+        PATH_NOT_WRITABLE = 4, // the service cannot write there now: a read-only file system,
+                               // or outside what its sandbox lets it write (ReadWritePaths=)
     };
     // Answers of getDownload.
     enum DownloadLookup : int { DOWNLOAD_NOT_FOUND = 0, DOWNLOAD_FOUND = 1 };
@@ -81,16 +80,17 @@ public:
     // negative values mean the call did not reach the service.
     enum ControlStatus : int32_t {
         CONTROL_DONE = 0,
-        CONTROL_NOT_FOUND = 1,     // no download of the caller's has that identifier
+        CONTROL_NOT_FOUND = 1, // no download of the caller's has that identifier
         CONTROL_NOT_PERMITTED = 2, // its stored record is unusable: it is never run again;
                                    // overall limit and background mode: the caller is not root
-        CONTROL_WRONG_STATE = 3,   // pause: not Pending, Progressing or Stalled;
-                                   // resume: not Paused or Failed
-        CONTROL_BAD_VALUE = 4,     // a rate or priority out of bounds: nothing changed
+        CONTROL_WRONG_STATE = 3, // pause: not Pending, Progressing or Stalled;
+                                 // resume: not Paused or Failed
+        CONTROL_BAD_VALUE = 4, // a rate or priority out of bounds: nothing changed
     };
 
     virtual void createDownload(const std::string &clientID, const std::string &url,
-                                const std::string &uniqueID, const std::string &name) = 0;
+        const std::string &uniqueID, const std::string &name)
+        = 0;
     virtual void addClient(const android::sp<IDLClient> &client) = 0;
     virtual void removeClient(const android::sp<IDLClient> &client) = 0;
     virtual void removeDownload(const std::string &uniqueID) = 0;
@@ -109,24 +109,25 @@ public:
     // negative size is refused with BAD_VALUE.
     virtual int checkSpaceAvailability(const std::string &clientID, const long long &size) = 0;
     // The directory of the client's next downloads; a DownloadPathStatus.
-    virtual int32_t setDownloadPath(const std::string &clientID,
-                                    const std::string &downloadPath) = 0;
+    virtual int32_t setDownloadPath(const std::string &clientID, const std::string &downloadPath)
+        = 0;
     // Creates a download at once and answers; the one-way createDownload stays for old clients.
     virtual int32_t requestDownload(const std::string &clientID, const std::string &url,
-                                    const std::string &uniqueID, const std::string &name,
-                                    std::string *uniqueIDOut) = 0;
+        const std::string &uniqueID, const std::string &name, std::string *uniqueIDOut)
+        = 0;
     // One page of getDownloadList's records in identifier order: those whose identifier sorts
     // after `after` (all from the first when empty), as many as one reply holds. Returns how many
     // records `page` holds, 0 past the last one, negative when the call did not reach the service.
-    virtual int listDownloadsPage(const std::string &clientID, const std::string &after,
-                                  std::vector<IDownload> *page) = 0;
+    virtual int listDownloadsPage(
+        const std::string &clientID, const std::string &after, std::vector<IDownload> *page)
+        = 0;
     // requestDownload for a known content: it ends Failed with FAILURE_CONTENT_MISMATCH unless
     // it has expectedSize bytes (-1: any) whose SHA-256 is sha256Hex (64 hex digits; empty: any).
     // A negative size or a digest of another form is REQUEST_BAD_ARGUMENT; nothing is made.
     virtual int32_t requestDownloadChecked(const std::string &clientID, const std::string &url,
-                                           const std::string &uniqueID, const std::string &name,
-                                           int64_t expectedSize, const std::string &sha256Hex,
-                                           std::string *uniqueIDOut) = 0;
+        const std::string &uniqueID, const std::string &name, int64_t expectedSize,
+        const std::string &sha256Hex, std::string *uniqueIDOut)
+        = 0;
     // Pause, resume and remove that answer with a ControlStatus ("all": CONTROL_DONE); the
     // one-way calls above stay for older clients.
     virtual int32_t requestPause(const std::string &uniqueID) = 0;
@@ -143,10 +144,9 @@ public:
     // requestDownloadChecked with the download's own rate limit and priority from the start; one
     // out of bounds is REQUEST_BAD_ARGUMENT and nothing is made.
     virtual int32_t requestDownloadOrdered(const std::string &clientID, const std::string &url,
-                                           const std::string &uniqueID, const std::string &name,
-                                           int64_t expectedSize, const std::string &sha256Hex,
-                                           int64_t rateLimit, int32_t priority,
-                                           std::string *uniqueIDOut) = 0;
+        const std::string &uniqueID, const std::string &name, int64_t expectedSize,
+        const std::string &sha256Hex, int64_t rateLimit, int32_t priority, std::string *uniqueIDOut)
+        = 0;
 
     // Every record getDownloadList names, by value, read page by page (so lists of any length);
     // the number of records, or negative when a call did not reach the service.
@@ -154,9 +154,8 @@ public:
 };
 
 // Server stub: unpacks each transaction and calls the matching operation.
-class BnDLService : public android::BnInterface<IDLService>
-{
+class BnDLService : public android::BnInterface<IDLService> {
 public:
-    android::status_t onTransact(uint32_t code, const android::Parcel &data,
-                                 android::Parcel *reply, uint32_t flags = 0) override;
+    android::status_t onTransact(uint32_t code, const android::Parcel &data, android::Parcel *reply,
+        uint32_t flags = 0) override;
 };

@@ -68,7 +68,7 @@ public:
     // Completed download that has one matched it.
     std::string expectedSha256;
     int64_t rateLimit; // its own limit in bytes per second; 0 when none
-    int32_t priority;  // among downloads waiting for a slot, higher first; 0 by default
+    int32_t priority; // among downloads waiting for a slot, higher first; 0 by default
 
     // One record: its first part and its tail.
     android::status_t writeToParcel(android::Parcel *parcel) const;

@@ -8,6 +8,8 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+namespace dlm {
+
 DirectoryLock::~DirectoryLock()
 {
     if (fd >= 0)
@@ -31,3 +33,5 @@ DirectoryLock::Result DirectoryLock::lock(const QString &directory)
     }
     return Locked;
 }
+
+} // namespace dlm

@@ -2,6 +2,8 @@
 
 #include <QString>
 
+namespace dlm {
+
 // An exclusive advisory lock (flock) on a directory, held until this object is destroyed or the
 // process ends, however it ends. Two services on one database directory would both relaunch the
 // stored downloads into the same files.
@@ -23,3 +25,5 @@ private:
     int fd = -1;
     QString error;
 };
+
+} // namespace dlm

@@ -8,6 +8,8 @@
 
 #include <utility>
 
+namespace dlm {
+
 namespace {
 const QString kTable = QStringLiteral("downloads");
 const QString kPathsTable = QStringLiteral("download_paths");
@@ -426,3 +428,5 @@ QList<DownloadDataBase::StoredPath> DownloadDataBase::downloadPaths()
             { query.value(0).toUInt(), query.value(1).toString(), query.value(2).toString() });
     return result;
 }
+
+} // namespace dlm

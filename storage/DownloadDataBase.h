@@ -13,6 +13,8 @@
 
 #include <functional>
 
+namespace dlm {
+
 // The "downloads" table in SQLite, one row per download with its owner's uid (a column added in
 // place to older files, their rows read as root's), and the "download_paths" table, one
 // directory per (owner uid, client id), and the "download_extra" table, the per-download values
@@ -98,3 +100,5 @@ private:
     QSqlQuery extra;
     QTimer flushTimer;
 };
+
+} // namespace dlm

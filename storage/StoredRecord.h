@@ -5,6 +5,8 @@
 #include <QByteArray>
 #include <QString>
 
+namespace dlm {
+
 // One download as the database keeps it: the "downloads" row and its "download_extra" values.
 struct StoredRecord {
     QString uniqueID;
@@ -27,3 +29,5 @@ struct StoredRecord {
     qint64 rateLimit = 0; // bytes per second; 0: none
     int priority = 0;
 };
+
+} // namespace dlm

@@ -37,8 +37,10 @@ Lines ask(Service &svc, const QByteArray &input)
 }
 
 struct Command { // a row of commands(); @R, the row's directory, goes after each '|' part of input
-    QByteArray input; Lines expected;
-    QStringList taken = {}; QByteArrayList logged = {}; // names made in @R first; each ends a log line
+    QByteArray input;
+    Lines expected;
+    QStringList taken = {};
+    QByteArrayList logged = {}; // names made in @R first; each ends a log line
 };
 
 struct Start { // a row of startup(); @S is the service's own directory, @F that of one running
@@ -147,7 +149,9 @@ private slots:
         const auto beyond = (fs.f_bavail + (fs.f_bfree - fs.f_bavail) / 2) * fs.f_bsize + 1;
         Lines seen;
         for (const QByteArray &part : row.input.split('|')) {
-            seen += ask(shell, QByteArray(part).replace("@R", dir).replace("@A", QByteArray::number(quint64(beyond))));
+            seen += ask(shell,
+                QByteArray(part).replace("@R", dir).replace(
+                    "@A", QByteArray::number(quint64(beyond))));
             QVERIFY(QDir(dir).removeRecursively());
         }
         QCOMPARE(seen.join('\n').replace(dir, "@R"), row.expected.join('\n'));
@@ -172,7 +176,8 @@ private slots:
         };
         QCOMPARE(svc.start(loosen), !row.input.isNull());
         if (!row.input.isNull()) {
-            QVERIFY(waitFor("its standard output: " + row.out, [&] { return svc.proc.out().size() >= row.out.size(); }));
+            QVERIFY(waitFor("its standard output: " + row.out,
+                [&] { return svc.proc.out().size() >= row.out.size(); }));
             QCOMPARE(svc.dlctl({ "list" }).code, 0); // after OnDestroy too
             svc.proc.write(row.input);
             svc.proc.closeInput();
@@ -191,7 +196,8 @@ private slots:
         FakeHttpServer server;
         const QByteArray slow = FakeHttpServer::makeBody(400000, 3),
                          quick = FakeHttpServer::makeBody(100000, 9);
-        server.setResource("/slow.bin", { .body = slow, .chunkSize = 4000, .chunkDelayMs = 20 }); // still running when paused
+        server.setResource("/slow.bin",
+            { .body = slow, .chunkSize = 4000, .chunkDelayMs = 20 }); // still running when paused
         server.setBody("/quick.bin", quick);
         Service svc({}, { "MAX_PACKET_COUNT=-1", "DLM_REPORT_INTERVAL_MS=0" }); // commit per change
         QVERIFY(svc.start());
@@ -200,7 +206,8 @@ private slots:
         svc.line("download_path " + svc.path("downloads").toUtf8() + "\ncreate "
             + server.url("/slow.bin").toEncoded() + "\ncreate "
             + server.url("/quick.bin").toEncoded());
-        QVERIFY(svc.waitErr(qDone) && waitFor("slow.bin's first bytes", [&] { return QFileInfo(s).size(); }));
+        QVERIFY(svc.waitErr(qDone)
+            && waitFor("slow.bin's first bytes", [&] { return QFileInfo(s).size(); }));
         const auto ids = svc.sql("SELECT uniqueID FROM downloads ORDER BY rowid");
         const QByteArray idS = ids[0][0].toByteArray(), idQ = ids[1][0].toByteArray();
 

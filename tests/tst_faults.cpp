@@ -140,7 +140,8 @@ const char *const kInsertRow
 
 bool waitRows(Service &s, const QByteArray &id, const QByteArray &prefix)
 {
-    return waitFor("rows " + id + " at " + prefix, [&] { return stored(s, id).startsWith(prefix); });
+    return waitFor(
+        "rows " + id + " at " + prefix, [&] { return stored(s, id).startsWith(prefix); });
 }
 
 // Each request's Range offset for id and below ("-": none, "!": no Accept-Encoding: identity).
@@ -228,7 +229,8 @@ private slots:
         QTest::newRow("two per host") << "max_connections_per_host" << 1 << false << false;
         QTest::newRow("two downloads at once") << "max_active_downloads" << 1 << false << false;
         QTest::newRow("retries spent while the network is gone") << "" << 5 << true << false;
-        QTest::newRow("a raised priority waits least") << "max_active_downloads" << 1 << false << true;
+        QTest::newRow("a raised priority waits least")
+            << "max_active_downloads" << 1 << false << true;
     }
     void queued();
 
@@ -302,7 +304,8 @@ void tst_Faults::serverFaults()
         QVERIFY(!r.othersBacklog || svc.dlctl({ "pause", "all" }, kUser).code == 0);
     });
     if (r.othersBacklog) { // they trickle from the same host before this one is asked for
-        server.setResource("/backlog", { .body = QByteArray(1000, 'x'), .chunkSize = 1, .chunkDelayMs = 1000 });
+        server.setResource(
+            "/backlog", { .body = QByteArray(1000, 'x'), .chunkSize = 1, .chunkDelayMs = 1000 });
         QVERIFY(QProcess::execute("install", { "-d", "-o", kUser, svc.path(kUser) }) == 0);
         QVERIFY(svc.dlctl({ "set-path", "dlctl", svc.path(kUser) }, kUser).code == 0);
     }
@@ -319,7 +322,8 @@ void tst_Faults::serverFaults()
     if (QTest::currentTestFailed())
         return;
     const QByteArray seen = id + ' ' + id + ' ' + end + ' ';
-    QVERIFY(waitFor("the watcher to hear " + seen, [&] { return watcher->out().contains(seen); }) && svc.sync());
+    QVERIFY(waitFor("the watcher to hear " + seen, [&] { return watcher->out().contains(seen); })
+        && svc.sync());
     QVERIFY2(watcher->out().contains(id + ' ' + id + ' ' + r.heard), r.heard);
     const QByteArray row = stored(svc, id), n = QByteArray::number(r.bytes),
                      total = row.split(' ').value(3), name8 = file.toUtf8(), q8 = '"' + name8 + '"';
@@ -337,7 +341,8 @@ void tst_Faults::serverFaults()
     QCOMPARE(readFile(file), body(id).left(r.bytes));
     QVERIFY(r.ranges == QByteArray("*") || ranges(server, id) == r.ranges);
     const QByteArrayList warned = grep(svc.log(mark), "Download " + id + " failed: ");
-    QVERIFY2(warned.size() == (*r.reason ? 1 : 0) && warned.join().contains(r.reason), warned.join());
+    QVERIFY2(
+        warned.size() == (*r.reason ? 1 : 0) && warned.join().contains(r.reason), warned.join());
 }
 
 void tst_Faults::queued()
@@ -366,17 +371,25 @@ void tst_Faults::queued()
     QVERIFY(!netLoss || lo("del")); // the server stays bound to an address with no route
     QByteArray creates; // in one write, so that they overlap on any machine
     for (const QByteArray &id : ids) {
-        host.setResource('/' + id, { .body = FakeHttpServer::makeBody(102400, 77), .chunkSize = 1024, .chunkDelayMs = 15 });
+        host.setResource('/' + id,
+            { .body = FakeHttpServer::makeBody(102400, 77),
+                .chunkSize = 1024,
+                .chunkDelayMs = 15 });
         creates += "create " + host.url('/' + id).toEncoded() + '\n';
     }
     one.line(creates.left(raised ? creates.lastIndexOf("\ncreate") : creates.size() - 1));
     if (raised) { // while q0 runs and the others wait
-        QVERIFY(waitFor("six created", [&] { return one.sql("SELECT count(*) FROM downloads").value(0).value(0) == 6; }));
-        QCOMPARE(one.dlctl({ "create", host.url("/q6").toString(), "--client", "shell", "--priority", "5" }).code, 0);
+        QVERIFY(waitFor("six created",
+            [&] { return one.sql("SELECT count(*) FROM downloads").value(0).value(0) == 6; }));
+        QCOMPARE(one.dlctl({ "create", host.url("/q6").toString(), "--client", "shell",
+                               "--priority", "5" })
+                     .code,
+            0);
         ids.move(6, 1);
     }
     if (netLoss) { // all wait past their whole retry schedule, then the route is back
-        const char *stalled = "SELECT count(*) = 7 FROM downloads WHERE state = 32"; // STATE_STALLED
+        const char *stalled
+            = "SELECT count(*) = 7 FROM downloads WHERE state = 32"; // STATE_STALLED
         QVERIFY(
             waitFor("all to stall", [&] { return one.sql(stalled).value(0).value(0).toBool(); }));
         for (const QVariantList &row : one.sql("SELECT uniqueID FROM downloads"))
@@ -387,9 +400,14 @@ void tst_Faults::queued()
     }
     const QByteArray done = netLoss ? "1 102400" : "4 102400"; // the lost route's code stays
     for (const QByteArray &id : ids) {
-        const char *sql = "SELECT failureCode||' '||amountDownloaded FROM downloads WHERE filePath LIKE ? AND state = ?";
+        const char *sql = "SELECT failureCode||' '||amountDownloaded FROM downloads WHERE filePath "
+                          "LIKE ? AND state = ?";
         QVERIFY(waitFor(id + " completed without a failure", [&] {
-            return one.sql(sql, { QString("%/" + id), STATE_COMPLETED }).value(0).value(0).toByteArray() == done;
+            return one.sql(sql, { QString("%/" + id), STATE_COMPLETED })
+                       .value(0)
+                       .value(0)
+                       .toByteArray()
+                == done;
         }));
         QCOMPARE(readFile(one.path("downloads/") + id), host.resource('/' + id).body);
     }
@@ -476,15 +494,20 @@ void tst_Faults::killAndRestart()
         sizes[] { 262144, 262144, 4096, 262144, 3 << 20 };
     const auto file = [&](int i) { return readFile(s.path("downloads/") + ids[i]); };
     for (int i = 0; i < 5; ++i) {
-        server.setResource('/' + ids[i], { .body = FakeHttpServer::makeBody(sizes[i], i), .chunkSize = i == 4 ? 65536 : 4096, .chunkDelayMs = 1, .stallAfter = stalls[i] });
+        server.setResource('/' + ids[i],
+            { .body = FakeHttpServer::makeBody(sizes[i], i),
+                .chunkSize = i == 4 ? 65536 : 4096,
+                .chunkDelayMs = 1,
+                .stallAfter = stalls[i] });
         const QString sha
             = QCryptographicHash::hash(body(ids[i]), QCryptographicHash::Sha256).toHex();
         QCOMPARE(s.dlctl({ "create", url(ids[i]), "--id", ids[i], "--sha256", sha }).code, 0);
     }
     QVERIFY(waitRows(s, "k3", "Progressing 4 32768 "));
     s.line("pause k3");
-    QVERIFY(waitRows(s, "%", "Progressing 4 98304 262144,Progressing 4 0 262144,Completed 4 4096 4096,Paused 4 32768 "
-                              "262144,Failed 3 "));
+    QVERIFY(waitRows(s, "%",
+        "Progressing 4 98304 262144,Progressing 4 0 262144,Completed 4 4096 4096,Paused 4 32768 "
+        "262144,Failed 3 "));
     QVERIFY(s.waitErr("Download k4 failed: cannot write " + s.path("downloads/k4").toUtf8()
         + ": File too large"));
     const QByteArray k4 = stored(s, "k4").split(' ').value(2), expected = stored(s, "%");
@@ -547,7 +570,8 @@ void tst_Faults::connectionFlood()
     const int other = row.served < 0 ? -1 : connectAs(uid_t(row.served));
     QVERIFY(row.served < 0 || replyStatus(other, call(IDLService::GET_DOWNLOAD, { "x" })) == 0);
     close(other);
-#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__) // their per-thread state hides the service's
+#if !defined(__SANITIZE_THREAD__)                                                                  \
+    && !defined(__SANITIZE_ADDRESS__) // their per-thread state hides the service's
     QVERIFY2(rssKiB() - before < 32 * 1024, QByteArray::number(rssKiB() - before));
 #endif
     for (int fd : fds)
@@ -564,7 +588,8 @@ void tst_Faults::connectionFlood()
     const timeval patience { 2, 0 };
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     qint64 sent = 0;
-    while (sent < (16 << 20) && send(fd, remove.constData(), remove.size(), MSG_NOSIGNAL) == remove.size())
+    while (sent < (16 << 20)
+        && send(fd, remove.constData(), remove.size(), MSG_NOSIGNAL) == remove.size())
         sent += remove.size();
     QVERIFY2(sent < (4 << 20), QByteArray::number(sent)); // no longer read
     close(fd);

@@ -8,6 +8,8 @@
 
 #include <QtTest>
 
+using namespace dlm;
+
 using Rows = QList<QVariantList>;
 QList<QByteArray> errors;
 
@@ -61,10 +63,15 @@ private slots:
             { "CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice INTEGER NOT "
               "NULL, fileInode INTEGER NOT NULL)",
                 "INSERT INTO download_extra VALUES ('kept', 5, 6)", "PRAGMA user_version = 1" },
-            { "DROP TABLE download_extra", "CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice INTEGER, fileInode "
-              "INTEGER, validator BLOB, expectedSize INTEGER NOT NULL DEFAULT -1, expectedSha256 TEXT, failureReason TEXT NOT "
-              "NULL DEFAULT '', httpStatus INTEGER NOT NULL DEFAULT 0)",
-                "INSERT INTO download_extra (uniqueID, fileDevice, fileInode) VALUES ('kept', 5, 6)", "PRAGMA user_version = 3" }
+            { "DROP TABLE download_extra",
+                "CREATE TABLE download_extra (uniqueID TEXT PRIMARY KEY, fileDevice INTEGER, "
+                "fileInode "
+                "INTEGER, validator BLOB, expectedSize INTEGER NOT NULL DEFAULT -1, expectedSha256 "
+                "TEXT, failureReason TEXT NOT "
+                "NULL DEFAULT '', httpStatus INTEGER NOT NULL DEFAULT 0)",
+                "INSERT INTO download_extra (uniqueID, fileDevice, fileInode) VALUES ('kept', 5, "
+                "6)",
+                "PRAGMA user_version = 3" }
         };
         for (int version = 0; version <= older; ++version)
             for (const QString &statement : releases[version])
@@ -91,7 +98,8 @@ private slots:
         QCOMPARE(values(manager->getDownloadList("*")), values({ &x, &b }));
         QCOMPARE(manager->getDownloadPath(key) + manager->getDownloadPath(key, 7), "/b/c");
         const Download *restored = manager->getDownload(key);
-        QVERIFY(restored && restored->failureReason == b.failureReason && restored->httpStatus == 404);
+        QVERIFY(
+            restored && restored->failureReason == b.failureReason && restored->httpStatus == 404);
         QVERIFY(restored->rateLimit == 65536 && restored->priority == -7);
         svc.sql("UPDATE downloads SET uniqueID = 'stored' WHERE uniqueID = 'x'"); // not live
         QVERIFY(manager->createDownload("c", "http://h/s", "stored", "")

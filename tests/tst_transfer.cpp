@@ -1,13 +1,15 @@
 // Transfers in-process, where every data notification and every report can be counted.
-#include "DownloadManager.h"
 #include "Download.h"
-#include "HttpAnswer.h"
-#include "RetrySchedule.h"
+#include "DownloadManager.h"
 #include "FakeHttpServer.h"
 #include "Harness.h"
+#include "HttpAnswer.h"
 #include "RateShares.h"
+#include "RetrySchedule.h"
 
 #include <QtTest>
+
+using namespace dlm;
 
 QList<QList<qint64>> reports; // state, total, amount, data arrivals up to the report
 
@@ -58,16 +60,20 @@ private slots:
     void commits_data()
     {
         QTest::addColumn<Commits>("row");
-        QTest::newRow("no count") << Commits {.period = 11};
-        QTest::newRow("count 0") << Commits {.limit = "0", .period = 11};
-        QTest::newRow("count abc") << Commits {.limit = "abc", .period = 11};
-        QTest::newRow("count 1") << Commits {.limit = "1", .period = 2};
-        QTest::newRow("count 3") << Commits {.limit = "3", .period = 4};
-        QTest::newRow("count -2") << Commits {.limit = "-2", .period = 1};
-        QTest::newRow("count -2, an hour apart") << Commits {.limit = "-2", .interval = 3600000, .period = 0};
-        QTest::newRow("length") << Commits {.limit = "1000000", .period = -1};
-        QTest::newRow("chunked") << Commits {.limit = "-2", .interval = 3600000, .period = -1, .framing = "chunked"};
-        QTest::newRow("ended by close") << Commits {.limit = "1000000", .period = -1, .framing = "close"};
+        QTest::newRow("no count") << Commits { .period = 11 };
+        QTest::newRow("count 0") << Commits { .limit = "0", .period = 11 };
+        QTest::newRow("count abc") << Commits { .limit = "abc", .period = 11 };
+        QTest::newRow("count 1") << Commits { .limit = "1", .period = 2 };
+        QTest::newRow("count 3") << Commits { .limit = "3", .period = 4 };
+        QTest::newRow("count -2") << Commits { .limit = "-2", .period = 1 };
+        QTest::newRow("count -2, an hour apart")
+            << Commits { .limit = "-2", .interval = 3600000, .period = 0 };
+        QTest::newRow("length") << Commits { .limit = "1000000", .period = -1 };
+        QTest::newRow("chunked") << Commits {
+            .limit = "-2", .interval = 3600000, .period = -1, .framing = "chunked"
+        };
+        QTest::newRow("ended by close")
+            << Commits { .limit = "1000000", .period = -1, .framing = "close" };
     }
     void commits()
     {
@@ -119,11 +125,12 @@ private slots:
     void shares_data()
     {
         QTest::addColumn<Shares>("row");
-        QTest::newRow("no overall limit: own limits kept") << Shares {0, {100, 0}, {100, 0}};
-        QTest::newRow("overall split evenly") << Shares {1000, {0, 0}, {500, 500}};
+        QTest::newRow("no overall limit: own limits kept") << Shares { 0, { 100, 0 }, { 100, 0 } };
+        QTest::newRow("overall split evenly") << Shares { 1000, { 0, 0 }, { 500, 500 } };
         QTest::newRow("one limited below its share leaves the rest")
-            << Shares {1000, {100, 0, 0}, {100, 450, 450}};
-        QTest::newRow("own limit above the share is cut to it") << Shares {1000, {800, 0}, {500, 500}};
+            << Shares { 1000, { 100, 0, 0 }, { 100, 450, 450 } };
+        QTest::newRow("own limit above the share is cut to it")
+            << Shares { 1000, { 800, 0 }, { 500, 500 } };
     }
     void shares()
     {
@@ -134,13 +141,18 @@ private slots:
     void pacing_data()
     {
         QTest::addColumn<Pacing>("row");
-        QTest::newRow("200 KiB/s in 16 KiB buffers") << Pacing {.rate = 200 << 10, .buffer = 16 << 10};
-        QTest::newRow("a rate below one buffer a second") << Pacing {.rate = 1024, .buffer = 16 << 10};
+        QTest::newRow("200 KiB/s in 16 KiB buffers")
+            << Pacing { .rate = 200 << 10, .buffer = 16 << 10 };
+        QTest::newRow("a rate below one buffer a second")
+            << Pacing { .rate = 1024, .buffer = 16 << 10 };
         QTest::newRow("halved on a running transfer")
-            << Pacing {.rate = 400 << 10, .buffer = 16 << 10, .changeTo = 200 << 10};
-        QTest::newRow("a live download held to its own limit until it is lifted") << Pacing {.rate = 64 << 10, .buffer = 0, .live = "own"};
-        QTest::newRow("held to the overall limit until it is lifted") << Pacing {.rate = 64 << 10, .buffer = 0, .live = "overall"};
-        QTest::newRow("held to the background limit until the mode is off") << Pacing {.rate = 64 << 10, .buffer = 0, .live = "background"};
+            << Pacing { .rate = 400 << 10, .buffer = 16 << 10, .changeTo = 200 << 10 };
+        QTest::newRow("a live download held to its own limit until it is lifted")
+            << Pacing { .rate = 64 << 10, .buffer = 0, .live = "own" };
+        QTest::newRow("held to the overall limit until it is lifted")
+            << Pacing { .rate = 64 << 10, .buffer = 0, .live = "overall" };
+        QTest::newRow("held to the background limit until the mode is off")
+            << Pacing { .rate = 64 << 10, .buffer = 0, .live = "background" };
     }
     void pacing()
     {
@@ -160,8 +172,10 @@ private slots:
             received += row.buffer;
             now += bucket.take(row.buffer, now);
         }
-        const int64_t average = received * 1000 / (now - from), limit = row.changeTo ? row.changeTo : row.rate;
-        QVERIFY2(average >= limit * 9 / 10 && average <= limit * 11 / 10, QByteArray::number(average));
+        const int64_t average = received * 1000 / (now - from),
+                      limit = row.changeTo ? row.changeTo : row.rate;
+        QVERIFY2(
+            average >= limit * 9 / 10 && average <= limit * 11 / 10, QByteArray::number(average));
     }
 
     void livePacing(const Pacing &row)
@@ -175,17 +189,22 @@ private slots:
         DownloadManager manager(dir.filePath("ini"));
         const auto quit = qScopeGuard([&] { manager.quit(); });
         const bool own = row.live == "own", background = row.live == "background";
-        QVERIFY(row.live != "overall" || manager.setRateLimit("all", row.rate) == DownloadManager::ControlStatus::Done);
-        QVERIFY(!background || manager.setBackgroundMode(true) == DownloadManager::ControlStatus::Done);
+        QVERIFY(row.live != "overall"
+            || manager.setRateLimit("all", row.rate) == DownloadManager::ControlStatus::Done);
+        QVERIFY(
+            !background || manager.setBackgroundMode(true) == DownloadManager::ControlStatus::Done);
         QString id;
-        QVERIFY(manager.createDownload("t", server.url("/m").toString(), "", "", &id, 0, {}, {own ? row.rate : 0, 0})
+        QVERIFY(manager.createDownload(
+                    "t", server.url("/m").toString(), "", "", &id, 0, {}, { own ? row.rate : 0, 0 })
             == DownloadManager::CreateStatus::Created);
         Download *d = manager.getDownload(id);
         QVERIFY(d);
         QTest::qWait(2000); // a quarter of the file at most would have come (64 KiB/s and bursts)
         QVERIFY2(d->amountDownloaded < (1 << 18), QByteArray::number(d->amountDownloaded));
-        QVERIFY(background ? manager.setBackgroundMode(false) == DownloadManager::ControlStatus::Done
-                           : manager.setRateLimit(own ? id : "all", 0) == DownloadManager::ControlStatus::Done);
+        QVERIFY(background
+                ? manager.setBackgroundMode(false) == DownloadManager::ControlStatus::Done
+                : manager.setRateLimit(own ? id : "all", 0)
+                    == DownloadManager::ControlStatus::Done);
         QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), 30000);
         QCOMPARE(readFile(d->filePath), server.resource("/m").body);
     }
@@ -194,23 +213,55 @@ private slots:
     {
         using V = http::Verdict;
         QTest::addColumn<Answer>("row");
-        QTest::newRow("whole") << Answer {.status = 200, .length = 7, .verdict = V::Accept, .total = 7};
-        QTest::newRow("whole to a Range") << Answer {.status = 200, .offset = 5, .known = 7, .length = 7, .verdict = V::AcceptFromZero, .total = 7};
-        QTest::newRow("range continues") << Answer {.status = 206, .offset = 5, .known = 7, .contentRange = "bytes 5-6/7", .verdict = V::Accept, .total = 7};
-        QTest::newRow("range, total unknown") << Answer {.status = 206, .offset = 5, .contentRange = "bytes 5-6/*", .verdict = V::Accept};
-        QTest::newRow("range elsewhere") << Answer {.status = 206, .offset = 5, .known = 7, .contentRange = "bytes 0-6/7", .verdict = V::StartOver};
-        QTest::newRow("range of a changed file") << Answer {.status = 206, .offset = 5, .known = 7, .contentRange = "bytes 5-8/9", .verdict = V::StartOverChanged};
-        QTest::newRow("range unreadable") << Answer {.status = 206, .offset = 5, .contentRange = "bytes 5-/7", .verdict = V::StartOver};
-        QTest::newRow("range elsewhere, never asked") << Answer {.status = 206, .contentRange = "bytes 3-6/7", .verdict = V::Reject};
-        QTest::newRow("416 at the end") << Answer {.status = 416, .offset = 7, .contentRange = "bytes */7", .verdict = V::Complete, .total = 7};
-        QTest::newRow("416 short of the end") << Answer {.status = 416, .offset = 5, .contentRange = "bytes */7", .verdict = V::Reject};
-        QTest::newRow("error page") << Answer {.status = 404, .length = 9, .verdict = V::Reject};
-        QTest::newRow("redirect not followed") << Answer {.status = 302, .verdict = V::Reject};
+        QTest::newRow("whole") << Answer {
+            .status = 200, .length = 7, .verdict = V::Accept, .total = 7
+        };
+        QTest::newRow("whole to a Range") << Answer { .status = 200,
+            .offset = 5,
+            .known = 7,
+            .length = 7,
+            .verdict = V::AcceptFromZero,
+            .total = 7 };
+        QTest::newRow("range continues") << Answer { .status = 206,
+            .offset = 5,
+            .known = 7,
+            .contentRange = "bytes 5-6/7",
+            .verdict = V::Accept,
+            .total = 7 };
+        QTest::newRow("range, total unknown") << Answer {
+            .status = 206, .offset = 5, .contentRange = "bytes 5-6/*", .verdict = V::Accept
+        };
+        QTest::newRow("range elsewhere") << Answer { .status = 206,
+            .offset = 5,
+            .known = 7,
+            .contentRange = "bytes 0-6/7",
+            .verdict = V::StartOver };
+        QTest::newRow("range of a changed file") << Answer { .status = 206,
+            .offset = 5,
+            .known = 7,
+            .contentRange = "bytes 5-8/9",
+            .verdict = V::StartOverChanged };
+        QTest::newRow("range unreadable") << Answer {
+            .status = 206, .offset = 5, .contentRange = "bytes 5-/7", .verdict = V::StartOver
+        };
+        QTest::newRow("range elsewhere, never asked")
+            << Answer { .status = 206, .contentRange = "bytes 3-6/7", .verdict = V::Reject };
+        QTest::newRow("416 at the end") << Answer { .status = 416,
+            .offset = 7,
+            .contentRange = "bytes */7",
+            .verdict = V::Complete,
+            .total = 7 };
+        QTest::newRow("416 short of the end") << Answer {
+            .status = 416, .offset = 5, .contentRange = "bytes */7", .verdict = V::Reject
+        };
+        QTest::newRow("error page") << Answer { .status = 404, .length = 9, .verdict = V::Reject };
+        QTest::newRow("redirect not followed") << Answer { .status = 302, .verdict = V::Reject };
     }
     void answers()
     {
         QFETCH(Answer, row);
-        const http::Judgement j = http::judge(row.status, row.offset, row.known, row.contentRange, row.length);
+        const http::Judgement j
+            = http::judge(row.status, row.offset, row.known, row.contentRange, row.length);
         QCOMPARE(int(j.verdict), int(row.verdict));
         QCOMPARE(j.total, row.total);
     }
@@ -234,7 +285,8 @@ private slots:
         QVERIFY(fresh >= 500 && fresh <= 1500 && again >= fresh * 5 / 4);
         // A server's Retry-After is waited for, an hour at most, and never shortens the backoff.
         const qint64 asked = retry.schedule(100, 90000), hour = retry.schedule(100, 7200000);
-        QVERIFY(asked >= 90000 && hour > 60000 && hour <= 3600000 && retry.schedule(100, 100) > 1500);
+        QVERIFY(
+            asked >= 90000 && hour > 60000 && hour <= 3600000 && retry.schedule(100, 100) > 1500);
         // Retry-After 30 s from now, as delay seconds and as each form of an HTTP date.
         const QDateTime now(QDate(2026, 11, 25), QTime(14, 56, 4), Qt::UTC);
         for (const char *text : { " 30", "Wed, 25 Nov 2026 14:56:34 GMT",

@@ -37,7 +37,10 @@ private slots:
         p.setDataPosition(0);
         QVERIFY(p.readInt64() == INT64_MIN + 3 && p.readStrongBinder() == obj);
         const size_t at = p.dataPosition();
-        const auto is = [&](const String16 &t) { p.setDataPosition(at); return p.enforceInterface(t); };
+        const auto is = [&](const String16 &t) {
+            p.setDataPosition(at);
+            return p.enforceInterface(t);
+        };
         QVERIFY(!is(String16(u"ab.c")) && !is(String16(u"ab.c\U0001F600!")) && is(token));
         int64_t past = 42; // four bytes left
         QVERIFY(p.readInt64(&past) == NOT_ENOUGH_DATA && past == 0 && p.readInt32() == -7);
@@ -62,10 +65,15 @@ private slots:
         const auto oldReader = [&list] { // four texts, eight numbers, a text, a number
             std::string id, text;
             int64_t n = 0;
-            bool ok = dlparcel::readText(list, &text) == NO_ERROR && dlparcel::readText(list, &id) == NO_ERROR;
+            bool ok = dlparcel::readText(list, &text) == NO_ERROR
+                && dlparcel::readText(list, &id) == NO_ERROR;
             for (int k = 0; k < 6; ++k)
-                ok = ok && (k < 2 ? dlparcel::readText(list, &text) : list.readInt64(&n)) == NO_ERROR;
-            return ok && dlparcel::readText(list, &text) == NO_ERROR && list.readInt64(&n) == NO_ERROR ? id : "?";
+                ok = ok
+                    && (k < 2 ? dlparcel::readText(list, &text) : list.readInt64(&n)) == NO_ERROR;
+            return ok && dlparcel::readText(list, &text) == NO_ERROR
+                    && list.readInt64(&n) == NO_ERROR
+                ? id
+                : "?";
         };
         list.setDataPosition(4);
         QVERIFY(oldReader() == "a" && oldReader() == "b");
@@ -73,10 +81,12 @@ private slots:
         old.write(list.data(), list.dataPosition());
         old.setDataPosition(0);
         std::vector<IDownload> got;
-        QVERIFY(IDownload::readList(old, &got) == NO_ERROR && got.size() == 2 && got[1].uniqueID == "b" && got[0].httpStatus == 0);
+        QVERIFY(IDownload::readList(old, &got) == NO_ERROR && got.size() == 2
+            && got[1].uniqueID == "b" && got[0].httpStatus == 0);
         list.setDataPosition(0);
         QVERIFY(IDownload::readList(list, &got) == NO_ERROR && got.size() == 2);
-        QVERIFY(got[0].failureReason == a.failureReason && got[0].httpStatus == 404 && got[1].bytesPerSecond == 7);
+        QVERIFY(got[0].failureReason == a.failureReason && got[0].httpStatus == 404
+            && got[1].bytesPerSecond == 7);
 
         // Lying lengths and binder entries naming nothing: refused by every reader, nothing read.
         for (const QByteArray &bytes : { word(1000) + "aaaaaaaa", word(INT32_MAX) + "aaaaaaaa",

@@ -2,6 +2,8 @@
 
 #include <QtGlobal>
 
+namespace dlm {
+
 namespace {
 constexpr int kDefaultPacketLimit = 10;
 constexpr int kDefaultReportIntervalMs = 500;
@@ -74,3 +76,5 @@ void CommitBatch::stop()
     flushTimer.stop();
     packetCount = 0;
 }
+
+} // namespace dlm

@@ -5,6 +5,8 @@
 
 #include <functional>
 
+namespace dlm {
+
 // When a running download's written bytes are committed (reported, then stored): after
 // MAX_PACKET_COUNT arrivals and DLM_REPORT_INTERVAL_MS since the last commit; on a slow link
 // also after enough content or a few quiet intervals, so that a download costs a few commits per
@@ -39,3 +41,5 @@ private:
     qint64 rateBase = 0;
     qint64 measuredRate = 0;
 };
+
+} // namespace dlm

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <unistd.h>
 
+namespace dlm {
+
 namespace {
 bool isLowerHexDigest(const QByteArray &text)
 {
@@ -94,3 +96,5 @@ QString ContentCheck::mismatch(int fd, qint64 length)
     return QStringLiteral("SHA-256 %1, expected %2")
         .arg(QString::fromLatin1(actual), QString::fromLatin1(sha256));
 }
+
+} // namespace dlm

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-
+namespace dlm {
 
 // What a download's content must be, as its creator said: its size and its SHA-256. The digest
 // follows the bytes as they are written, so a finished file is never read again; when the
@@ -45,3 +45,5 @@ private:
     std::unique_ptr<QCryptographicHash> hash;
     qint64 hashed = 0;
 };
+
+} // namespace dlm

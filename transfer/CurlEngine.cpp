@@ -2,6 +2,8 @@
 
 #include <QSocketNotifier>
 
+namespace dlm {
+
 struct CurlEngine::Request {
     CurlEngine *engine;
     Transfer *owner; // null once released: curl's late calls then end the request
@@ -246,3 +248,5 @@ QString CurlEngine::failureText(CURLcode result, const QString &detail, bool *pa
     }
     return detail.isEmpty() ? words : words + QStringLiteral(": ") + detail;
 }
+
+} // namespace dlm

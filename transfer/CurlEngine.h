@@ -11,6 +11,8 @@
 
 class QSocketNotifier;
 
+namespace dlm {
+
 // HTTP for every download, on the thread that owns the engine: libcurl's multi socket interface
 // driven by that thread's event loop (one QSocketNotifier per direction of each socket curl
 // watches, one single-shot timer for curl's own time-outs). No other thread touches a transfer's
@@ -83,3 +85,5 @@ private:
     int depth = 0;
     std::vector<Request *> doomed;
 };
+
+} // namespace dlm

@@ -5,6 +5,8 @@
 
 #include <QUrl>
 
+namespace dlm {
+
 // A new download is a stored one that has no file, no state and failure code 4 yet.
 Download::Download(std::function<void(Download *)> reportChange, CurlEngine *engine,
     QString uniqueID, QString clientID, QString contentURL, QString name)
@@ -143,3 +145,5 @@ void Download::networkChanged()
     DLM_LOGI("Download %s: its host has a route again", uniqueID.toUtf8().constData());
     launch();
 }
+
+} // namespace dlm

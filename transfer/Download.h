@@ -10,6 +10,8 @@
 #include <functional>
 #include <memory>
 
+namespace dlm {
+
 class CurlEngine;
 class HttpTransfer;
 class RateGovernor;
@@ -125,3 +127,5 @@ private:
     std::unique_ptr<HttpTransfer> running;
     bool waitingForNetwork = false;
 };
+
+} // namespace dlm

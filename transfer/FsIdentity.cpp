@@ -7,6 +7,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+namespace dlm {
+
 namespace {
 constexpr gid_t kOverflowGroup = 65534;
 
@@ -97,3 +99,5 @@ void FsIdentity::restore()
     setfsgid(previousGid);
     setThreadGroups(previousGroups);
 }
+
+} // namespace dlm

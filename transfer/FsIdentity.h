@@ -4,6 +4,8 @@
 
 #include <vector>
 
+namespace dlm {
+
 // For its lifetime, the calling thread acts on files as one user: its file-system uid, its
 // primary group and its supplementary groups (from the user database; a uid without an entry gets
 // only the overflow group). The kernel then judges every open, create, unlink and access check as
@@ -31,3 +33,5 @@ private:
     gid_t previousGid = 0;
     std::vector<gid_t> previousGroups;
 };
+
+} // namespace dlm

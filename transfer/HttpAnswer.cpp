@@ -2,6 +2,8 @@
 
 #include <QList>
 
+namespace dlm {
+
 namespace http {
 
 bool parseContentRange(const QByteArray &header, ContentRange *range)
@@ -110,3 +112,5 @@ bool Head::isFinal() const
 }
 
 } // namespace http
+
+} // namespace dlm

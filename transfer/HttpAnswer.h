@@ -2,6 +2,8 @@
 
 #include <QByteArray>
 
+namespace dlm {
+
 // What an HTTP answer's head says about a download's bytes, judged from header values alone,
 // before any body byte reaches the file.
 namespace http {
@@ -53,3 +55,5 @@ Judgement judge(int status, qint64 offset, qint64 knownTotal, const QByteArray &
     qint64 contentLength);
 
 } // namespace http
+
+} // namespace dlm

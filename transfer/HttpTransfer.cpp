@@ -11,6 +11,8 @@
 #include <QDateTime>
 #include <QUrl>
 
+namespace dlm {
+
 namespace {
 // What the receive buffers of all transfers on the wire may take together (curl's buffer per
 // request, CURLOPT_BUFFERSIZE, chosen at launch). Each gets an equal share within curl's bounds,
@@ -489,3 +491,5 @@ void HttpTransfer::stopRequest()
     attemptSettled = true;
     releaseRequest();
 }
+
+} // namespace dlm

@@ -10,6 +10,8 @@
 #include <QObject>
 #include <QTimer>
 
+namespace dlm {
+
 class Download;
 class RateGovernor;
 
@@ -136,3 +138,5 @@ private:
     // Counted among the transfers sharing the read-buffer budget.
     bool sharesBudget = false;
 };
+
+} // namespace dlm

@@ -11,6 +11,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+namespace dlm {
+
 namespace {
 // Non-blocking while it is checked: a FIFO planted at the path must not hang the service.
 constexpr int kOpenFlags = O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
@@ -149,3 +151,5 @@ bool OwnedFile::fail(int why)
                                    : QString::fromLocal8Bit(strerror(why)));
     return false;
 }
+
+} // namespace dlm

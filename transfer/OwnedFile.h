@@ -6,6 +6,8 @@
 
 #include <sys/types.h>
 
+namespace dlm {
+
 // A download's file, opened the way its owner could open it: under the owner's file-system
 // identity (FsIdentity), so the kernel judges every permission and a new file belongs to the
 // owner. No component of the path is followed through a symbolic link (openat2 with
@@ -28,3 +30,5 @@ private:
         QIODevice::OpenMode mode);
     bool fail(int why); // keeps why's text as the error string
 };
+
+} // namespace dlm

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <vector>
 
+namespace dlm {
+
 RateGovernor::RateGovernor(QObject *parent) : QObject(parent)
 {
     clock.start();
@@ -111,3 +113,5 @@ void RateGovernor::rest(const void *who, Member &m)
         m.pause(true);
     }
 }
+
+} // namespace dlm

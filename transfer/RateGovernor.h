@@ -9,6 +9,8 @@
 #include <memory>
 #include <unordered_map>
 
+namespace dlm {
+
 // Holds every running transfer to its rate: its own limit and its share of the overall limit
 // (see shareRates), paced by a TokenBucket of its own. A transfer that must rest is paused at
 // once and resumed by a timer of the event loop; a change of a limit re-shares the rates and
@@ -56,3 +58,5 @@ private:
     uint64_t wakes = 0;
     QElapsedTimer clock;
 };
+
+} // namespace dlm

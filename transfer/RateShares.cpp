@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <numeric>
 
+namespace dlm {
+
 std::vector<int64_t> shareRates(int64_t overall, const std::vector<int64_t> &ownLimits)
 {
     std::vector<int64_t> shares(ownLimits);
@@ -37,7 +39,8 @@ void TokenBucket::setRate(int64_t bytesPerSecond, int64_t nowMs)
 void TokenBucket::refill(int64_t nowMs)
 {
     if (perSecond > 0 && nowMs > lastMs)
-        tokens = std::min(perSecond / 4, tokens + std::min<int64_t>(nowMs - lastMs, 1000) * perSecond / 1000);
+        tokens = std::min(
+            perSecond / 4, tokens + std::min<int64_t>(nowMs - lastMs, 1000) * perSecond / 1000);
     lastMs = std::max(lastMs, nowMs);
 }
 
@@ -49,3 +52,5 @@ int64_t TokenBucket::take(int64_t bytes, int64_t nowMs)
     tokens -= bytes;
     return tokens >= 0 ? 0 : (-tokens * 1000 + perSecond - 1) / perSecond;
 }
+
+} // namespace dlm

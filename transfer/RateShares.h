@@ -5,6 +5,8 @@
 
 // Rates in bytes per second; 0 means no limit.
 
+namespace dlm {
+
 // Each running download's share of an overall limit, given its own limit: downloads limited
 // below an even share keep their limit and leave the rest to the others, who split it evenly
 // (water-filling). Without an overall limit each keeps its own.
@@ -13,8 +15,7 @@ std::vector<int64_t> shareRates(int64_t overall, const std::vector<int64_t> &own
 // Paces one transfer at a rate: bytes that arrive are always taken (libcurl hands over a whole
 // buffer), and the debt they leave says how long the transfer must then rest. A burst of a
 // quarter second's bytes may pass unpaced.
-class TokenBucket
-{
+class TokenBucket {
 public:
     void setRate(int64_t bytesPerSecond, int64_t nowMs);
     int64_t rate() const { return perSecond; }
@@ -28,3 +29,5 @@ private:
     int64_t tokens = 0; // may go below zero: the debt of the last buffer
     int64_t lastMs = 0;
 };
+
+} // namespace dlm

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 
+namespace dlm {
+
 RequestQueue &RequestQueue::instance()
 {
     static RequestQueue queue;
@@ -141,3 +143,5 @@ void RequestQueue::startWaiting()
         w.start(); // may enter or leave: the entries are looked up again
     }
 }
+
+} // namespace dlm

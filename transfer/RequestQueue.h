@@ -6,6 +6,8 @@
 
 #include <functional>
 
+namespace dlm {
+
 // Lets at most perOrigin() requests per origin (scheme, host and port) be on the wire, as many as
 // curl opens connections per host, and at most the active limit in all; the others wait here, by
 // their downloads' priority (higher first) and then creation, with no clock running. Curl would
@@ -80,3 +82,5 @@ private:
     int perOriginLimit = kDefaultPerOrigin;
     int allLimit = 0;
 };
+
+} // namespace dlm

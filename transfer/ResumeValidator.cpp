@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+namespace dlm {
+
 namespace ResumeValidator {
 
 QByteArray fromAnswer(const QByteArray &etag, const QByteArray &lastModified)
@@ -19,3 +21,5 @@ QByteArray fromAnswer(const QByteArray &etag, const QByteArray &lastModified)
 }
 
 } // namespace ResumeValidator
+
+} // namespace dlm

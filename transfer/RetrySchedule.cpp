@@ -3,6 +3,8 @@
 #include <QLocale>
 #include <QRandomGenerator>
 
+namespace dlm {
+
 namespace {
 constexpr qint64 kDefaultBaseMs = 1000;
 constexpr qint64 kLongestBackoffMs = 60 * 1000;
@@ -80,3 +82,5 @@ void RetrySchedule::reset()
     failures = 0;
     furthest = -1;
 }
+
+} // namespace dlm

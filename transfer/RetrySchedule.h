@@ -5,6 +5,8 @@
 #include <QObject>
 #include <QTimer>
 
+namespace dlm {
+
 // When a download whose attempt failed for a passing reason tries again. The delay doubles from
 // a base (1 s, or DLM_RETRY_BASE_MS) up to a minute with +-20 % jitter, and is never shorter than
 // the server's Retry-After (itself bounded to an hour). An attempt that got further into the
@@ -43,3 +45,5 @@ private:
     qint64 furthest = -1; // most bytes any failed attempt had committed
     qint64 dueAt = 0;
 };
+
+} // namespace dlm

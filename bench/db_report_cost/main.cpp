@@ -15,6 +15,8 @@
 
 #include <cstdio>
 
+using namespace dlm;
+
 namespace {
 bool useDefaultJournal()
 {

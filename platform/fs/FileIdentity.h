@@ -2,6 +2,8 @@
 
 #include <QtGlobal>
 
+namespace dlm {
+
 // The file a download created, by device and inode; inode 0 while it has none.
 struct FileIdentity {
     quint64 device = 0;
@@ -15,3 +17,5 @@ struct FileIdentity {
     }
     bool operator!=(const FileIdentity &o) const { return !(*this == o); }
 };
+
+} // namespace dlm

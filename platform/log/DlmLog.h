@@ -23,6 +23,8 @@
 #define BINDER_LOGW(...) __android_log_print(ANDROID_LOG_WARN, DLM_BINDER_TAG, __VA_ARGS__)
 #define BINDER_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, DLM_BINDER_TAG, __VA_ARGS__)
 
+namespace dlm {
+
 // One message, one line: a caller's text in a message (an identifier, a URL) cannot start a
 // forged line or send terminal controls. The format's trailing newline is dropped; the rest is
 // escaped by escapeText.
@@ -41,3 +43,5 @@ inline void installEscapingLogger()
         __android_log_stderr_logger(data, escapeLogMessage(message).c_str());
     });
 }
+
+} // namespace dlm

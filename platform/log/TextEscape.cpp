@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstdio>
 
+namespace dlm {
+
 namespace {
 
 // The length of the valid UTF-8 sequence at p (at most n bytes) and its code point; 0 if none.
@@ -55,3 +57,5 @@ std::string escapeText(const char *text, size_t length)
     }
     return out;
 }
+
+} // namespace dlm

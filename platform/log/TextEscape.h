@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <string>
 
+namespace dlm {
+
 // A caller's text made safe to print on one line of a log or a terminal: newline and tab become
 // \n and \t; other C0 controls, DEL and bytes that are not part of valid UTF-8 become \xHH; the
 // C1 controls (U+0080-U+009F) and the bidirectional overrides and isolates (U+202A-U+202E,
@@ -12,3 +14,5 @@ inline std::string escapeText(const std::string &text)
 {
     return escapeText(text.data(), text.size());
 }
+
+} // namespace dlm

@@ -11,12 +11,14 @@
 
 #include <cerrno>
 
+namespace dlm {
+
 NetworkWatch::NetworkWatch(QObject *parent) : QObject(parent)
 {
     fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
     if (fd < 0)
         return;
-    sockaddr_nl local{};
+    sockaddr_nl local {};
     local.nl_family = AF_NETLINK;
     local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR
         | RTMGRP_IPV6_ROUTE;
@@ -108,3 +110,5 @@ bool NetworkWatch::hasRouteFor(const QString &host)
     sockaddr_storage target {};
     return socketAddress(host, &target) != 0 ? hasRouteTo(host) : hasAnyRoute();
 }
+
+} // namespace dlm

@@ -6,11 +6,12 @@
 
 class QSocketNotifier;
 
+namespace dlm {
+
 // Tells when the kernel's routes or addresses change, and whether a host can be reached by a
 // route right now. Listens on an rtnetlink socket through a socket notifier on the caller's
 // event loop: nothing polls, and an idle network costs no wake-up.
-class NetworkWatch : public QObject
-{
+class NetworkWatch : public QObject {
     Q_OBJECT
 
 public:
@@ -42,3 +43,5 @@ private:
     int fd = -1;
     std::unique_ptr<QSocketNotifier> notifier;
 };
+
+} // namespace dlm

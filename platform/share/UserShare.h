@@ -3,6 +3,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+namespace dlm {
+
 // Counts: whether `more` can join `held` within `bound`.
 template <typename Count> constexpr bool fitsIn(Count held, Count more, Count bound)
 {
@@ -47,3 +49,5 @@ inline bool isRootUid(uid_t uid)
 {
     return uid == 0 || uid == geteuid();
 }
+
+} // namespace dlm

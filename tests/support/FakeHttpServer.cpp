@@ -1,15 +1,14 @@
 #include "FakeHttpServer.h"
 
 #include <QPointer>
-#include <cctype>
 #include <QTcpSocket>
 #include <QTimer>
+#include <cctype>
 
-struct FakeHttpServer::Connection
-{
+struct FakeHttpServer::Connection {
     QPointer<QTcpSocket> socket;
     QByteArray buffer;
-    QByteArray body;   // what is left to send
+    QByteArray body; // what is left to send
     qint64 sent = 0;
     Resource resource;
     QTimer *timer = nullptr;
@@ -117,8 +116,8 @@ void FakeHttpServer::onReadyRead(QTcpSocket *socket)
     for (int i = 1; i < lines.size(); ++i) {
         const int colon = lines[i].indexOf(':');
         if (colon > 0)
-            request.headers.insert(lines[i].left(colon).trimmed().toLower(),
-                                   lines[i].mid(colon + 1).trimmed());
+            request.headers.insert(
+                lines[i].left(colon).trimmed().toLower(), lines[i].mid(colon + 1).trimmed());
     }
     received.append(request);
     c->resource = resourceFor(request.path);
@@ -163,12 +162,12 @@ QByteArray FakeHttpServer::headStart(const Resource &r, const Request &request, 
     const qint64 from = range.mid(6, range.size() - 7).toLongLong();
     if (from >= total) {
         body->clear();
-        return "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" +
-               QByteArray::number(total) + "\r\n";
+        return "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */"
+            + QByteArray::number(total) + "\r\n";
     }
     *body = r.body.mid(from);
-    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + QByteArray::number(from) +
-           '-' + QByteArray::number(total - 1) + '/' + QByteArray::number(total) + "\r\n";
+    return "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + QByteArray::number(from) + '-'
+        + QByteArray::number(total - 1) + '/' + QByteArray::number(total) + "\r\n";
 }
 
 void FakeHttpServer::answer(Connection *c, const Request &request)

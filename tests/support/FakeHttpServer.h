@@ -15,33 +15,30 @@ class QTcpSocket;
 // In-process HTTP/1.1 server on 127.0.0.1 for tests. Serves registered resources with byte
 // ranges and a set of misbehaviours, and records every request it received. Lives on the thread
 // that created it; it only works while that thread runs an event loop (QTRY_*, QSignalSpy::wait).
-class FakeHttpServer : public QObject
-{
+class FakeHttpServer : public QObject {
     Q_OBJECT
 
 public:
-    struct Resource
-    {
+    struct Resource {
         QByteArray body {};
-        int status = 200;            // a status other than 200 serves body as the error page
-        bool honorRange = true;      // false: answer every Range request with 200 and the full body
-        int chunkSize = 0;           // 0: the whole body in one write
-        int chunkDelayMs = 0;        // pause between chunks, driven by a timer
-        qint64 stallAfter = -1;      // send headers and this many body bytes, then stay silent
-        qint64 closeAfter = -1;      // send this many body bytes, then drop the connection
-        int faultyAnswers = -1;      // stallAfter, closeAfter, endlessHeader: this many answers
-        bool endlessHeader = false;  // header lines, one each chunkDelayMs, until turned off
-        bool neverAnswer = false;    // read the request, then say nothing at all
-        QByteArray redirectTo {};    // answer 302 with this Location
-        qint64 contentLength = -1;   // advertise this length instead of the real one
-        bool chunkedCoding = false;  // "Transfer-Encoding: chunked", one chunk per write
-        bool lengthByClose = false;  // no length at all: the body ends when the connection closes
+        int status = 200; // a status other than 200 serves body as the error page
+        bool honorRange = true; // false: answer every Range request with 200 and the full body
+        int chunkSize = 0; // 0: the whole body in one write
+        int chunkDelayMs = 0; // pause between chunks, driven by a timer
+        qint64 stallAfter = -1; // send headers and this many body bytes, then stay silent
+        qint64 closeAfter = -1; // send this many body bytes, then drop the connection
+        int faultyAnswers = -1; // stallAfter, closeAfter, endlessHeader: this many answers
+        bool endlessHeader = false; // header lines, one each chunkDelayMs, until turned off
+        bool neverAnswer = false; // read the request, then say nothing at all
+        QByteArray redirectTo {}; // answer 302 with this Location
+        qint64 contentLength = -1; // advertise this length instead of the real one
+        bool chunkedCoding = false; // "Transfer-Encoding: chunked", one chunk per write
+        bool lengthByClose = false; // no length at all: the body ends when the connection closes
         QList<QPair<QByteArray, QByteArray>> extraHeaders {};
-        QByteArray etag {};          // sent as ETag; a Range whose If-Range differs gets it all
+        QByteArray etag {}; // sent as ETag; a Range whose If-Range differs gets it all
     };
 
-    struct Request
-    {
+    struct Request {
         QByteArray method;
         QByteArray path;
         QHash<QByteArray, QByteArray> headers; // names in lower case

@@ -162,7 +162,8 @@ bool Child::running()
 
 int Child::finish(int seconds)
 {
-    if (!waitFor("the end of " + QByteArray::number(mPid), [this] { return !running(); }, seconds))
+    if (!waitFor(
+            "the end of " + QByteArray::number(mPid), [this] { return !running(); }, seconds))
         return -1;
     drain(mOutFd, mOut);
     drain(mErrFd, mErr);
@@ -214,8 +215,7 @@ bool Service::start(const std::function<void()> &beforeExec)
             if (!it.value().isNull())
                 s.setValue(it.key(), it.value());
     }
-    const QStringList base { "DL_CONSOLE_READER_ENABLE=1",
-        "BINDER_SOCKET_DIR=" + path("binder") };
+    const QStringList base { "DL_CONSOLE_READER_ENABLE=1", "BINDER_SOCKET_DIR=" + path("binder") };
     if (!proc.start({ path("bin/downloadmanager") }, base + env, beforeExec))
         return false;
     const QStringList all = base + env;

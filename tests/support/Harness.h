@@ -35,7 +35,7 @@ public:
     // and may only make async-signal-safe calls (setrlimit, signal, umask). Starting again
     // forgets the previous run and its output.
     bool start(const QStringList &argv, const QStringList &env = {},
-               const std::function<void()> &beforeExec = {});
+        const std::function<void()> &beforeExec = {});
     void write(const QByteArray &bytes);
     void closeInput();
     const QByteArray &out() const { return mOut; }

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <unistd.h>
 
+namespace dlm {
+
 using namespace android;
 
 bool parseWhole(const std::string &text, long long *value)
@@ -316,3 +318,5 @@ int watchCommand(Command &c)
     c.service->removeClient(c.events);
     return 0;
 }
+
+} // namespace dlm

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+namespace dlm {
+
 // dlctl's commands, one function each; each returns dlctl's exit status.
 struct Options {
     std::vector<std::string> positional;
@@ -44,3 +46,5 @@ int spaceCommand(Command &c);
 int setPathCommand(Command &c);
 // Ends with SIGINT or SIGTERM.
 int watchCommand(Command &c);
+
+} // namespace dlm

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cinttypes>
 
+namespace dlm {
+
 namespace {
 
 std::string humanBytes(double bytes)
@@ -124,3 +126,5 @@ void ProgressView::redraw()
     drawn = order.size();
     fflush(out);
 }
+
+} // namespace dlm

@@ -8,18 +8,18 @@
 #include <string>
 #include <vector>
 
+namespace dlm {
+
 // Live progress bars on a terminal, one line per download, redrawn in place on each update.
 // Each line fits the terminal's width at that redraw (a wrapped line would garble the next
 // redraw): the bar shrinks first, then the line is cut.
-class ProgressView
-{
+class ProgressView {
 public:
-    explicit ProgressView(FILE *out) : out(out) {}
+    explicit ProgressView(FILE *out) : out(out) { }
     void update(const IDownload &record);
 
 private:
-    struct Row
-    {
+    struct Row {
         IDownload record;
         double rate = 0; // bytes per second, smoothed; the service's when it sends one
         int64_t lastBytes = 0;
@@ -34,3 +34,5 @@ private:
     std::map<std::string, Row> rows;
     size_t drawn = 0;
 };
+
+} // namespace dlm

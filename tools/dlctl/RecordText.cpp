@@ -8,6 +8,8 @@
 #include <cinttypes>
 #include <ctime>
 
+namespace dlm {
+
 const char *failureText(int32_t failureCode)
 {
     switch (failureCode) {
@@ -97,3 +99,5 @@ std::string recordJson(const IDownload &r)
     };
     return QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString();
 }
+
+} // namespace dlm

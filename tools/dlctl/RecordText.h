@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace dlm {
+
 // How dlctl prints a record: texts for people, one line for pipes and scripts, one JSON object.
 const char *failureText(int32_t failureCode);
 // "ID CLIENT STATE BYTES TOTAL FILE": one download on one line, for pipes and scripts.
@@ -17,3 +19,5 @@ std::string stateNote(const IDownload &record);
 // total, bytesPerSecond, startTime, nextAttemptTime (ms since the epoch), expectedSha256,
 // rateLimit, priority.
 std::string recordJson(const IDownload &record);
+
+} // namespace dlm

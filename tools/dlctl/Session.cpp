@@ -11,6 +11,8 @@
 #include <string>
 #include <thread>
 
+namespace dlm {
+
 using namespace android;
 
 std::atomic<bool> interrupted { false };
@@ -76,3 +78,5 @@ int notAnswered(const char *call, int status)
     fprintf(stderr, "dlctl: the download service did not answer %s (status %d)\n", call, status);
     return 2;
 }
+
+} // namespace dlm

@@ -7,16 +7,18 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <mutex>
-#include <cstdio>
-#include <cstdlib>
 #include <thread>
 #include <unistd.h>
 
 // What every dlctl command shares: the connection to the service, the deadline of its calls,
 // the update stream and the handling of SIGINT and SIGTERM.
+
+namespace dlm {
 
 extern std::atomic<bool> interrupted;
 // Set while a loop ends by itself on SIGINT or SIGTERM; otherwise a signal ends dlctl at once,
@@ -74,8 +76,7 @@ private:
 
 // Collects update callbacks, which arrive on IPC pool threads, for the main thread, or hands
 // them to a sink on the thread they arrive on.
-class UpdateQueue : public BnDLClient, public android::IBinder::DeathRecipient
-{
+class UpdateQueue : public BnDLClient, public android::IBinder::DeathRecipient {
 public:
     void onDownloadUpdate(IDownload download) override
     {
@@ -142,3 +143,5 @@ void handleSignals(const android::sp<UpdateQueue> &events);
 android::sp<IDLService> connectService(const android::sp<UpdateQueue> &events);
 // Says why a call did not reach the service; the exit status for it (1 or 2).
 int notAnswered(const char *call, int status);
+
+} // namespace dlm

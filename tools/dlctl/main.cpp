@@ -7,6 +7,8 @@
 #include <string>
 #include <unistd.h>
 
+namespace dlm {
+
 using namespace android;
 
 namespace {
@@ -189,10 +191,12 @@ int run(int argc, char **argv)
 
 } // namespace
 
+} // namespace dlm
+
 int main(int argc, char **argv)
 {
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    const int status = run(argc, argv);
+    const int status = dlm::run(argc, argv);
     // Callbacks may still be arriving on pool threads: skip the static destructors they use.
     fflush(nullptr);
     _exit(status);

@@ -19,8 +19,8 @@ ConnectionSlots::ConnectionSlots(size_t maxTotal, size_t maxPerUid, size_t rootR
 
 std::shared_ptr<void> ConnectionSlots::take(uid_t uid, pid_t pid)
 {
-    const bool root = isRootUid(uid);
-    const auto share = userShare(mMaxTotal, mMaxPerUid, mRootReserve);
+    const bool root = dlm::isRootUid(uid);
+    const auto share = dlm::userShare(mMaxTotal, mMaxPerUid, mRootReserve);
     auto verdict = share.Fits;
     {
         std::lock_guard<std::mutex> lock(mLock);
@@ -54,7 +54,7 @@ void ConnectionSlots::give(uid_t uid)
 {
     std::lock_guard<std::mutex> lock(mLock);
     --mTotal;
-    mOthers -= !isRootUid(uid);
+    mOthers -= !dlm::isRootUid(uid);
     if (--mPerUid[uid] == 0)
         mPerUid.erase(uid);
 }

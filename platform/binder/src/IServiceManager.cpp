@@ -15,8 +15,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <system_error>
 #include <sys/un.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 

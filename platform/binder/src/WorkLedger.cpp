@@ -36,7 +36,7 @@ public:
 
     bool fits(size_t bytes) const
     {
-        static constexpr UserShare<Bound> kShare { kTotal, kPerUid,
+        static constexpr dlm::UserShare<Bound> kShare { kTotal, kPerUid,
             { kTotal.bytes - kRootReserve.bytes, kTotal.calls - kRootReserve.calls }, kTotal };
         const auto user = gPerUid.find(uid);
         return held.fits(bytes, kPerConnection)
@@ -65,7 +65,7 @@ std::shared_ptr<WorkLedger::Account> WorkLedger::open(uid_t peerUid)
 {
     auto account = std::make_shared<Account>();
     account->uid = peerUid;
-    account->root = isRootUid(peerUid);
+    account->root = dlm::isRootUid(peerUid);
     return account;
 }
 
