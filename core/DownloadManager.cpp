@@ -41,7 +41,6 @@ DownloadManager::DownloadManager(const QString &settingsPath, const FrontEndFact
       governor(new RateGovernor(this)),
       database(nullptr),
       settings(settingsPath),
-      maxRetries(settings.count(QStringLiteral("max_retries"), RetrySchedule::kDefaultMaxRetries)),
       access(settings.count(QStringLiteral("max_downloads_per_user"), kDefaultMaxDownloadsPerUser)),
       rates(settings, governor)
 {
@@ -55,6 +54,14 @@ DownloadManager::DownloadManager(const QString &settingsPath, const FrontEndFact
     engine = new CurlEngine(RequestQueue::instance().perOrigin(), this);
     network = std::make_unique<NetworkWatch>();
     connect(network.get(), &NetworkWatch::changed, this, &DownloadManager::networkChanged);
+    context.reportChange = [this](Download *d) { updateDownload(d); };
+    context.engine = engine;
+    context.governor = governor;
+    // Without the watch no change would ever end a wait: faults then count as before.
+    if (network->isWatching())
+        context.hasRoute = &NetworkWatch::hasRouteFor;
+    context.maxRetries
+        = settings.count(QStringLiteral("max_retries"), RetrySchedule::kDefaultMaxRetries);
     // Checked before anything is published, read or launched.
     database
         = databaseHome.open(settings.text(QStringLiteral("download_database_path"), kDefaultPath),
@@ -149,15 +156,11 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     // Reserved now, before the download has written anything.
     const QString filePath = directories.reserveFileName(clientID, url, ownerUid);
 
-    Download *download = new Download([this](Download *d) { updateDownload(d); }, engine, id,
-        clientID, url, name.isEmpty() ? filePath : name);
-    download->setMaxRetries(maxRetries);
-    download->hasRoute = routeCheck();
+    Download *download = new Download(context, id, clientID, url, name.isEmpty() ? filePath : name);
     download->filePath = filePath;
     download->ownerUid = ownerUid;
     download->privateFile = !directories.isChosen(ownerUid, clientID, filePath);
     download->content = ContentCheck(expected.size, expected.sha256.toLatin1());
-    download->governor = governor;
     download->rateLimit = order.rateLimit;
     download->priority = order.priority;
     download->launch();
@@ -174,18 +177,14 @@ void DownloadManager::restoreDownload(const StoredRecord &r)
     // Reserved by its canonical form, as new paths are.
     const QString canonical
         = QDir::isAbsolutePath(r.filePath) ? QDir::cleanPath(r.filePath) : r.filePath;
-    Download *download = new Download([this](Download *d) { updateDownload(d); }, engine,
-        r.uniqueID, r.clientID, r.name, r.contentURL, canonical, r.state, r.failureCode,
-        r.totalSize, r.amountDownloaded, r.startTime);
-    download->setMaxRetries(maxRetries);
-    download->hasRoute = routeCheck();
+    Download *download = new Download(context, r.uniqueID, r.clientID, r.name, r.contentURL,
+        canonical, r.state, r.failureCode, r.totalSize, r.amountDownloaded, r.startTime);
     download->ownerUid = r.ownerUid;
     download->fileIdentity = r.fileIdentity;
     download->content = ContentCheck(r.expectedSize, r.expectedSha256);
     download->validator = r.validator;
     download->failureReason = r.failureReason;
     download->httpStatus = r.httpStatus;
-    download->governor = governor;
     download->rateLimit = r.rateLimit;
     download->priority = r.priority;
     download->privateFile = !directories.isChosen(r.ownerUid, r.clientID, canonical);
@@ -366,14 +365,6 @@ void DownloadManager::updateDownload(Download *download)
         idleTimer.start();
     for (FrontEnd *client : qAsConst(clients))
         client->updateDownloadEntry(download);
-}
-
-std::function<bool(const QString &)> DownloadManager::routeCheck() const
-{
-    // Without the watch no change would ever end a wait: faults then count as before.
-    if (!network->isWatching())
-        return {};
-    return &NetworkWatch::hasRouteFor;
 }
 
 void DownloadManager::networkChanged()

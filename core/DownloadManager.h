@@ -2,6 +2,7 @@
 
 #include "AccessPolicy.h"
 #include "DatabaseHome.h"
+#include "Download.h"
 #include "DownloadDirectories.h"
 #include "FrontEnd.h"
 #include "RateLimits.h"
@@ -145,8 +146,6 @@ private:
     void discard(Download *download);
     // Tells the downloads that wait for the network that routes changed.
     void networkChanged();
-    // What a download asks whether its host has a route; empty when routes are not watched.
-    std::function<bool(const QString &)> routeCheck() const;
     // Once no download is on the wire: drops idle connections and the database's cache, and
     // gives freed heap back to the system, so a burst does not stay resident.
     void releaseIdleMemory();
@@ -155,14 +154,14 @@ private:
     // The kernel's routes; a download that lost its route waits for a change here.
     std::unique_ptr<NetworkWatch> network;
     RateGovernor *governor;
+    // What every download shares; "max_retries" is its maxRetries.
+    DownloadContext context;
     QList<Download *> downloads;
     QList<FrontEnd *> clients;
     DatabaseHome databaseHome; // holds the database directory while the database is open
     std::unique_ptr<DownloadDataBase> database; // null: no persistence
     DownloadDirectories directories;
     ServiceSettings settings;
-    // Setting "max_retries": attempts a download makes after a passing fault without new bytes.
-    int maxRetries;
     // Setting "max_downloads_per_user": downloads one uid other than 0 may have at a time.
     AccessPolicy access;
     RateLimits rates;

@@ -76,10 +76,11 @@ private slots:
         for (int version = 0; version <= older; ++version)
             for (const QString &statement : releases[version])
                 svc.sql(statement);
-        Download x(nullptr, nullptr, "x", "", "", "http://h", "/x", 1, 1, -1, 0, 9000000000000);
-        Download a(nullptr, nullptr, key, "c", "a", "http://h/a", "/a", 4, 1, 5000000000, 12, 3);
-        Download b(nullptr, nullptr, key, "d", "b", "http://h/b", "/b", 1, 2, 6000000000, 45, 6);
-        Download ab(nullptr, nullptr, key, "c", "b", "http://h/a", "/a", 1, 2, 6000000000, 45, 3);
+        const DownloadContext none;
+        Download x(none, "x", "", "", "http://h", "/x", 1, 1, -1, 0, 9000000000000);
+        Download a(none, key, "c", "a", "http://h/a", "/a", 4, 1, 5000000000, 12, 3);
+        Download b(none, key, "d", "b", "http://h/b", "/b", 1, 2, 6000000000, 45, 6);
+        Download ab(none, key, "c", "b", "http://h/a", "/a", 1, 2, 6000000000, 45, 3);
         b.ownerUid = 4242; // the other columns a request sets once: a's stay
         b.failureReason = "HTTP 404 " + key, b.httpStatus = 404; // kept though no file was made
         b.rateLimit = 65536, b.priority = -7;

@@ -8,19 +8,17 @@
 namespace dlm {
 
 // A new download is a stored one that has no file, no state and failure code 4 yet.
-Download::Download(std::function<void(Download *)> reportChange, CurlEngine *engine,
-    QString uniqueID, QString clientID, QString contentURL, QString name)
-    : Download(std::move(reportChange), engine, std::move(uniqueID), std::move(clientID),
-        std::move(name), std::move(contentURL), QString(), Undefined, 4, 0, 0, 0)
+Download::Download(const DownloadContext &context, QString uniqueID, QString clientID,
+    QString contentURL, QString name)
+    : Download(context, std::move(uniqueID), std::move(clientID), std::move(name),
+        std::move(contentURL), QString(), Undefined, 4, 0, 0, 0)
 {
 }
 
-Download::Download(std::function<void(Download *)> reportChange, CurlEngine *engine,
-    QString uniqueID, QString clientID, QString name, QString contentURL, QString filePath,
-    unsigned state, unsigned failureCode, qint64 totalSize, qint64 amountDownloaded,
-    qint64 startTime)
-    : reportChange(std::move(reportChange)),
-      engine(engine),
+Download::Download(const DownloadContext &context, QString uniqueID, QString clientID, QString name,
+    QString contentURL, QString filePath, unsigned state, unsigned failureCode, qint64 totalSize,
+    qint64 amountDownloaded, qint64 startTime)
+    : context(&context),
       uniqueID(std::move(uniqueID)),
       clientID(std::move(clientID)),
       name(std::move(name)),
@@ -99,7 +97,7 @@ void Download::launch()
     if (state == Completed)
         return;
     if (!running)
-        running = std::make_unique<HttpTransfer>(*this, engine);
+        running = std::make_unique<HttpTransfer>(*this, context->engine);
     running->start();
 }
 
@@ -134,13 +132,13 @@ bool Download::onTheWire() const
 
 void Download::report()
 {
-    if (reportChange)
-        reportChange(this);
+    if (context->reportChange)
+        context->reportChange(this);
 }
 
 void Download::networkChanged()
 {
-    if (!waitsForNetwork() || !hasRoute || !hasRoute(QUrl(contentURL).host()))
+    if (!waitsForNetwork() || !context->hasRoute || !context->hasRoute(QUrl(contentURL).host()))
         return;
     DLM_LOGI("Download %s: its host has a route again", uniqueID.toUtf8().constData());
     launch();

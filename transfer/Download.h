@@ -15,6 +15,21 @@ namespace dlm {
 class CurlEngine;
 class HttpTransfer;
 class RateGovernor;
+class Download;
+
+// What every download of one owner shares: who hears of its changes and what runs it. Held once
+// by the owner rather than by each of many stored records.
+struct DownloadContext {
+    std::function<void(Download *)> reportChange; // may be empty
+    CurlEngine *engine = nullptr;
+    RateGovernor *governor = nullptr; // holds requests to their rates; may stay null
+    // Whether the device has a route to a host (name or number) now; empty when routes are not
+    // watched. A network fault while there is none waits for the network, spending no retry.
+    std::function<bool(const QString &host)> hasRoute;
+    // Consecutive attempts without new bytes after which a passing fault fails a download; -1:
+    // the schedule's default.
+    int maxRetries = -1;
+};
 
 // One file fetched over HTTP for a client: the record that is stored, listed and shown, and its
 // state machine. Most stored downloads never run again in a session, so a record is plain data;
@@ -36,12 +51,12 @@ public:
 
     // A new download, not launched yet (state 0, failure code 4). Note: the URL comes before the
     // name.
-    Download(std::function<void(Download *)> reportChange, CurlEngine *engine, QString uniqueID,
-        QString clientID, QString contentURL, QString name);
+    Download(const DownloadContext &context, QString uniqueID, QString clientID, QString contentURL,
+        QString name);
     // A download restored from its stored record, values taken as they are.
-    Download(std::function<void(Download *)> reportChange, CurlEngine *engine, QString uniqueID,
-        QString clientID, QString name, QString contentURL, QString filePath, unsigned state,
-        unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
+    Download(const DownloadContext &context, QString uniqueID, QString clientID, QString name,
+        QString contentURL, QString filePath, unsigned state, unsigned failureCode,
+        qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
     ~Download();
     Download(const Download &) = delete;
     Download &operator=(const Download &) = delete;
@@ -59,8 +74,6 @@ public:
     // Stop the current transfer and any pending retry; the download keeps its record.
     void abort();
 
-    // Consecutive attempts without new bytes after which a passing fault fails the download.
-    void setMaxRetries(int count) { maxRetries = count; }
     // While Stalled: the next attempt's time in ms since the epoch; otherwise 0.
     qint64 nextAttemptTime() const;
     // While Progressing: bytes per second over the last second or more of reports; otherwise 0.
@@ -68,18 +81,13 @@ public:
     // Whether a request of this download is on the wire or waits for a connection.
     bool onTheWire() const;
 
-    // Whether the device has a route to a host (name or number) now; empty when routes are not
-    // watched. A network fault while there is none waits for the network, spending no retry.
-    std::function<bool(const QString &host)> hasRoute;
     // Stalled with no retry pending until its host has a route again.
     bool waitsForNetwork() const { return state == Stalled && waitingForNetwork; }
     // Routes changed: a download waiting for the network launches once its host has a route.
     void networkChanged();
 
-    std::function<void(Download *)> reportChange; // may be empty
-    CurlEngine *engine;
-    // Holds the request to its rate while on the wire; set by the owner, may stay null.
-    RateGovernor *governor = nullptr;
+    // Shared by every download of its owner, and outlives them.
+    const DownloadContext *context;
 
     QString uniqueID;
     QString clientID;
@@ -114,7 +122,6 @@ public:
     qint64 dataArrivals = 0;
     // Place among the downloads of this process, in order of creation (or restore).
     quint64 creationOrder = 0;
-    int maxRetries = -1; // -1: the schedule's default
 
 private:
     friend class HttpTransfer;

@@ -147,7 +147,8 @@ void HttpTransfer::endAttempt(
 bool HttpTransfer::waitForNetwork(unsigned code, bool passing, const QString &reason)
 {
     // Without a route the attempt never reached the server: no reason to count it.
-    if (code != FAILURE_NETWORK || !passing || !d.hasRoute || d.hasRoute(QUrl(d.contentURL).host()))
+    if (code != FAILURE_NETWORK || !passing || !d.context->hasRoute
+        || d.context->hasRoute(QUrl(d.contentURL).host()))
         return false;
     d.waitingForNetwork = true;
     d.state = Download::Stalled;
@@ -429,13 +430,16 @@ void HttpTransfer::restartInPlace(qint64 newTotal)
 }
 
 HttpTransfer::HttpTransfer(Download &download, CurlEngine *engine)
-    : d(download), engine(engine), governor(download.governor), batch([this] { flushBatch(); })
+    : d(download),
+      engine(engine),
+      governor(download.context->governor),
+      batch([this] { flushBatch(); })
 {
     stallTimer.setSingleShot(true);
     connect(&stallTimer, &QTimer::timeout, this, &HttpTransfer::transferStalled);
     connect(&retry, &RetrySchedule::due, this, &HttpTransfer::start);
-    if (d.maxRetries >= 0)
-        retry.setMaxRetries(d.maxRetries);
+    if (d.context->maxRetries >= 0)
+        retry.setMaxRetries(d.context->maxRetries);
 }
 
 // Touches no record: a transfer may outlive its download by a turn of the event loop.
