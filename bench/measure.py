@@ -105,6 +105,13 @@ def proc_status(pid, field):
     raise BenchError("no %s for %d" % (field, pid))
 
 
+def process_cpu(pid):
+    """CPU seconds the process has used so far, all its threads."""
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
 def per_thread(pids, name, parse):
     """The sum of parse(text of /proc/PID/task/TID/name) over every live thread of pids."""
     total = 0
@@ -650,9 +657,12 @@ def load_rate(first):
         svc = Service("ratecpu").ready()
         svc.send("download_path %s/\n" % out)
         time.sleep(0.5)
+        # From the request to the end of the download: the service's start-up is not the limit's.
+        before = process_cpu(svc.pid)
         create(urls[0], limit)
         svc.wait_completed(1, 4 * RATE_S * 4 + 60)
-        cpu, peak = svc.quit()
+        cpu = process_cpu(svc.pid) - before
+        svc.quit()
         record(rate_one=one[0], rate_two=(two[0] + two[1]) / 2, rate_two_limited=two[1] * 2,
                rate_cpu_per_mib=cpu * 1000 / (os.path.getsize(files[0]) / MIB))
 
@@ -769,7 +779,8 @@ def write_results():
     ]
     notes = [""] + textwrap.wrap(
         "CPU is whole-process from wait4(); the watchers' (all their threads, from the first command "
-        "to the end of the download) is added to the service's. Idle wake-ups are the watchers' "
+        "to the end of the download) is added to the service's; at a rate limit the service's counts "
+        "from its request to the end of the download (/proc/PID/stat), curl's whole run. Idle wake-ups are the watchers' "
         "voluntary context switches while no download runs. Peak memory is a process's own "
         "high-water mark (the service's VmHWM just before it quits, a reference's from wait4() under "
         "`bench/rusage`); idle memory is the service's resident size %g s after a load ends. The "
