@@ -160,21 +160,21 @@ int32_t DLBinderClient::control(const char *what, const std::string &uniqueID,
 int32_t DLBinderClient::requestPause(const std::string &uniqueID)
 {
     return control("Pause", uniqueID, [](DownloadManager *m, const QString &id, uint uid) {
-        return int(m->pauseDownload(id, uid));
+        return int(m->pauseDownload(id, uid).status);
     });
 }
 
 int32_t DLBinderClient::requestResume(const std::string &uniqueID)
 {
     return control("Resume", uniqueID, [](DownloadManager *m, const QString &id, uint uid) {
-        return int(m->resumeDownload(id, uid));
+        return int(m->resumeDownload(id, uid).status);
     });
 }
 
 int32_t DLBinderClient::requestRemove(const std::string &uniqueID)
 {
     return control("Remove", uniqueID, [](DownloadManager *m, const QString &id, uint uid) {
-        return m->removeDownload(id, uid) ? CONTROL_DONE : CONTROL_NOT_FOUND;
+        return int(m->removeDownload(id, uid).status);
     });
 }
 
@@ -182,7 +182,7 @@ int32_t DLBinderClient::setRateLimit(const std::string &uniqueID, int64_t bytesP
 {
     return control(
         "Rate", uniqueID, [bytesPerSecond](DownloadManager *m, const QString &id, uint uid) {
-            return int(m->setRateLimit(id, bytesPerSecond, uid));
+            return int(m->setRateLimit(id, bytesPerSecond, uid).status);
         });
 }
 
@@ -190,14 +190,14 @@ int32_t DLBinderClient::setPriority(const std::string &uniqueID, int32_t priorit
 {
     return control(
         "Priority", uniqueID, [priority](DownloadManager *m, const QString &id, uint uid) {
-            return int(m->setPriority(id, priority, uid));
+            return int(m->setPriority(id, priority, uid).status);
         });
 }
 
 int32_t DLBinderClient::setOverallRateLimit(int64_t bytesPerSecond)
 {
     return control("Rate", "all", [bytesPerSecond](DownloadManager *m, const QString &, uint uid) {
-        return int(m->setRateLimit(QStringLiteral("all"), bytesPerSecond, uid));
+        return int(m->setRateLimit(QStringLiteral("all"), bytesPerSecond, uid).status);
     });
 }
 
@@ -205,7 +205,7 @@ int32_t DLBinderClient::setBackgroundMode(bool on)
 {
     return control(on ? "Background on" : "Background off", "all",
         [on](DownloadManager *m, const QString &, uint uid) {
-            return int(m->setBackgroundMode(on, uid));
+            return int(m->setBackgroundMode(on, uid).status);
         });
 }
 
@@ -311,7 +311,7 @@ int DLBinderClient::checkSpaceAvailability(const std::string &clientID, const lo
     const long long wanted = size;
     const uint uid = callerUid();
     return gate.ask<int>(SPACE_UNKNOWN, [client, wanted, uid](DownloadManager *m) {
-        return m->checkDownloadPossible(client, wanted, uid);
+        return int(m->checkDownloadPossible(client, wanted, uid).status);
     });
 }
 
@@ -323,11 +323,12 @@ int32_t DLBinderClient::setDownloadPath(
     static_assert(int(DownloadManager::PathStatus::NotADirectory) == PATH_NOT_A_DIRECTORY
         && int(DownloadManager::PathStatus::NotAbsolute) == PATH_NOT_ABSOLUTE
         && int(DownloadManager::PathStatus::NotPermitted) == PATH_NOT_PERMITTED
-        && int(DownloadManager::PathStatus::NotWritable) == PATH_NOT_WRITABLE);
+        && int(DownloadManager::PathStatus::NotWritable) == PATH_NOT_WRITABLE
+        && int(DownloadManager::SpaceStatus::Unknown) == SPACE_UNKNOWN);
     const QString client = textIn(clientID), path = textIn(downloadPath);
     const uint uid = callerUid();
     return gate.ask<int32_t>(DEAD_OBJECT, [client, path, uid](DownloadManager *m) {
-        return int32_t(m->setDownloadPath(client, path, uid));
+        return int32_t(m->setDownloadPath(client, path, uid).status);
     });
 }
 
@@ -367,7 +368,7 @@ int32_t DLBinderClient::requestDownloadOrdered(const std::string &clientID, cons
         QString created;
         const auto status = m->createDownload(client, address, CallerView::storedId(id, uid),
             displayName, &created, uid, { expectedSize, digest }, { rateLimit, priority });
-        return Answer(int32_t(status), CallerView::shownId(created, uid));
+        return Answer(int32_t(status.status), CallerView::shownId(created, uid));
     });
     *uniqueIDOut = textOut(answer.second); // the dispatch table's text, never null
     return answer.first;

@@ -40,6 +40,14 @@ public:
         line += QLatin1String("\" ");
         return *this;
     }
+    // A refusal's reason may quote a caller's value: escaped, unquoted.
+    ConsoleLine &words(const QString &piece)
+    {
+        const QByteArray bytes = piece.toUtf8();
+        line += QString::fromStdString(escapeText(bytes.constData(), size_t(bytes.size())));
+        line += QLatin1Char(' ');
+        return *this;
+    }
     ConsoleLine &number(qint64 piece)
     {
         line += QString::number(piece);
@@ -188,7 +196,7 @@ void DLConsoleReaderClient::HandleText(const QString &line)
         getDownloadList(kAllClients);
     } else if (command == QLatin1String("download_possible") && isSize(argument)) {
         qDebug("download_possible result: %d.",
-            manager->checkDownloadPossible(kShellClientID, argument.toLongLong()));
+            int(manager->checkDownloadPossible(kShellClientID, argument.toLongLong()).status));
     } else if (command == QLatin1String("download_path")) {
         setPath(argument);
     } else if (command == QLatin1String("quit")) {
@@ -214,46 +222,29 @@ bool DLConsoleReaderClient::order(const QStringList &words)
         ConsoleLine().text("invalid format: ").value(words.join(QLatin1Char(' ')));
         return true;
     }
-    using Status = DownloadManager::ControlStatus;
-    const Status status = background ? manager->setBackgroundMode(on)
+    const Outcome<DownloadManager::ControlStatus> outcome = background
+        ? manager->setBackgroundMode(on)
         : what == QLatin1String("rate")
         ? manager->setRateLimit(words[1], value)
         : manager->setPriority(words[1], int(qBound(qint64(INT_MIN), value, qint64(INT_MAX))));
-    if (status == Status::NotFound)
-        ConsoleLine().text("No download found:").value(words[1]);
-    else if (status == Status::BadValue)
-        ConsoleLine()
-            .text(what == QLatin1String("rate") ? "Rate refused: 0 to 10000000000 bytes/s:"
-                                                : "Priority refused: -100 to 100:")
-            .number(value);
+    ConsoleLine line;
+    line.text(qPrintable(what)).value(words.mid(1).join(QLatin1Char(' ')));
+    if (outcome.done())
+        line.text("done.");
     else
-        ConsoleLine()
-            .text(qPrintable(what))
-            .value(words.mid(1).join(QLatin1Char(' ')))
-            .text("done.");
+        line.text("refused:").words(outcome.reason);
     return true;
 }
 
 void DLConsoleReaderClient::setPath(const QString &argument)
 {
     const QByteArray path = argument.toUtf8();
-    switch (manager->setDownloadPath(kShellClientID, argument)) {
-    case DownloadManager::PathStatus::Set:
+    const Outcome<DownloadManager::PathStatus> outcome
+        = manager->setDownloadPath(kShellClientID, argument);
+    if (outcome.done())
         qDebug("Path %s set.", path.constData());
-        break;
-    case DownloadManager::PathStatus::NotAbsolute:
-        qDebug("Path %s refused: not an absolute path.", path.constData());
-        break;
-    case DownloadManager::PathStatus::NotADirectory:
-        qDebug("Path %s refused: no such directory.", path.constData());
-        break;
-    case DownloadManager::PathStatus::NotPermitted: // only for callers other than root
-        qDebug("Path %s refused: not permitted.", path.constData());
-        break;
-    case DownloadManager::PathStatus::NotWritable:
-        qDebug("Path %s refused: the service cannot write there.", path.constData());
-        break;
-    }
+    else
+        qDebug("Path %s refused: %s.", path.constData(), qUtf8Printable(outcome.reason));
 }
 
 void DLConsoleReaderClient::help()

@@ -74,6 +74,8 @@ PathStatus resolveDirectory(uint uid, const QString &path, QString *canonical)
 const char *refusalText(PathStatus status)
 {
     switch (status) {
+    case PathStatus::NotAbsolute:
+        return "not an absolute path";
     case PathStatus::NotPermitted:
         return "not permitted";
     case PathStatus::NotWritable:
@@ -92,35 +94,31 @@ void DownloadDirectories::restore(uint ownerUid, const QString &clientID, const 
     chosen.insert(key);
 }
 
-PathStatus DownloadDirectories::choose(
+Outcome<PathStatus> DownloadDirectories::choose(
     const QString &clientID, const QString &path, uint ownerUid, QString *stored)
 {
-    // The default directory is every user's fallback: only root chooses it.
-    if (ownerUid != 0 && clientID == kDefaultClientID) {
-        DLM_LOGW(
-            "Download path of %s refused: uid %u is not root", qUtf8Printable(clientID), ownerUid);
-        return PathStatus::NotPermitted;
-    }
     QString given = path;
     if (given.startsWith(QLatin1String("~/")))
         given.replace(QLatin1Char('~'), QDir::homePath());
+    PathStatus status = PathStatus::Set;
+    // The default directory is every user's fallback: only root chooses it.
+    if (ownerUid != 0 && clientID == kDefaultClientID)
+        status = PathStatus::NotPermitted;
     // Relative paths would land in whatever the service's working directory is.
-    if (!QDir::isAbsolutePath(given)) {
-        DLM_LOGW("Download path \"%s\" of %s refused: not an absolute path", qUtf8Printable(given),
-            qUtf8Printable(clientID));
-        return PathStatus::NotAbsolute;
-    }
+    else if (!QDir::isAbsolutePath(given))
+        status = PathStatus::NotAbsolute;
     // Canonical, so that no two spellings of one directory give one file to two downloads.
-    const PathStatus status = resolveDirectory(ownerUid, given, stored);
+    else
+        status = resolveDirectory(ownerUid, given, stored);
     if (status != PathStatus::Set) {
         DLM_LOGW("Download path \"%s\" of %s refused for uid %u: %s", qUtf8Printable(given),
             qUtf8Printable(clientID), ownerUid, refusalText(status));
-        return status;
+        return { status, QString::fromUtf8(refusalText(status)) };
     }
     DLM_LOGD("clientID = %s Download path=%s", qUtf8Printable(clientID), qUtf8Printable(*stored));
     paths.insert(PathKey(ownerUid, clientID), *stored);
     chosen.insert(PathKey(ownerUid, clientID));
-    return PathStatus::Set;
+    return {};
 }
 
 void DownloadDirectories::ensure(const QString &clientID, const QString &path, uint ownerUid)

@@ -5,6 +5,8 @@
 #include <QSet>
 #include <QString>
 
+#include "Outcome.h"
+
 namespace dlm {
 
 // Where downloads go: one canonical directory per (owner uid, client id), and "DEFAULT_CLIENT_ID"
@@ -28,7 +30,8 @@ public:
     void restore(uint ownerUid, const QString &clientID, const QString &path);
     // Resolves path (absolute, a leading "~/" is the home directory) as ownerUid; on Set,
     // *stored is the canonical directory now in use. See DownloadManager::setDownloadPath.
-    PathStatus choose(const QString &clientID, const QString &path, uint ownerUid, QString *stored);
+    Outcome<PathStatus> choose(
+        const QString &clientID, const QString &path, uint ownerUid, QString *stored);
     // Gives the client this directory unless it has one already.
     void ensure(const QString &clientID, const QString &path, uint ownerUid = 0);
     // The uid's directory for the client, else the default one.

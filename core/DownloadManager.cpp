@@ -11,11 +11,10 @@
 #include "RateGovernor.h"
 #include "RequestQueue.h"
 #include "RetrySchedule.h"
+#include "StoredDownloads.h"
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFileInfo>
-#include <QUrl>
 
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -65,7 +64,7 @@ DownloadManager::DownloadManager(const QString &settingsPath, const FrontEndFact
     // Checked before anything is published, read or launched.
     database
         = databaseHome.open(settings.text(QStringLiteral("download_database_path"), kDefaultPath),
-            &DownloadManager::storedRecord, &refused);
+            &stored::recordOf, &refused);
     if (refused)
         return;
     // Directories come first: the console keeps a stored directory of its own.
@@ -120,32 +119,31 @@ void DownloadManager::quit()
 
 // ---- Creation, paths and space ----
 
-DownloadManager::CreateStatus DownloadManager::createDownload(const QString &clientID,
+Outcome<DownloadManager::CreateStatus> DownloadManager::createDownload(const QString &clientID,
     const QString &url, const QString &uniqueID, const QString &name, QString *createdID,
     uint ownerUid, const ExpectedContent &expected, const RateAndPriority &order)
 {
-    if (!rules::isHttpUrl(url)) {
-        DLM_LOGW("Download refused: not an http or https URL. URL=%s", qUtf8Printable(url));
-        return CreateStatus::BadUrl;
-    }
-    if (const QString why = ContentCheck::refusal(expected.size, expected.sha256); !why.isEmpty()) {
-        DLM_LOGW("Download refused: %s. URL=%s", qUtf8Printable(why), qUtf8Printable(url));
-        return CreateStatus::BadArgument;
-    }
-    if (!RateLimits::validRate(order.rateLimit) || !RateLimits::validPriority(order.priority)) {
-        DLM_LOGW("Download refused: rate %lld or priority %d out of bounds. URL=%s",
-            order.rateLimit, order.priority, qUtf8Printable(url));
-        return CreateStatus::BadArgument;
-    }
-    if (const int owned = access.capReached(ownerUid, downloads); owned >= 0) {
-        DLM_LOGW("Download refused: uid %u has %d downloads, its limit. URL=%s", ownerUid, owned,
-            qUtf8Printable(url));
-        return CreateStatus::Refused;
-    }
-    if (!uniqueID.isEmpty() && identifierInUse(uniqueID)) {
-        DLM_LOGW("Download refused: the identifier %s is in use. URL=%s", qUtf8Printable(uniqueID),
-            qUtf8Printable(url));
-        return CreateStatus::IdInUse;
+    Outcome<CreateStatus> refused;
+    if (!rules::isHttpUrl(url))
+        refused = { CreateStatus::BadUrl, QStringLiteral("not an http or https URL") };
+    else if (const QString why = ContentCheck::refusal(expected.size, expected.sha256);
+             !why.isEmpty())
+        refused = { CreateStatus::BadArgument, why };
+    else if (!RateLimits::validRate(order.rateLimit) || !RateLimits::validPriority(order.priority))
+        refused = { CreateStatus::BadArgument,
+            QStringLiteral("rate %1 or priority %2 out of bounds")
+                .arg(order.rateLimit)
+                .arg(order.priority) };
+    else if (const int owned = access.capReached(ownerUid, downloads); owned >= 0)
+        refused = { CreateStatus::Refused,
+            QStringLiteral("uid %1 has %2 downloads, its limit").arg(ownerUid).arg(owned) };
+    else if (!uniqueID.isEmpty() && identifierInUse(uniqueID))
+        refused = { CreateStatus::IdInUse,
+            QStringLiteral("the identifier %1 is in use").arg(uniqueID) };
+    if (!refused.done()) {
+        DLM_LOGW(
+            "Download refused: %s. URL=%s", qUtf8Printable(refused.reason), qUtf8Printable(url));
+        return refused;
     }
     QString id = uniqueID;
     if (id.isEmpty()) {
@@ -169,7 +167,7 @@ DownloadManager::CreateStatus DownloadManager::createDownload(const QString &cli
     downloads.append(download);
     if (createdID)
         *createdID = id;
-    return CreateStatus::Created;
+    return {};
 }
 
 void DownloadManager::restoreDownload(const StoredRecord &r)
@@ -177,16 +175,7 @@ void DownloadManager::restoreDownload(const StoredRecord &r)
     // Reserved by its canonical form, as new paths are.
     const QString canonical
         = QDir::isAbsolutePath(r.filePath) ? QDir::cleanPath(r.filePath) : r.filePath;
-    Download *download = new Download(context, r.uniqueID, r.clientID, r.name, r.contentURL,
-        canonical, r.state, r.failureCode, r.totalSize, r.amountDownloaded, r.startTime);
-    download->ownerUid = r.ownerUid;
-    download->fileIdentity = r.fileIdentity;
-    download->content = ContentCheck(r.expectedSize, r.expectedSha256);
-    download->validator = r.validator;
-    download->failureReason = r.failureReason;
-    download->httpStatus = r.httpStatus;
-    download->rateLimit = r.rateLimit;
-    download->priority = r.priority;
+    Download *download = stored::downloadOf(context, r, canonical);
     download->privateFile = !directories.isChosen(r.ownerUid, r.clientID, canonical);
     directories.reserve(canonical);
     downloads.append(download);
@@ -208,14 +197,14 @@ void DownloadManager::restoreDownload(const StoredRecord &r)
         qUtf8Printable(download->contentURL));
 }
 
-DownloadManager::PathStatus DownloadManager::setDownloadPath(
+Outcome<DownloadManager::PathStatus> DownloadManager::setDownloadPath(
     const QString &clientID, const QString &path, uint ownerUid)
 {
     QString stored;
-    const PathStatus status = directories.choose(clientID, path, ownerUid, &stored);
-    if (status == PathStatus::Set && database)
+    const Outcome<PathStatus> outcome = directories.choose(clientID, path, ownerUid, &stored);
+    if (outcome.done() && database)
         database->storeDownloadPath(ownerUid, clientID, stored);
-    return status;
+    return outcome;
 }
 
 void DownloadManager::ensureDownloadPath(
@@ -229,77 +218,68 @@ QString DownloadManager::getDownloadPath(const QString &clientID, uint ownerUid)
     return directories.of(clientID, ownerUid);
 }
 
-int DownloadManager::checkDownloadPossible(const QString &clientID, long long size, uint callerUid)
+Outcome<DownloadManager::SpaceStatus> DownloadManager::checkDownloadPossible(
+    const QString &clientID, long long size, uint callerUid)
 {
-    const QString directory = getDownloadPath(clientID, callerUid);
-    if (!QDir(directory).exists())
-        return 2;
-    const long long available = disk::availableBytes(directory);
-    DLM_LOGD("checkDownloadPossible sizeAvailable: %lld in path %s\n", available,
-        qUtf8Printable(directory));
-    if (available == -1)
-        return 2;
-    // What downloads on other file systems still need takes nothing from this one.
-    const long long device = disk::deviceOf(directory);
-    long long reserved = 0;
-    for (const Download *download : qAsConst(downloads)) {
-        if (download->state == Download::Progressing
-            && disk::deviceOf(QFileInfo(download->filePath).absolutePath()) == device)
-            reserved += download->totalSize - download->amountDownloaded;
-    }
-    const long long remaining = available - reserved;
-    return (remaining == 0 || remaining < size) ? 1 : 0;
+    const std::optional<long long> free
+        = disk::freeBeside(getDownloadPath(clientID, callerUid), downloads);
+    if (!free)
+        return { SpaceStatus::Unknown, QStringLiteral("the free space cannot be read") };
+    const long long remaining = *free;
+    if (remaining == 0 || remaining < size)
+        return { SpaceStatus::DoesNotFit,
+            QStringLiteral("%1 bytes free beside the running downloads").arg(remaining) };
+    return {};
 }
 
 // ---- Control, removal and queries ----
 
-DownloadManager::ControlStatus DownloadManager::pauseDownload(
-    const QString &uniqueID, uint callerUid)
+Outcome<DownloadManager::ControlStatus> DownloadManager::control(const QString &uniqueID,
+    uint callerUid, const char *what, const std::function<Outcome<ControlStatus>(Download *)> &act)
 {
-    ControlStatus status = uniqueID == kAll ? ControlStatus::Done : ControlStatus::NotFound;
-    for (Download *download : qAsConst(downloads)) {
-        if ((download->uniqueID == uniqueID || uniqueID == kAll)
-            && AccessPolicy::mayTouch(callerUid, download)) {
-            const bool paused = download->pause();
-            if (uniqueID != kAll) {
-                status = paused ? ControlStatus::Done : ControlStatus::WrongState;
-                if (paused)
-                    DLM_LOGI("%s has been paused.", qUtf8Printable(uniqueID));
-            }
+    if (uniqueID == kAll) {
+        for (Download *download : qAsConst(downloads)) {
+            if (AccessPolicy::mayTouch(callerUid, download))
+                act(download);
         }
+        // One line for the command, not one identical line per download.
+        if (!downloads.isEmpty())
+            DLM_LOGI("all has been %s.", what);
+        return {};
     }
-    // One line for the command, not one identical line per download.
-    if (uniqueID == kAll && !downloads.isEmpty())
-        DLM_LOGI("all has been paused.");
-    return status;
+    Download *download = getDownload(uniqueID, callerUid);
+    const Outcome<ControlStatus> outcome = download
+        ? act(download)
+        : Outcome<ControlStatus> { ControlStatus::NotFound, QStringLiteral("no download found") };
+    if (outcome.done())
+        DLM_LOGI("%s has been %s.", qUtf8Printable(uniqueID), what);
+    else if (outcome.status == ControlStatus::NotFound)
+        DLM_LOGI("%s not %s: %s", qUtf8Printable(uniqueID), what, qUtf8Printable(outcome.reason));
+    else
+        DLM_LOGW("%s not %s: %s", qUtf8Printable(uniqueID), what, qUtf8Printable(outcome.reason));
+    return outcome;
 }
 
-DownloadManager::ControlStatus DownloadManager::resumeDownload(
+Outcome<DownloadManager::ControlStatus> DownloadManager::pauseDownload(
     const QString &uniqueID, uint callerUid)
 {
-    ControlStatus status = uniqueID == kAll ? ControlStatus::Done : ControlStatus::NotFound;
-    for (Download *download : qAsConst(downloads)) {
-        if ((download->uniqueID == uniqueID || uniqueID == kAll)
-            && AccessPolicy::mayTouch(callerUid, download)) {
-            const QString fault = rules::storedRowFault(download);
-            if (!fault.isEmpty()) {
-                DLM_LOGW("%s is not resumed: %s", qUtf8Printable(download->uniqueID),
-                    qUtf8Printable(fault));
-                if (uniqueID != kAll)
-                    status = ControlStatus::NotPermitted;
-                continue;
-            }
-            const bool resumed = download->resume();
-            if (uniqueID != kAll) {
-                status = resumed ? ControlStatus::Done : ControlStatus::WrongState;
-                if (resumed)
-                    DLM_LOGI("%s has been resumed.", qUtf8Printable(uniqueID));
-            }
-        }
-    }
-    if (uniqueID == kAll && !downloads.isEmpty())
-        DLM_LOGI("all has been resumed.");
-    return status;
+    return control(uniqueID, callerUid, "paused", [](Download *download) {
+        return download->pause() ? Outcome<ControlStatus> {}
+                                 : Outcome<ControlStatus> { ControlStatus::WrongState,
+                                       QStringLiteral("not Pending, Progressing or Stalled") };
+    });
+}
+
+Outcome<DownloadManager::ControlStatus> DownloadManager::resumeDownload(
+    const QString &uniqueID, uint callerUid)
+{
+    return control(uniqueID, callerUid, "resumed", [](Download *download) {
+        if (const QString fault = rules::storedRowFault(download); !fault.isEmpty())
+            return Outcome<ControlStatus> { ControlStatus::NotPermitted, fault };
+        return download->resume() ? Outcome<ControlStatus> {}
+                                  : Outcome<ControlStatus> { ControlStatus::WrongState,
+                                        QStringLiteral("not Paused or Failed") };
+    });
 }
 
 void DownloadManager::restartDownload(const QString &uniqueID)
@@ -312,49 +292,38 @@ void DownloadManager::restartDownload(const QString &uniqueID)
     }
 }
 
-DownloadManager::ControlStatus DownloadManager::setRateLimit(
+Outcome<DownloadManager::ControlStatus> DownloadManager::setRateLimit(
     const QString &uniqueID, qint64 bytesPerSecond, uint callerUid)
 {
-    Download *download = uniqueID == kAll ? nullptr : getDownload(uniqueID, callerUid);
-    if (uniqueID == kAll && callerUid != 0)
-        return ControlStatus::NotPermitted;
-    if (uniqueID != kAll && !download)
-        return ControlStatus::NotFound;
-    if (!RateLimits::validRate(bytesPerSecond))
-        return ControlStatus::BadValue;
-    DLM_LOGI("%s limited to %lld bytes/s.", qUtf8Printable(uniqueID), bytesPerSecond);
-    if (!download) {
-        rates.setOverall(bytesPerSecond);
-        return ControlStatus::Done;
-    }
-    download->rateLimit = bytesPerSecond;
-    governor->setOwnLimit(download, bytesPerSecond);
-    updateDownload(download);
-    return ControlStatus::Done;
+    if (uniqueID == kAll)
+        return rates.setOverall(bytesPerSecond, callerUid);
+    const QByteArray what = "limited to " + QByteArray::number(bytesPerSecond) + " bytes/s";
+    return control(uniqueID, callerUid, what.constData(), [&](Download *download) {
+        const Outcome<ControlStatus> outcome = RateLimits::checkRate(bytesPerSecond);
+        if (outcome.done())
+            download->setRateLimit(bytesPerSecond);
+        return outcome;
+    });
 }
 
-DownloadManager::ControlStatus DownloadManager::setPriority(
+Outcome<DownloadManager::ControlStatus> DownloadManager::setPriority(
     const QString &uniqueID, int priority, uint callerUid)
 {
-    Download *download = getDownload(uniqueID, callerUid);
-    if (!download)
-        return ControlStatus::NotFound;
-    if (!RateLimits::validPriority(priority))
-        return ControlStatus::BadValue;
-    DLM_LOGI("%s has priority %d.", qUtf8Printable(uniqueID), priority);
-    download->priority = priority;
-    RequestQueue::instance().setPriority(download, priority);
-    updateDownload(download);
-    return ControlStatus::Done;
+    // Priority orders downloads among themselves: giving all one would change nothing.
+    if (uniqueID == kAll)
+        return { ControlStatus::NotFound, QStringLiteral("\"all\" has no priority") };
+    const QByteArray what = "given priority " + QByteArray::number(priority);
+    return control(uniqueID, callerUid, what.constData(), [&](Download *download) {
+        const Outcome<ControlStatus> outcome = RateLimits::checkPriority(priority);
+        if (outcome.done())
+            download->setPriority(priority);
+        return outcome;
+    });
 }
 
-DownloadManager::ControlStatus DownloadManager::setBackgroundMode(bool on, uint callerUid)
+Outcome<DownloadManager::ControlStatus> DownloadManager::setBackgroundMode(bool on, uint callerUid)
 {
-    if (callerUid != 0)
-        return ControlStatus::NotPermitted;
-    DLM_LOGI("Background mode %s.", on ? "on" : "off");
-    rates.setBackground(on);
-    return ControlStatus::Done;
+    return rates.setBackground(on, callerUid);
 }
 
 void DownloadManager::updateDownload(Download *download)
@@ -429,17 +398,18 @@ QList<Download *> DownloadManager::getDownloadList(const QString &clientID, uint
     return result;
 }
 
-bool DownloadManager::removeDownload(const QString &uniqueID, uint callerUid)
+Outcome<DownloadManager::ControlStatus> DownloadManager::removeDownload(
+    const QString &uniqueID, uint callerUid)
 {
     Download *download = getDownload(uniqueID, callerUid);
     if (!download) {
         DLM_LOGI("%s not found. Unable to delete.", qUtf8Printable(uniqueID));
-        return false;
+        return { ControlStatus::NotFound, QStringLiteral("no download found") };
     }
     downloads.removeOne(download);
     discard(download);
     DLM_LOGD("Download successfully deleted.");
-    return true;
+    return {};
 }
 
 void DownloadManager::removeAllDownloads()
@@ -474,15 +444,6 @@ void DownloadManager::discard(Download *download)
     // As the owner: a name the owner could not remove stays.
     if (!keepFile)
         OwnedFile::removeAs(path, owner, identity);
-}
-
-StoredRecord DownloadManager::storedRecord(DownloadDataBase::RowKey row)
-{
-    const auto *d = static_cast<const Download *>(row);
-    return { d->uniqueID, d->clientID, d->name, d->contentURL, d->filePath, d->state,
-        d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid,
-        d->fileIdentity, d->content.expectedSize(), d->content.expectedSha256(), d->validator,
-        d->failureReason, d->httpStatus, d->rateLimit, d->priority };
 }
 
 } // namespace dlm

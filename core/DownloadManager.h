@@ -5,6 +5,7 @@
 #include "Download.h"
 #include "DownloadDirectories.h"
 #include "FrontEnd.h"
+#include "Outcome.h"
 #include "RateLimits.h"
 #include "ServiceSettings.h"
 
@@ -60,18 +61,12 @@ public:
     // (no clients, no database, no downloads) and the process must end.
     bool startRefused() const { return refused; }
 
-    // Answers of createDownload; the values are those the IPC interface sends.
-    enum class CreateStatus { Created = 0, BadUrl = 1, IdInUse = 2, BadArgument = 3, Refused = 4 };
-    // Answers of setDownloadPath; the values are those the IPC interface sends.
+    // The statuses of the refusable calls below (each an Outcome); the values are those the IPC
+    // interface sends.
+    using CreateStatus = dlm::CreateStatus;
     using PathStatus = DownloadDirectories::PathStatus;
-    // Answers of pause, resume and remove; the values are those the IPC interface sends.
-    enum class ControlStatus {
-        Done = 0,
-        NotFound = 1,
-        NotPermitted = 2,
-        WrongState = 3,
-        BadValue = 4
-    };
+    using SpaceStatus = dlm::SpaceStatus;
+    using ControlStatus = dlm::ControlStatus;
 
     // Registers one more front end after construction; the manager owns it from then on.
     void addClient(FrontEnd *client);
@@ -86,14 +81,12 @@ public:
     // ownerUid; a uid other than 0 that already has "max_downloads_per_user" is refused, and so
     // is an expectation ContentCheck::refusal() rejects, or a rate or priority out of bounds
     // (BadArgument).
-    CreateStatus createDownload(const QString &clientID, const QString &url,
+    Outcome<CreateStatus> createDownload(const QString &clientID, const QString &url,
         const QString &uniqueID, const QString &name, QString *createdID = nullptr,
         uint ownerUid = 0, const ExpectedContent &expected = {}, const RateAndPriority &order = {});
     // A stored record comes back as it was, unless its URL is not http(s) or its path not one
     // these rules give: that one is logged and stays Failed, never launched nor resumed.
     void restoreDownload(const StoredRecord &record);
-    // The record the database writes for a download (a DownloadDataBase::RowKey).
-    static StoredRecord storedRecord(DownloadDataBase::RowKey download);
     // Stores an existing absolute directory (a leading "~/" is the home directory) for the
     // client of that uid, in memory and in the database, in canonical form (realpath); anything
     // else is refused and changes nothing. It is resolved as that uid, so below a directory the
@@ -101,26 +94,29 @@ public:
     // and search the directory itself, and may not set "DEFAULT_CLIENT_ID" (NotPermitted). A
     // directory the service itself cannot write now (read-only file system, outside its
     // sandbox's writable paths) is NotWritable.
-    PathStatus setDownloadPath(const QString &clientID, const QString &path, uint ownerUid = 0);
+    Outcome<PathStatus> setDownloadPath(
+        const QString &clientID, const QString &path, uint ownerUid = 0);
     // Gives the client this directory, in memory only, unless it has one already.
     void ensureDownloadPath(const QString &clientID, const QString &path, uint ownerUid = 0);
     // The uid's directory for the client, else the default one (root's "DEFAULT_CLIENT_ID").
     QString getDownloadPath(const QString &clientID, uint ownerUid = 0);
     // Only Progressing downloads on the same file system as the client's directory reserve space.
-    int checkDownloadPossible(const QString &clientID, long long size, uint callerUid = 0);
+    Outcome<SpaceStatus> checkDownloadPossible(
+        const QString &clientID, long long size, uint callerUid = 0);
 
     // Control, removal and queries, limited to what callerUid may see (see the class comment).
     // "all" is Done whatever each download's state.
-    ControlStatus pauseDownload(const QString &uniqueID, uint callerUid = 0);
-    ControlStatus resumeDownload(const QString &uniqueID, uint callerUid = 0);
+    Outcome<ControlStatus> pauseDownload(const QString &uniqueID, uint callerUid = 0);
+    Outcome<ControlStatus> resumeDownload(const QString &uniqueID, uint callerUid = 0);
     void restartDownload(const QString &uniqueID);
     // Rates and order: a download's own limit and priority as pause does ("all" is not one),
     // and with "all" the overall limit, which only root sets, as it switches the background
     // mode (NotPermitted). A value out of RateLimits' bounds is BadValue. Nothing changes
     // unless Done.
-    ControlStatus setRateLimit(const QString &uniqueID, qint64 bytesPerSecond, uint callerUid = 0);
-    ControlStatus setPriority(const QString &uniqueID, int priority, uint callerUid = 0);
-    ControlStatus setBackgroundMode(bool on, uint callerUid = 0);
+    Outcome<ControlStatus> setRateLimit(
+        const QString &uniqueID, qint64 bytesPerSecond, uint callerUid = 0);
+    Outcome<ControlStatus> setPriority(const QString &uniqueID, int priority, uint callerUid = 0);
+    Outcome<ControlStatus> setBackgroundMode(bool on, uint callerUid = 0);
     // The change hub: stores the record (a change of state at once, progress with the other
     // changed rows at the next turn of the event loop), then announces it to every client in
     // list order.
@@ -129,7 +125,7 @@ public:
     QList<Download *> getDownloadList(const QString &clientID, uint callerUid = 0);
     // Removal deletes the file of a download that is not Completed (as its owner), and the
     // stored row; a row the database keeps is logged, and the download leaves memory all the same.
-    bool removeDownload(const QString &uniqueID, uint callerUid = 0);
+    Outcome<ControlStatus> removeDownload(const QString &uniqueID, uint callerUid = 0);
     void removeAllDownloads();
 
     // True once quit() has started: nothing may reach the downloads or clients any more.
@@ -141,6 +137,10 @@ public slots:
 private:
     void loadDownloadPaths();
     Download *find(const QString &uniqueID) const;
+    // Runs act on the caller's download, or with "all" on each of the caller's (then Done
+    // whatever each answers); the answer for one download is logged, what by its name when done.
+    Outcome<ControlStatus> control(const QString &uniqueID, uint callerUid, const char *what,
+        const std::function<Outcome<ControlStatus>(Download *)> &act);
     bool identifierInUse(const QString &uniqueID) const;
     // Aborts, unstores and destroys a download that is no longer in the list.
     void discard(Download *download);

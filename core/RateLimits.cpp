@@ -26,16 +26,55 @@ RateLimits::RateLimits(const ServiceSettings &settings, RateGovernor *governor)
     apply();
 }
 
-void RateLimits::setOverall(qint64 bytesPerSecond)
+Outcome<ControlStatus> RateLimits::checkRate(qint64 bytesPerSecond)
 {
-    overall = bytesPerSecond;
-    apply();
+    if (validRate(bytesPerSecond))
+        return {};
+    return { ControlStatus::BadValue,
+        QStringLiteral("a rate is 0 (none) to %1 bytes per second").arg(kMaxRate) };
 }
 
-void RateLimits::setBackground(bool on)
+Outcome<ControlStatus> RateLimits::checkPriority(int priority)
 {
-    backgroundOn = on;
-    apply();
+    if (validPriority(priority))
+        return {};
+    return { ControlStatus::BadValue,
+        QStringLiteral("a priority is %1 to %2").arg(kMinPriority).arg(kMaxPriority) };
+}
+
+Outcome<ControlStatus> RateLimits::setOverall(qint64 bytesPerSecond, uint callerUid)
+{
+    const Outcome<ControlStatus> outcome = asRoot(callerUid,
+        "limited to " + QByteArray::number(bytesPerSecond) + " bytes/s", checkRate(bytesPerSecond));
+    if (outcome.done()) {
+        overall = bytesPerSecond;
+        apply();
+    }
+    return outcome;
+}
+
+Outcome<ControlStatus> RateLimits::setBackground(bool on, uint callerUid)
+{
+    const Outcome<ControlStatus> outcome
+        = asRoot(callerUid, on ? "switched to background mode" : "switched to normal mode", {});
+    if (outcome.done()) {
+        backgroundOn = on;
+        apply();
+    }
+    return outcome;
+}
+
+Outcome<ControlStatus> RateLimits::asRoot(
+    uint callerUid, const QByteArray &what, Outcome<ControlStatus> outcome)
+{
+    if (callerUid != 0)
+        outcome
+            = { ControlStatus::NotPermitted, QStringLiteral("only root changes every download") };
+    if (outcome.done())
+        DLM_LOGI("all has been %s.", what.constData());
+    else
+        DLM_LOGW("all not %s: %s", what.constData(), qUtf8Printable(outcome.reason));
+    return outcome;
 }
 
 void RateLimits::apply()

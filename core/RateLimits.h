@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Outcome.h"
+
 #include <QtGlobal>
 
 namespace dlm {
@@ -26,14 +28,21 @@ public:
         return priority >= kMinPriority && priority <= kMaxPriority;
     }
 
+    // BadValue with the bounds in words for a value out of them, else done.
+    static Outcome<ControlStatus> checkRate(qint64 bytesPerSecond);
+    static Outcome<ControlStatus> checkPriority(int priority);
+
     RateLimits(const ServiceSettings &settings, RateGovernor *governor);
 
-    void setOverall(qint64 bytesPerSecond);
-    void setBackground(bool on);
+    // Only root changes them (NotPermitted for another uid); each answer is logged.
+    Outcome<ControlStatus> setOverall(qint64 bytesPerSecond, uint callerUid);
+    Outcome<ControlStatus> setBackground(bool on, uint callerUid);
     bool background() const { return backgroundOn; }
 
 private:
     void apply();
+    Outcome<ControlStatus> asRoot(
+        uint callerUid, const QByteArray &what, Outcome<ControlStatus> outcome);
 
     RateGovernor *governor;
     qint64 overall;

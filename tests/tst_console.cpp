@@ -13,6 +13,7 @@ using Lines = QList<QByteArray>;
 
 namespace {
 const QByteArray kNone = "No download found.", kList = "List of downloads:";
+const QByteArray kRates = "a rate is 0 (none) to 10000000000 bytes per second ";
 
 const auto invalid = [](const QByteArray &shown) { return "invalid format:  \"" + shown + "\" "; };
 
@@ -90,7 +91,7 @@ private slots:
         row("space", {.input = "download_path @R\n" + dp + "100\n" + dp + "9223372036854775807\n" + huge
             + "\n" + dp + "-1\n" + dp + "@A|" + dp + "1", .expected = {"Path @R set.", res + "0.", res + "1.", invalid(huge), invalid(dp + "-1"), res + "1.", res + "2."}});
         row("rates and order refused, nothing changed", {.input = "rate nosuch 100\nrate all -1\npriority nosuch 1\nrate all 10000000001\nbackground maybe\nrate all\nbackground on",
-            .expected = {"No download found: \"nosuch\" ", "Rate refused: 0 to 10000000000 bytes/s: -1 ", "No download found: \"nosuch\" ", "Rate refused: 0 to 10000000000 bytes/s: 10000000001 ",
+            .expected = {"rate \"nosuch 100\" refused: no download found ", "rate \"all -1\" refused: " + kRates, "priority \"nosuch 1\" refused: no download found ", "rate \"all 10000000001\" refused: " + kRates,
                 invalid("background maybe"), invalid("rate all"), "background \"on\" done. "}});
         // The first change line names the file; the download is removed before it hears anything.
         const QByteArray url = "\ncreate http://127.0.0.1:" + QByteArray::number(sink.serverPort());

@@ -3,6 +3,7 @@
 #include "DownloadDataBase.h"
 #include "DownloadManager.h"
 #include "Harness.h"
+#include "StoredDownloads.h"
 
 #include <android/log.h>
 
@@ -85,7 +86,7 @@ private slots:
         b.failureReason = "HTTP 404 " + key, b.httpStatus = 404; // kept though no file was made
         b.rateLimit = 65536, b.priority = -7;
         {
-            DownloadDataBase db(svc.path("db/dlm_download.db"), &DownloadManager::storedRecord);
+            DownloadDataBase db(svc.path("db/dlm_download.db"), &stored::recordOf);
             for (Download *d : { &x, &a, &b })
                 db.store(d);
             QCOMPARE(svc.sql("SELECT * FROM downloads ORDER BY rowid"), values({ &x, &ab }));
@@ -103,7 +104,7 @@ private slots:
             restored && restored->failureReason == b.failureReason && restored->httpStatus == 404);
         QVERIFY(restored->rateLimit == 65536 && restored->priority == -7);
         svc.sql("UPDATE downloads SET uniqueID = 'stored' WHERE uniqueID = 'x'"); // not live
-        QVERIFY(manager->createDownload("c", "http://h/s", "stored", "")
+        QVERIFY(manager->createDownload("c", "http://h/s", "stored", "").status
             == DownloadManager::CreateStatus::IdInUse);
         manager->quit();
         QCOMPARE(svc.sql("PRAGMA journal_mode"), Rows { { "wal" } });
@@ -129,7 +130,7 @@ private slots:
         QVERIFY(file.open(QIODevice::WriteOnly) && file.write(garbage) && file.flush());
         const auto manager = start(svc, svc.path(QTest::currentDataTag()));
         QVERIFY(!manager->startRefused());
-        QVERIFY(manager->setDownloadPath("a", svc.path()) == DownloadManager::PathStatus::Set);
+        QVERIFY(manager->setDownloadPath("a", svc.path()).done());
         manager->quit();
         QCOMPARE(errors.size(), 1); // for the file, not for every call
         QVERIFY2(errors[0].contains(message), errors[0]);

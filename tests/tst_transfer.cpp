@@ -189,22 +189,19 @@ private slots:
         DownloadManager manager(dir.filePath("ini"));
         const auto quit = qScopeGuard([&] { manager.quit(); });
         const bool own = row.live == "own", background = row.live == "background";
-        QVERIFY(row.live != "overall"
-            || manager.setRateLimit("all", row.rate) == DownloadManager::ControlStatus::Done);
-        QVERIFY(
-            !background || manager.setBackgroundMode(true) == DownloadManager::ControlStatus::Done);
+        QVERIFY(row.live != "overall" || manager.setRateLimit("all", row.rate).done());
+        QVERIFY(!background || manager.setBackgroundMode(true).done());
         QString id;
-        QVERIFY(manager.createDownload(
-                    "t", server.url("/m").toString(), "", "", &id, 0, {}, { own ? row.rate : 0, 0 })
-            == DownloadManager::CreateStatus::Created);
+        QVERIFY(manager
+                    .createDownload("t", server.url("/m").toString(), "", "", &id, 0, {},
+                        { own ? row.rate : 0, 0 })
+                    .done());
         Download *d = manager.getDownload(id);
         QVERIFY(d);
         QTest::qWait(2000); // a quarter of the file at most would have come (64 KiB/s and bursts)
         QVERIFY2(d->amountDownloaded < (1 << 18), QByteArray::number(d->amountDownloaded));
-        QVERIFY(background
-                ? manager.setBackgroundMode(false) == DownloadManager::ControlStatus::Done
-                : manager.setRateLimit(own ? id : "all", 0)
-                    == DownloadManager::ControlStatus::Done);
+        QVERIFY(background ? manager.setBackgroundMode(false).done()
+                           : manager.setRateLimit(own ? id : "all", 0).done());
         QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), 30000);
         QCOMPARE(readFile(d->filePath), server.resource("/m").body);
     }

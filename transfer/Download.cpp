@@ -2,6 +2,8 @@
 
 #include "DlmLog.h"
 #include "HttpTransfer.h"
+#include "RateGovernor.h"
+#include "RequestQueue.h"
 
 #include <QUrl>
 
@@ -128,6 +130,21 @@ qint64 Download::bytesPerSecond() const
 bool Download::onTheWire() const
 {
     return running && running->onTheWire();
+}
+
+void Download::setRateLimit(qint64 bytesPerSecond)
+{
+    rateLimit = bytesPerSecond;
+    if (context->governor)
+        context->governor->setOwnLimit(this, bytesPerSecond);
+    report();
+}
+
+void Download::setPriority(int newPriority)
+{
+    priority = newPriority;
+    RequestQueue::instance().setPriority(this, newPriority);
+    report();
 }
 
 void Download::report()

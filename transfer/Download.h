@@ -85,6 +85,9 @@ public:
     bool waitsForNetwork() const { return state == Stalled && waitingForNetwork; }
     // Routes changed: a download waiting for the network launches once its host has a route.
     void networkChanged();
+    // Its own limit and its priority (see rateLimit), reaching a running transfer at once.
+    void setRateLimit(qint64 bytesPerSecond);
+    void setPriority(int newPriority);
 
     // Shared by every download of its owner, and outlives them.
     const DownloadContext *context;
@@ -115,7 +118,7 @@ public:
     // Sent as If-Range with every Range (see ResumeValidator); empty when the answer had none.
     QByteArray validator;
     // Its own limit in bytes per second (0: none) and its place among waiting requests (higher
-    // first); both stored, both set by the owner, which tells the governor and the queue.
+    // first); both stored.
     qint64 rateLimit = 0;
     int priority = 0;
     // Blocks of body received in this process, counted as MAX_PACKET_COUNT counts them.
