@@ -228,7 +228,7 @@ bool DLConsoleReaderClient::order(const QStringList &words)
         ? manager->setRateLimit(words[1], value)
         : manager->setPriority(words[1], int(qBound(qint64(INT_MIN), value, qint64(INT_MAX))));
     ConsoleLine line;
-    line.text(qPrintable(what)).value(words.mid(1).join(QLatin1Char(' ')));
+    line.text(qUtf8Printable(what)).value(words.mid(1).join(QLatin1Char(' ')));
     if (outcome.done())
         line.text("done.");
     else

@@ -117,10 +117,6 @@ public:
         const QString &uniqueID, qint64 bytesPerSecond, uint callerUid = 0);
     Outcome<ControlStatus> setPriority(const QString &uniqueID, int priority, uint callerUid = 0);
     Outcome<ControlStatus> setBackgroundMode(bool on, uint callerUid = 0);
-    // The change hub: stores the record (a change of state at once, progress with the other
-    // changed rows at the next turn of the event loop), then announces it to every client in
-    // list order.
-    void updateDownload(Download *download);
     Download *getDownload(const QString &uniqueID, uint callerUid = 0);
     QList<Download *> getDownloadList(const QString &clientID, uint callerUid = 0);
     // Removal deletes the file of a download that is not Completed (as its owner), and the
@@ -135,6 +131,10 @@ public slots:
     void execute();
 
 private:
+    // The change hub, which every download reports to: stores the record (a change of state at
+    // once, progress with the other changed rows at the next turn of the event loop), then
+    // announces it to every client in list order.
+    void updateDownload(Download *download);
     void loadDownloadPaths();
     Download *find(const QString &uniqueID) const;
     // Runs act on the caller's download, or with "all" on each of the caller's (then Done

@@ -47,7 +47,6 @@ public:
 
     bool open(const QString &path);
     void close();
-    bool isTableInDB();
     bool isDBEntryAvailable(const QString &uniqueID);
     bool addEntry(const StoredRecord &record);
     bool updateEntry(const StoredRecord &record);
@@ -58,8 +57,6 @@ public:
     void store(RowKey row);
     // Writes every pending row in one transaction.
     bool flush();
-    // The download is about to be destroyed: nothing of it is written any more.
-    void forget(RowKey row);
     // Gives back the page cache SQLite holds for this connection.
     void releaseMemory();
     // Hands every stored record to restore, in stored order, each before the next is read (a
@@ -71,6 +68,9 @@ public:
     QList<StoredPath> downloadPaths();
 
 private:
+    bool isTableInDB();
+    // The download is about to be destroyed: nothing of it is written any more.
+    void forget(RowKey row);
     // Switches the open file to write-ahead logging with normal syncing; false when refused.
     bool useWriteAheadLog();
     // Prepares statement on the default connection and runs it; logs the driver's message.

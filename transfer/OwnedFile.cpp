@@ -86,17 +86,16 @@ int judge(const struct stat &st, uid_t owner, const FileIdentity &identity)
 
 bool OwnedFile::openExisting(const QString &path, uid_t owner, FileIdentity *identity)
 {
-    if (isOpen())
-        close();
-    const FsIdentity as(owner);
-    if (!as.active())
-        return fail(errno);
-    const Location at(path);
-    const int fd = at.dir < 0 ? -1 : ::openat(at.dir, at.name.constData(), O_RDWR | kOpenFlags);
-    return adopt(fd, as.uid(), identity, false, false, QIODevice::ReadWrite);
+    return openAs(path, owner, identity, false, 0);
 }
 
 bool OwnedFile::openFresh(const QString &path, uid_t owner, FileIdentity *identity, mode_t mode)
+{
+    return openAs(path, owner, identity, true, mode);
+}
+
+bool OwnedFile::openAs(
+    const QString &path, uid_t owner, FileIdentity *identity, bool fresh, mode_t mode)
 {
     if (isOpen())
         close();
@@ -106,6 +105,10 @@ bool OwnedFile::openFresh(const QString &path, uid_t owner, FileIdentity *identi
     const Location at(path);
     if (at.dir < 0)
         return fail(errno);
+    if (!fresh) {
+        const int fd = ::openat(at.dir, at.name.constData(), O_RDWR | kOpenFlags);
+        return adopt(fd, as.uid(), identity, false, false, QIODevice::ReadWrite);
+    }
     int fd = ::openat(at.dir, at.name.constData(), O_WRONLY | O_CREAT | O_EXCL | kOpenFlags, mode);
     const bool created = fd >= 0;
     if (fd < 0 && errno == EEXIST)

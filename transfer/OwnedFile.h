@@ -26,6 +26,8 @@ public:
     static bool removeAs(const QString &path, uid_t owner, const FileIdentity &identity);
 
 private:
+    // Both opens: as owner, through the directory reached without links; fresh creates or empties.
+    bool openAs(const QString &path, uid_t owner, FileIdentity *identity, bool fresh, mode_t mode);
     bool adopt(int fd, uid_t owner, FileIdentity *identity, bool created, bool empty,
         QIODevice::OpenMode mode);
     bool fail(int why); // keeps why's text as the error string

@@ -22,13 +22,6 @@ public:
     // should treat the network as always up.
     bool isWatching() const;
 
-    // True when the kernel has a route to this numeric address (IPv4 or IPv6) now. Asks by
-    // connecting a UDP socket, which sends nothing. An address that does not parse counts as
-    // reachable, so that a caller never waits for a route it cannot name.
-    static bool hasRouteTo(const QString &address);
-    // True when any address outside the loopback networks is reachable: a default route or a
-    // route to the wider network exists.
-    static bool hasAnyRoute();
     // The rule for a download's host: a numeric one by its own route, a name by any route, as
     // resolving the name here could block the event loop.
     static bool hasRouteFor(const QString &host);
@@ -38,6 +31,13 @@ signals:
     void changed();
 
 private:
+    // True when the kernel has a route to this numeric address (IPv4 or IPv6) now. Asks by
+    // connecting a UDP socket, which sends nothing. An address that does not parse counts as
+    // reachable, so that a caller never waits for a route it cannot name.
+    static bool hasRouteTo(const QString &address);
+    // True when any address outside the loopback networks is reachable: a default route or a
+    // route to the wider network exists.
+    static bool hasAnyRoute();
     void drain();
 
     int fd = -1;
