@@ -338,12 +338,18 @@ void DownloadManager::updateDownload(Download *download)
 
 void DownloadManager::networkChanged()
 {
-    if (quitting)
-        return;
-    const QList<Download *> all = downloads; // a launch reports, and a client may act on it
-    for (Download *download : all) {
-        if (download->waitsForNetwork() && downloads.contains(download))
-            download->networkChanged();
+    // A launch reports, and a client hearing it may remove downloads: then the walk starts again
+    // over those left (the launched ones no longer wait).
+    for (bool again = true; again && !quitting;) {
+        const quint64 before = discards;
+        const QList<Download *> all = downloads;
+        again = false;
+        for (Download *download : all) {
+            if ((again = discards != before) || quitting)
+                break;
+            if (download->waitsForNetwork())
+                download->networkChanged();
+        }
     }
 }
 
@@ -423,6 +429,7 @@ void DownloadManager::removeAllDownloads()
 
 void DownloadManager::discard(Download *download)
 {
+    ++discards;
     download->abort();
     // A database that keeps the row must not keep the download alive: it would stay
     // unremovable. The row brings it back at the next start.

@@ -167,6 +167,7 @@ private:
     RateLimits rates;
     // Runs releaseIdleMemory() a moment after the last download stopped.
     QTimer idleTimer;
+    quint64 discards = 0; // downloads destroyed so far: a walk over a copy of the list checks it
     bool refused = false;
     bool quitting = false;
 };
