@@ -123,21 +123,12 @@ Outcome<DownloadManager::CreateStatus> DownloadManager::createDownload(const QSt
     const QString &url, const QString &uniqueID, const QString &name, QString *createdID,
     uint ownerUid, const ExpectedContent &expected, const RateAndPriority &order)
 {
-    Outcome<CreateStatus> refused;
-    if (!rules::isHttpUrl(url))
-        refused = { CreateStatus::BadUrl, QStringLiteral("not an http or https URL") };
-    else if (const QString why = ContentCheck::refusal(expected.size, expected.sha256);
-             !why.isEmpty())
-        refused = { CreateStatus::BadArgument, why };
-    else if (!RateLimits::validRate(order.rateLimit) || !RateLimits::validPriority(order.priority))
-        refused = { CreateStatus::BadArgument,
-            QStringLiteral("rate %1 or priority %2 out of bounds")
-                .arg(order.rateLimit)
-                .arg(order.priority) };
-    else if (const int owned = access.capReached(ownerUid, downloads); owned >= 0)
+    Outcome<CreateStatus> refused = rules::creationRefusal(url, expected, order);
+    const int owned = refused.done() ? access.capReached(ownerUid, downloads) : -1;
+    if (owned >= 0)
         refused = { CreateStatus::Refused,
             QStringLiteral("uid %1 has %2 downloads, its limit").arg(ownerUid).arg(owned) };
-    else if (!uniqueID.isEmpty() && identifierInUse(uniqueID))
+    else if (refused.done() && !uniqueID.isEmpty() && identifierInUse(uniqueID))
         refused = { CreateStatus::IdInUse,
             QStringLiteral("the identifier %1 is in use").arg(uniqueID) };
     if (!refused.done()) {

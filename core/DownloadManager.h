@@ -4,6 +4,7 @@
 #include "DatabaseHome.h"
 #include "Download.h"
 #include "DownloadDirectories.h"
+#include "DownloadRules.h"
 #include "FrontEnd.h"
 #include "Outcome.h"
 #include "RateLimits.h"
@@ -32,19 +33,6 @@ class RateGovernor;
 // every download; any other uid sees and controls only the downloads it created ("all" is all of
 // its own; another's is "not found"), writes only into directories it may write itself, and
 // has its own directory per client identifier.
-// What a creator may say of the content: its size (-1: not said) and SHA-256 in hexadecimal
-// (empty: not said). A download that ends otherwise fails with FAILURE_CONTENT_MISMATCH.
-struct ExpectedContent {
-    qint64 size = -1;
-    QString sha256;
-};
-// A download's own rate limit (bytes per second, 0: none) and its priority among the waiting
-// (higher first); both within RateLimits' bounds.
-struct RateAndPriority {
-    qint64 rateLimit = 0;
-    int priority = 0;
-};
-
 class DownloadManager : public QObject {
     Q_OBJECT
 

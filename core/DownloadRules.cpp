@@ -2,6 +2,7 @@
 
 #include "Download.h"
 #include "FileNames.h"
+#include "RateLimits.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -18,6 +19,21 @@ bool rules::isHttpUrl(const QString &url)
     const QString scheme = url.section(QLatin1Char(':'), 0, 0);
     return parsed.isValid() && !parsed.host().isEmpty()
         && (scheme == QLatin1String("http") || scheme == QLatin1String("https"));
+}
+
+Outcome<CreateStatus> rules::creationRefusal(
+    const QString &url, const ExpectedContent &expected, const RateAndPriority &order)
+{
+    if (!isHttpUrl(url))
+        return { CreateStatus::BadUrl, QStringLiteral("not an http or https URL") };
+    if (const QString why = ContentCheck::refusal(expected.size, expected.sha256); !why.isEmpty())
+        return { CreateStatus::BadArgument, why };
+    if (!RateLimits::validRate(order.rateLimit) || !RateLimits::validPriority(order.priority))
+        return { CreateStatus::BadArgument,
+            QStringLiteral("rate %1 or priority %2 out of bounds")
+                .arg(order.rateLimit)
+                .arg(order.priority) };
+    return {};
 }
 
 QString rules::storedRowFault(const Download *download)
