@@ -47,15 +47,15 @@ QString shownId(const QString &storedId, uint caller)
 void fillRecord(IDownload *record, const Download *download, uint caller)
 {
     record->clientID = utf8(download->clientID, IDLService::kMaxIdBytes);
-    record->uniqueID = utf8(shownId(download->uniqueID, caller), IDLService::kMaxIdBytes);
-    record->name = utf8(download->name, IDLService::kMaxNameBytes);
-    record->contentURL = utf8(download->contentURL, IDLService::kMaxUrlBytes);
+    record->uniqueID = utf8(shownId(download->uniqueID(), caller), IDLService::kMaxIdBytes);
+    record->name = utf8(download->name(), IDLService::kMaxNameBytes);
+    record->contentURL = utf8(download->contentURL(), IDLService::kMaxUrlBytes);
     record->state = int32_t(download->state);
     record->failureCode = int32_t(download->failureCode);
     record->totalSize = download->totalSize;
     record->amountDownloaded = download->amountDownloaded;
     record->startTime = download->startTime;
-    record->filePath = utf8(download->filePath, IDLService::kMaxPathBytes);
+    record->filePath = utf8(download->filePath(), IDLService::kMaxPathBytes);
     record->nextAttemptTime = download->nextAttemptTime();
     record->failureReason = utf8(download->failureReason, IDownload::kMaxReasonBytes);
     record->httpStatus = download->httpStatus;

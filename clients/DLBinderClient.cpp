@@ -61,7 +61,7 @@ uint callerUid()
 QString storedIdOf(DownloadManager *manager, const QString &id, uint uid)
 {
     const Download *d = id == QLatin1String("all") ? nullptr : CallerView::find(manager, id, uid);
-    return d ? d->uniqueID : id;
+    return d ? d->uniqueID() : id;
 }
 
 } // namespace
@@ -281,7 +281,7 @@ int DLBinderClient::listDownloadsPage(
         using Shown = std::pair<QString, const Download *>;
         std::vector<Shown> downloads;
         for (const Download *d : m->getDownloadList(client, uid)) {
-            const QString shown = CallerView::shownId(d->uniqueID, uid);
+            const QString shown = CallerView::shownId(d->uniqueID(), uid);
             if (cursor.isEmpty() || shown > cursor)
                 downloads.emplace_back(shown, d);
         }

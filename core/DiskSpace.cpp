@@ -38,7 +38,7 @@ std::optional<long long> disk::freeBeside(
     long long reserved = 0;
     for (const Download *download : downloads) {
         if (download->state == Download::Progressing
-            && deviceOf(QFileInfo(download->filePath).absolutePath()) == device)
+            && deviceOf(QFileInfo(download->filePath()).absolutePath()) == device)
             reserved += download->totalSize - download->amountDownloaded;
     }
     return available - reserved;

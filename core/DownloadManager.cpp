@@ -145,16 +145,16 @@ Outcome<DownloadManager::CreateStatus> DownloadManager::createDownload(const QSt
     // Reserved now, before the download has written anything.
     const QString filePath = directories.reserveFileName(clientID, url, ownerUid);
 
-    Download *download = new Download(context, id, clientID, url, name.isEmpty() ? filePath : name);
-    download->filePath = filePath;
+    Download *download
+        = new Download(context, id, clientID, url, name.isEmpty() ? filePath : name, filePath);
     download->ownerUid = ownerUid;
     download->privateFile = !directories.isChosen(ownerUid, clientID, filePath);
     download->content = ContentCheck(expected.size, expected.sha256.toLatin1());
     download->rateLimit = order.rateLimit;
     download->priority = order.priority;
     download->launch();
-    DLM_LOGI("Download launched with uniqueID:%s url: %s", qUtf8Printable(download->uniqueID),
-        qUtf8Printable(download->contentURL));
+    DLM_LOGI("Download launched with uniqueID:%s url: %s", qUtf8Printable(download->uniqueID()),
+        qUtf8Printable(download->contentURL()));
     downloads.append(download);
     if (createdID)
         *createdID = id;
@@ -184,8 +184,8 @@ void DownloadManager::restoreDownload(const StoredRecord &r)
         || download->state == Download::Completed)
         return;
     download->launch();
-    DLM_LOGI("Download launched with uniqueID:%s url: %s", qUtf8Printable(download->uniqueID),
-        qUtf8Printable(download->contentURL));
+    DLM_LOGI("Download launched with uniqueID:%s url: %s", qUtf8Printable(download->uniqueID()),
+        qUtf8Printable(download->contentURL()));
 }
 
 Outcome<DownloadManager::PathStatus> DownloadManager::setDownloadPath(
@@ -275,8 +275,9 @@ Outcome<DownloadManager::ControlStatus> DownloadManager::resumeDownload(
 
 void DownloadManager::restartDownload(const QString &uniqueID)
 {
+    const QByteArray id = uniqueID.toUtf8();
     for (Download *download : qAsConst(downloads)) {
-        if (download->uniqueID == uniqueID || uniqueID == kAll) {
+        if (uniqueID == kAll || download->has(RecordText::Id, id)) {
             download->restart();
             DLM_LOGI("%s has been restarted.", qUtf8Printable(uniqueID));
         }
@@ -368,8 +369,9 @@ Download *DownloadManager::getDownload(const QString &uniqueID, uint callerUid)
 
 Download *DownloadManager::find(const QString &uniqueID) const
 {
+    const QByteArray id = uniqueID.toUtf8();
     for (Download *download : downloads) {
-        if (download->uniqueID == uniqueID)
+        if (download->has(RecordText::Id, id))
             return download;
     }
     return nullptr;
@@ -424,18 +426,19 @@ void DownloadManager::discard(Download *download)
     download->abort();
     // A database that keeps the row must not keep the download alive: it would stay
     // unremovable. The row brings it back at the next start.
-    if (database && !database->deleteEntry(download, download->uniqueID)
-        && database->isDBEntryAvailable(download->uniqueID))
+    if (database && !database->deleteEntry(download, download->uniqueID())
+        && database->isDBEntryAvailable(download->uniqueID()))
         DLM_LOGE("Unable to delete %s from the database; removed from memory only",
-            qUtf8Printable(download->uniqueID));
-    const QString path = download->filePath;
+            qUtf8Printable(download->uniqueID()));
+    const QString path = download->filePath();
+    const QByteArray pathBytes = path.toUtf8();
     const uint owner = download->ownerUid;
     const FileIdentity identity = download->fileIdentity;
     // A completed file is the user's content; anything else is litter.
     const bool keepFile = download->state == Download::Completed;
     delete download;
     for (const Download *other : qAsConst(downloads)) {
-        if (other->filePath == path)
+        if (other->has(RecordText::Path, pathBytes))
             return; // a restored twin still writes there
     }
     directories.release(path);

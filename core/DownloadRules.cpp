@@ -38,10 +38,10 @@ Outcome<CreateStatus> rules::creationRefusal(
 
 QString rules::storedRowFault(const Download *download)
 {
-    if (!isHttpUrl(download->contentURL))
+    if (!isHttpUrl(download->contentURL()))
         return QStringLiteral("not an http or https URL");
-    if (!QDir::isAbsolutePath(download->filePath)
-        || !filenames::isPlainName(download->filePath.section(QLatin1Char('/'), -1)))
+    if (!QDir::isAbsolutePath(download->filePath())
+        || !filenames::isPlainName(download->filePath().section(QLatin1Char('/'), -1)))
         return QStringLiteral("not an absolute path to a plain file name");
     return QString();
 }

@@ -7,7 +7,7 @@ namespace dlm::stored {
 StoredRecord recordOf(DownloadDataBase::RowKey row)
 {
     const auto *d = static_cast<const Download *>(row);
-    return { d->uniqueID, d->clientID, d->name, d->contentURL, d->filePath, d->state,
+    return { d->uniqueID(), d->clientID, d->name(), d->contentURL(), d->filePath(), d->state,
         d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid,
         d->fileIdentity, d->content.expectedSize(), d->content.expectedSha256(), d->validator,
         d->failureReason, d->httpStatus, d->rateLimit, d->priority };

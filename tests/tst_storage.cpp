@@ -18,8 +18,9 @@ Rows values(const QList<Download *> &downloads)
 {
     Rows rows;
     for (const Download *d : downloads)
-        rows.append({ d->uniqueID, d->clientID, d->name, d->contentURL, d->filePath, d->state,
-            d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid });
+        rows.append(
+            { d->uniqueID(), d->clientID, d->name(), d->contentURL(), d->filePath(), d->state,
+                d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid });
     return rows;
 }
 

@@ -18,7 +18,7 @@ struct Recorder final : FrontEnd {
     void destroy() override { delete this; }
     void updateDownloadEntry(Download *d) override
     {
-        QVERIFY(d->amountDownloaded <= QFileInfo(d->filePath).size());
+        QVERIFY(d->amountDownloaded <= QFileInfo(d->filePath()).size());
         reports.append({ d->state, d->totalSize, d->amountDownloaded, d->dataArrivals });
     }
 };
@@ -106,7 +106,7 @@ private slots:
         QVERIFY(d && d->onTheWire());
         QTRY_VERIFY_WITH_TIMEOUT(!d->onTheWire(), 30000); // the first attempt is over
         QCOMPARE(d->state, unsigned(Download::Completed));
-        QCOMPARE(readFile(d->filePath), r.body);
+        QCOMPARE(readFile(d->filePath()), r.body);
 
         QList<qint64> at, expected;
         for (int i = 1; i < reports.size(); ++i) {
@@ -203,7 +203,7 @@ private slots:
         QVERIFY(background ? manager.setBackgroundMode(false).done()
                            : manager.setRateLimit(own ? id : "all", 0).done());
         QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), 30000);
-        QCOMPARE(readFile(d->filePath), server.resource("/m").body);
+        QCOMPARE(readFile(d->filePath()), server.resource("/m").body);
     }
 
     void answers_data()

@@ -9,28 +9,25 @@
 
 namespace dlm {
 
-// A new download is a stored one that has no file, no state and failure code 4 yet.
-Download::Download(const DownloadContext &context, QString uniqueID, QString clientID,
-    QString contentURL, QString name)
-    : Download(context, std::move(uniqueID), std::move(clientID), std::move(name),
-        std::move(contentURL), QString(), Undefined, 4, 0, 0, 0)
+// A new download is a stored one that has no state and failure code 4 yet.
+Download::Download(const DownloadContext &context, const QString &uniqueID, QString clientID,
+    const QString &contentURL, const QString &name, const QString &filePath)
+    : Download(
+        context, uniqueID, std::move(clientID), name, contentURL, filePath, Undefined, 4, 0, 0, 0)
 {
 }
 
-Download::Download(const DownloadContext &context, QString uniqueID, QString clientID, QString name,
-    QString contentURL, QString filePath, unsigned state, unsigned failureCode, qint64 totalSize,
-    qint64 amountDownloaded, qint64 startTime)
+Download::Download(const DownloadContext &context, const QString &uniqueID, QString clientID,
+    const QString &name, const QString &contentURL, const QString &filePath, unsigned state,
+    unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime)
     : context(&context),
-      uniqueID(std::move(uniqueID)),
       clientID(std::move(clientID)),
-      name(std::move(name)),
-      contentURL(std::move(contentURL)),
-      filePath(std::move(filePath)),
       state(state),
       failureCode(failureCode),
       totalSize(totalSize),
       amountDownloaded(amountDownloaded),
-      startTime(startTime)
+      startTime(startTime),
+      text(uniqueID, name, contentURL, filePath)
 {
     static quint64 created = 0;
     creationOrder = ++created;
@@ -155,9 +152,9 @@ void Download::report()
 
 void Download::networkChanged()
 {
-    if (!waitsForNetwork() || !context->hasRoute || !context->hasRoute(QUrl(contentURL).host()))
+    if (!waitsForNetwork() || !context->hasRoute || !context->hasRoute(QUrl(contentURL()).host()))
         return;
-    DLM_LOGI("Download %s: its host has a route again", uniqueID.toUtf8().constData());
+    DLM_LOGI("Download %s: its host has a route again", uniqueID().toUtf8().constData());
     launch();
 }
 

@@ -3,6 +3,7 @@
 #include "ContentCheck.h"
 #include "FileIdentity.h"
 #include "IDownload.h"
+#include "RecordText.h"
 
 #include <QByteArray>
 #include <QString>
@@ -51,12 +52,12 @@ public:
 
     // A new download, not launched yet (state 0, failure code 4). Note: the URL comes before the
     // name.
-    Download(const DownloadContext &context, QString uniqueID, QString clientID, QString contentURL,
-        QString name);
+    Download(const DownloadContext &context, const QString &uniqueID, QString clientID,
+        const QString &contentURL, const QString &name, const QString &filePath);
     // A download restored from its stored record, values taken as they are.
-    Download(const DownloadContext &context, QString uniqueID, QString clientID, QString name,
-        QString contentURL, QString filePath, unsigned state, unsigned failureCode,
-        qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
+    Download(const DownloadContext &context, const QString &uniqueID, QString clientID,
+        const QString &name, const QString &contentURL, const QString &filePath, unsigned state,
+        unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
     ~Download();
     Download(const Download &) = delete;
     Download &operator=(const Download &) = delete;
@@ -92,11 +93,15 @@ public:
     // Shared by every download of its owner, and outlives them.
     const DownloadContext *context;
 
-    QString uniqueID;
+    // Its texts, fixed when it is made.
+    QString uniqueID() const { return text[RecordText::Id]; }
+    QString name() const { return text[RecordText::Name]; }
+    QString contentURL() const { return text[RecordText::Url]; }
+    QString filePath() const { return text[RecordText::Path]; }
+    // Whether a text of it is this UTF-8 text: a search compares without making strings.
+    bool has(RecordText::Part part, QByteArrayView utf8) const { return text.view(part) == utf8; }
+    // Shared with the other downloads of its client where it can be.
     QString clientID;
-    QString name;
-    QString contentURL;
-    QString filePath;
     unsigned state;
     unsigned failureCode;
     qint64 totalSize;
@@ -134,6 +139,7 @@ private:
     // has returned).
     void endTransfer();
 
+    RecordText text;
     std::unique_ptr<HttpTransfer> running;
     bool waitingForNetwork = false;
 };

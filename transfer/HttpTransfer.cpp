@@ -69,7 +69,7 @@ curl_slist *HttpTransfer::requestHeaders() const
 void HttpTransfer::sendRequest()
 {
     // curl takes the URL as it goes on the wire: non-ASCII characters percent-encoded.
-    easy = engine->open(this, QUrl(d.contentURL).toEncoded(), requestHeaders());
+    easy = engine->open(this, QUrl(d.contentURL()).toEncoded(), requestHeaders());
     setReceiving(true);
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(readBufferShare()));
     // A connection that cannot be made in the stall time-out is a stall as well.
@@ -132,11 +132,11 @@ void HttpTransfer::endAttempt(
     if (delay >= 0) {
         d.state = Download::Stalled;
         DLM_LOGI("Download %s stalled, next attempt in %lld ms: %s",
-            d.uniqueID.toUtf8().constData(), delay, reason.toUtf8().constData());
+            d.uniqueID().toUtf8().constData(), delay, reason.toUtf8().constData());
     } else {
         d.state = Download::Failed;
-        DLM_LOGW(
-            "Download %s failed: %s", d.uniqueID.toUtf8().constData(), reason.toUtf8().constData());
+        DLM_LOGW("Download %s failed: %s", d.uniqueID().toUtf8().constData(),
+            reason.toUtf8().constData());
         d.endTransfer();
         d.report();
         return;
@@ -148,12 +148,12 @@ bool HttpTransfer::waitForNetwork(unsigned code, bool passing, const QString &re
 {
     // Without a route the attempt never reached the server: no reason to count it.
     if (code != FAILURE_NETWORK || !passing || !d.context->hasRoute
-        || d.context->hasRoute(QUrl(d.contentURL).host()))
+        || d.context->hasRoute(QUrl(d.contentURL()).host()))
         return false;
     d.waitingForNetwork = true;
     d.state = Download::Stalled;
     d.failureReason = QStringLiteral("waiting for network");
-    DLM_LOGI("Download %s waits for the network: %s", d.uniqueID.toUtf8().constData(),
+    DLM_LOGI("Download %s waits for the network: %s", d.uniqueID().toUtf8().constData(),
         reason.toUtf8().constData());
     report();
     return true;
@@ -166,7 +166,7 @@ void HttpTransfer::failLocalFile()
         return;
     }
     endAttempt(FAILURE_LOCAL_FILE,
-        QStringLiteral("cannot write %1: %2").arg(d.filePath, file.errorString()), false);
+        QStringLiteral("cannot write %1: %2").arg(d.filePath(), file.errorString()), false);
 }
 
 void HttpTransfer::failContent(const QString &reason)
@@ -178,7 +178,7 @@ void HttpTransfer::failContent(const QString &reason)
 bool HttpTransfer::prepareFile(qint64 offset)
 {
     // Unbuffered: a committed byte is in the file before it is counted and stored.
-    if (!file.isOpen() && !file.openExisting(d.filePath, d.ownerUid, &d.fileIdentity))
+    if (!file.isOpen() && !file.openExisting(d.filePath(), d.ownerUid, &d.fileIdentity))
         return false;
     if (file.size() < offset)
         return false;
@@ -188,7 +188,7 @@ bool HttpTransfer::prepareFile(qint64 offset)
 bool HttpTransfer::saveToDisk(const char *data, qint64 size)
 {
     if (!file.isOpen()
-        && !file.openFresh(d.filePath, d.ownerUid, &d.fileIdentity, d.privateFile ? 0600 : 0666))
+        && !file.openFresh(d.filePath(), d.ownerUid, &d.fileIdentity, d.privateFile ? 0600 : 0666))
         return false;
     qint64 written = size == 0 ? 0 : file.write(data, size);
     // A short write sets no error; writing the rest fails with the reason (a full disk, EFBIG).
@@ -482,7 +482,7 @@ void HttpTransfer::start()
     contentFault.clear();
     queued = true;
     RequestQueue::instance().enter(
-        &d, d.ownerUid, RequestQueue::originOf(d.contentURL), d.creationOrder,
+        &d, d.ownerUid, RequestQueue::originOf(d.contentURL()), d.creationOrder,
         [this] { sendRequest(); }, d.priority);
     d.state = Download::Pending;
     report();
