@@ -230,7 +230,8 @@ private slots:
         QTest::newRow("two per host") << "max_connections_per_host" << 1 << false << false << false;
         QTest::newRow("two downloads at once")
             << "max_active_downloads" << 1 << false << false << false;
-        QTest::newRow("retries spent while the network is gone") << "" << 5 << true << false << false;
+        QTest::newRow("retries spent while the network is gone")
+            << "" << 5 << true << false << false;
         QTest::newRow("a raised priority waits least")
             << "max_active_downloads" << 1 << false << true << false;
         QTest::newRow("a stopped transfer's late leave drops its download's new place")

@@ -7,8 +7,8 @@
 #include <QtTest>
 
 #include <future>
-#include <thread>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace android;
