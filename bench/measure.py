@@ -653,7 +653,8 @@ def load_rate(first):
     def change():
         """A running download's limit raised from half the limit to twice it: seconds from the
         command to where the lines fitted to its file's size before and from 1.5 s after the
-        change meet (chunked reads average out; no window lags), and the new rate / its limit."""
+        change meet (chunked reads average out; no window lags), and the new rate / its limit
+        until the file is complete."""
         fresh(out)
         svc = Service("ratechange").ready()
         svc.send("download_path %s/\n" % out)
@@ -669,7 +670,8 @@ def load_rate(first):
             time.sleep(0.05)
         svc.quit()
         (a1, b1), (a2, b2) = (statistics.linear_regression(*zip(*part)) for part in (
-            [p for p in samples if start + 0.5 <= p[0] < t0], [p for p in samples if p[0] >= t0 + 1.5]))
+            [p for p in samples if start + 0.5 <= p[0] < t0],
+            [p for p in samples if p[0] >= t0 + 1.5 and p[1] < os.path.getsize(www(RATED[0]))]))
         return (b1 - b2) / (a2 - a1) - t0, a2 / (2 * limit)
 
     def ours():
