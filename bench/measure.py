@@ -650,7 +650,33 @@ def load_rate(first):
         svc.quit()
         return [g / elapsed / limit for g in got]
 
+    def change():
+        """A running download's limit raised from half the limit to twice it: seconds from the
+        command to where the lines fitted to its file's size before and from 1.5 s after the
+        change meet (chunked reads average out; no window lags), and the new rate / its limit
+        until the file is complete."""
+        fresh(out)
+        svc = Service("ratechange").ready()
+        svc.send("download_path %s/\n" % out)
+        time.sleep(0.5)
+        run([DLCTL, "create", urls[0], "--client", "shell", "--id", "change", "--rate", str(limit // 2)])
+        start, t0, samples = time.monotonic(), None, []
+        while time.monotonic() - start < 6:
+            if t0 is None and time.monotonic() - start >= 2.5:
+                t0 = time.monotonic()
+                run([DLCTL, "rate", "change", str(2 * limit)])
+            size = os.path.getsize(files[0]) if os.path.exists(files[0]) else 0
+            samples.append((time.monotonic(), size))
+            time.sleep(0.05)
+        svc.quit()
+        (a1, b1), (a2, b2) = (statistics.linear_regression(*zip(*part)) for part in (
+            [p for p in samples if start + 0.5 <= p[0] < t0],
+            [p for p in samples if p[0] >= t0 + 1.5 and p[1] < os.path.getsize(www(RATED[0]))]))
+        return (b1 - b2) / (a2 - a1) - t0, a2 / (2 * limit)
+
     def ours():
+        took, held = change()
+        record(rate_change_s=took, rate_changed=held)
         one = averages(Service("rate"), [(urls[0], limit)])
         two = averages(Service("rate2", env={"DLM_SETTINGS": ini}), [(urls[0], 0), (urls[1], limit // 2)])
         fresh(out)
@@ -687,8 +713,8 @@ def describe():
         "stored": "start with %s stored" % f"{STORED:,}",
         "big": "%d MiB, one file" % BIG_MIB,
         "bigtmpfs": "%d MiB, one file, written to tmpfs" % BIG_MIB,
-        "rate": "limited on loopback to %d KiB/s (one), %d KiB/s overall (two), over %g s" % (
-            RATE_KIB, 2 * RATE_KIB, RATE_S),
+        "rate": "limited on loopback to %d KiB/s (one; a change from %d to %d KiB/s), %d KiB/s "
+                "overall (two), over %g s" % (RATE_KIB, RATE_KIB // 2, 2 * RATE_KIB, 2 * RATE_KIB, RATE_S),
         "onehost": "%d downloads from one host (%d KiB each at %d KiB/s, time-out %d ms, "
                    "max_connections_per_host=%d)" % (
             ONEHOST_COUNT, ONEHOST_KIB, SLOW_RATE_KIB, ONEHOST_TIMEOUT_MS, ONEHOST_COUNT + 1),
@@ -725,6 +751,8 @@ TABLE = [
     ("rate", "rate", "one: average / its limit", "rate_one", None, None, ("min", 0.9)),
     ("rate", "rate", "two: average / the overall limit", "rate_two", None, None, ("min", 0.9)),
     ("rate", "rate", "two: the one limited below its share, average / its limit", "rate_two_limited", None, None, ("min", 0.9)),
+    ("rate", "rate", "s from a limit change on a running download to its new rate", "rate_change_s", None, None, ("max", 1.0)),
+    ("rate", "rate", "after the change: average / its new limit", "rate_changed", None, None, ("min", 0.9)),
     ("rate", "rate", "CPU ms per MiB at the limit", "rate_cpu_per_mib", "curl --limit-rate", "curl_rate_cpu_per_mib", ("ratio", 1.0)),
     ("onehost", "onehost", "completed", "onehost_done", "curl --parallel", "curl_onehost_done", ("min", ONEHOST_COUNT)),
     ("onehost", "onehost", "wall s", "onehost_wall", "curl --parallel", "curl_onehost_wall", ("ratio", 1.2)),

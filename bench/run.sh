@@ -12,7 +12,7 @@
 #   MANY_COUNT=200 MANY_MIB=4               many mid-size files at once, written to the disk
 #   STORED=100000                           downloads in the database at start
 #   ONEHOST_COUNT=50 ONEHOST_KIB=1024 ONEHOST_TIMEOUT_MS=3000   downloads from one host
-#   RATE_KIB=200 RATE_S=5                   rate limits held, and CPU at a limit against curl's
+#   RATE_KIB=200 RATE_S=5                   rate limits held and changed, and CPU at a limit against curl's
 #   SETTLE_S=2                              quiet time before idle memory and wake-ups are read
 #   BENCH_DIR=/var/tmp/dlm-bench BENCH_TMPFS=/dev/shm/dlm-bench   work and tmpfs directories
 #   BENCH_PORT=18080 BENCH_SLOW_PORT=18100  nginx and the first steady link

@@ -225,12 +225,17 @@ private slots:
         QTest::addColumn<int>("most"); // connections at once: root leaves one for other users
         QTest::addColumn<bool>("netLoss"); // no route to the host until they all wait
         QTest::addColumn<bool>("raised"); // the last one created by dlctl with priority 5
-        QTest::newRow("six per host") << "" << 5 << false << false;
-        QTest::newRow("two per host") << "max_connections_per_host" << 1 << false << false;
-        QTest::newRow("two downloads at once") << "max_active_downloads" << 1 << false << false;
-        QTest::newRow("retries spent while the network is gone") << "" << 5 << true << false;
+        QTest::addColumn<bool>("bounced"); // q1 paused and resumed in one command while it waits
+        QTest::newRow("six per host") << "" << 5 << false << false << false;
+        QTest::newRow("two per host") << "max_connections_per_host" << 1 << false << false << false;
+        QTest::newRow("two downloads at once")
+            << "max_active_downloads" << 1 << false << false << false;
+        QTest::newRow("retries spent while the network is gone")
+            << "" << 5 << true << false << false;
         QTest::newRow("a raised priority waits least")
-            << "max_active_downloads" << 1 << false << true;
+            << "max_active_downloads" << 1 << false << true << false;
+        QTest::newRow("a stopped transfer's late leave drops its download's new place")
+            << "max_active_downloads" << 1 << false << false << true;
     }
     void queued();
 
@@ -387,6 +392,15 @@ void tst_Faults::queued()
             0);
         ids.move(6, 1);
     }
+    QFETCH(bool, bounced);
+    QByteArray q1;
+    const char *idOf = "SELECT uniqueID FROM downloads WHERE filePath LIKE '%/q1'";
+    QVERIFY(!bounced || waitFor("q1 to wait behind q0", [&] {
+        q1 = one.sql(idOf).value(0).value(0).toByteArray();
+        return !q1.isEmpty() && !host.requests().isEmpty();
+    }));
+    if (bounced)
+        one.line("pause " + q1 + "\nresume " + q1);
     if (netLoss) { // all wait past their whole retry schedule, then the route is back
         const char *stalled
             = "SELECT count(*) = 7 FROM downloads WHERE state = 32"; // STATE_STALLED

@@ -1,4 +1,5 @@
 #include "Connection.h"
+#include "FrameIo.h"
 
 #include <binder/Binder.h>
 #include <binder/IPCThreadState.h>
@@ -7,6 +8,7 @@
 
 #include <future>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace android;
@@ -114,6 +116,55 @@ private slots:
         QVERIFY(ask(toB, Nest, { 1 }) == 20 && ask(toB, Nest, { 2 }) == 30);
         QVERIFY(objA->added
             == decltype(objA->added)(2, { std::this_thread::get_id(), getpid(), getuid() }));
+    }
+
+    // Frames of 256 KiB each, pushed onto a socket that takes a few KiB at a time, by turns
+    // "abcd"; the peer empties the socket after each push or reads only once all are pushed.
+    void outgoing_data()
+    {
+        QTest::addColumn<bool>("readBetween");
+        QTest::newRow("a frame sent directly past a queued one overtakes it") << true;
+        QTest::newRow("a partly sent frame is queued whole and repeats its head") << false;
+    }
+    void outgoing()
+    {
+        QFETCH(bool, readBetween);
+        int fd[2];
+        QVERIFY(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fd) == 0);
+        const int small = 4096;
+        const timeval patience { 10, 0 };
+        setsockopt(fd[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        setsockopt(fd[1], SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        Outbox out(fd[0]);
+        QByteArray sent, got;
+        const auto read = [&](int flags) {
+            char b[65536];
+            ssize_t n = 0;
+            while (got.size() < sent.size() && (n = recv(fd[1], b, sizeof b, flags)) > 0)
+                got.append(b, n);
+        };
+        for (char k = 'a'; k <= 'd'; ++k) {
+            sent += QByteArray(256 << 10, k);
+            QVERIFY(out.push(std::vector<uint8_t>(256 << 10, uint8_t(k))));
+            if (readBetween)
+                read(MSG_DONTWAIT);
+        }
+        std::thread writer([&out] { out.drain(); });
+        read(0);
+        close(fd[1]); // a writer still sending fails and returns
+        out.close();
+        writer.join();
+        close(fd[0]);
+        const auto runs = [](const QByteArray &bytes) { // "a262144 b262144 ..."
+            QByteArray text;
+            for (qsizetype at = 0, n = 0; at < bytes.size(); at += n) {
+                for (n = 1; at + n < bytes.size() && bytes[at + n] == bytes[at];)
+                    ++n;
+                text += bytes[at] + QByteArray::number(n) + ' ';
+            }
+            return text;
+        };
+        QCOMPARE(runs(got), runs(sent));
     }
 
     void death()

@@ -153,6 +153,11 @@ private slots:
             << Pacing { .rate = 64 << 10, .buffer = 0, .live = "overall" };
         QTest::newRow("held to the background limit until the mode is off")
             << Pacing { .rate = 64 << 10, .buffer = 0, .live = "background" };
+        // 16 B/s: the first buffer alone owes minutes of rest, far past the wait for completion.
+        QTest::newRow("resting under its own limit until the old resume time once it is lifted")
+            << Pacing { .rate = 16, .buffer = 0, .live = "own" };
+        QTest::newRow("resting under the overall limit until the old resume time once it is lifted")
+            << Pacing { .rate = 16, .buffer = 0, .live = "overall" };
     }
     void pacing()
     {
