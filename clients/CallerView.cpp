@@ -57,12 +57,12 @@ void fillRecord(IDownload *record, const Download *download, uint caller)
     record->startTime = download->startTime;
     record->filePath = utf8(download->filePath(), IDLService::kMaxPathBytes);
     record->nextAttemptTime = download->nextAttemptTime();
-    record->failureReason = utf8(download->failureReason, IDownload::kMaxReasonBytes);
-    record->httpStatus = download->httpStatus;
+    record->failureReason = utf8(download->details().failureReason, IDownload::kMaxReasonBytes);
+    record->httpStatus = download->details().httpStatus;
     record->bytesPerSecond = download->bytesPerSecond();
-    record->expectedSha256 = download->content.expectedSha256().toStdString();
-    record->rateLimit = download->rateLimit;
-    record->priority = download->priority;
+    record->expectedSha256 = download->details().content.expectedSha256().toStdString();
+    record->rateLimit = download->details().rateLimit;
+    record->priority = download->details().priority;
 }
 
 std::string cut(const std::string &text, size_t max)

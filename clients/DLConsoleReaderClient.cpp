@@ -57,9 +57,9 @@ public:
     // Why a Stalled download waits: "waiting for network", or the fault its retry follows.
     ConsoleLine &whyStalled(const Download *download)
     {
-        if (download->state != Download::Stalled || download->failureReason.isEmpty())
+        if (download->state != Download::Stalled || download->details().failureReason.isEmpty())
             return *this;
-        return text(" reason:").value(download->failureReason);
+        return text(" reason:").value(download->details().failureReason);
     }
     ~ConsoleLine() { qDebug().noquote().nospace() << line; }
 

@@ -149,9 +149,10 @@ Outcome<DownloadManager::CreateStatus> DownloadManager::createDownload(const QSt
         = new Download(context, id, clientID, url, name.isEmpty() ? filePath : name, filePath);
     download->ownerUid = ownerUid;
     download->privateFile = !directories.isChosen(ownerUid, clientID, filePath);
-    download->content = ContentCheck(expected.size, expected.sha256.toLatin1());
-    download->rateLimit = order.rateLimit;
-    download->priority = order.priority;
+    Download::Details &details = download->editDetails(); // it runs: it will have some
+    details.content = ContentCheck(expected.size, expected.sha256.toLatin1());
+    details.rateLimit = order.rateLimit;
+    details.priority = order.priority;
     download->launch();
     DLM_LOGI("Download launched with uniqueID:%s url: %s", qUtf8Printable(download->uniqueID()),
         qUtf8Printable(download->contentURL()));

@@ -7,10 +7,11 @@ namespace dlm::stored {
 StoredRecord recordOf(DownloadDataBase::RowKey row)
 {
     const auto *d = static_cast<const Download *>(row);
+    const Download::Details &more = d->details();
     return { d->uniqueID(), d->clientID, d->name(), d->contentURL(), d->filePath(), d->state,
         d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid,
-        d->fileIdentity, d->content.expectedSize(), d->content.expectedSha256(), d->validator,
-        d->failureReason, d->httpStatus, d->rateLimit, d->priority };
+        d->fileIdentity, more.content.expectedSize(), more.content.expectedSha256(), more.validator,
+        more.failureReason, more.httpStatus, more.rateLimit, more.priority };
 }
 
 Download *downloadOf(DownloadContext &context, const StoredRecord &r, const QString &canonicalPath)
@@ -19,12 +20,17 @@ Download *downloadOf(DownloadContext &context, const StoredRecord &r, const QStr
         canonicalPath, r.state, r.failureCode, r.totalSize, r.amountDownloaded, r.startTime);
     download->ownerUid = r.ownerUid;
     download->fileIdentity = r.fileIdentity;
-    download->content = ContentCheck(r.expectedSize, r.expectedSha256);
-    download->validator = r.validator;
-    download->failureReason = r.failureReason;
-    download->httpStatus = r.httpStatus;
-    download->rateLimit = r.rateLimit;
-    download->priority = r.priority;
+    // Most stored downloads have none of these: they stay without details.
+    if (r.expectedSize == -1 && r.expectedSha256.isEmpty() && r.validator.isEmpty()
+        && r.failureReason.isEmpty() && r.httpStatus == 0 && r.rateLimit == 0 && r.priority == 0)
+        return download;
+    Download::Details &more = download->editDetails();
+    more.content = ContentCheck(r.expectedSize, r.expectedSha256);
+    more.validator = r.validator;
+    more.failureReason = r.failureReason;
+    more.httpStatus = r.httpStatus;
+    more.rateLimit = r.rateLimit;
+    more.priority = r.priority;
     return download;
 }
 

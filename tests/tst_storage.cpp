@@ -84,8 +84,10 @@ private slots:
         Download b(none, key, "d", "b", "http://h/b", "/b", 1, 2, 6000000000, 45, 6);
         Download ab(none, key, "c", "b", "http://h/a", "/a", 1, 2, 6000000000, 45, 3);
         b.ownerUid = 4242; // the other columns a request sets once: a's stay
-        b.failureReason = "HTTP 404 " + key, b.httpStatus = 404; // kept though no file was made
-        b.rateLimit = 65536, b.priority = -7;
+        b.editDetails() = { .failureReason = "HTTP 404 " + key,
+            .httpStatus = 404, // no file made
+            .priority = -7,
+            .rateLimit = 65536 };
         {
             DownloadDataBase db(svc.path("db/dlm_download.db"), &stored::recordOf);
             for (Download *d : { &x, &a, &b })
@@ -101,9 +103,10 @@ private slots:
         QCOMPARE(values(manager->getDownloadList("*")), values({ &x, &b }));
         QCOMPARE(manager->getDownloadPath(key) + manager->getDownloadPath(key, 7), "/b/c");
         const Download *restored = manager->getDownload(key);
-        QVERIFY(
-            restored && restored->failureReason == b.failureReason && restored->httpStatus == 404);
-        QVERIFY(restored->rateLimit == 65536 && restored->priority == -7);
+        QVERIFY(restored);
+        const Download::Details &more = restored->details();
+        QVERIFY(more.failureReason == b.details().failureReason && more.httpStatus == 404);
+        QVERIFY(more.rateLimit == 65536 && more.priority == -7);
         svc.sql("UPDATE downloads SET uniqueID = 'stored' WHERE uniqueID = 'x'"); // not live
         QVERIFY(manager->createDownload("c", "http://h/s", "stored", "").status
             == DownloadManager::CreateStatus::IdInUse);

@@ -19,7 +19,7 @@ struct Recorder final : FrontEnd {
     void updateDownloadEntry(Download *d) override
     {
         QVERIFY(d->amountDownloaded <= QFileInfo(d->filePath()).size());
-        reports.append({ d->state, d->totalSize, d->amountDownloaded, d->dataArrivals });
+        reports.append({ d->state, d->totalSize, d->amountDownloaded, d->details().dataArrivals });
     }
 };
 
@@ -115,7 +115,7 @@ private slots:
             if (!done && reports[i][2] > reports[i - 1][2])
                 at << reports[i][3];
         }
-        const qint64 seen = d->dataArrivals;
+        const qint64 seen = d->details().dataArrivals;
         for (int n = period; n > 0 && n <= seen; n += period)
             expected << n;
         QVERIFY(seen >= 2 * period && at.size() >= (period < 0 ? 2 : 0));

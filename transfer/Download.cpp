@@ -39,6 +39,19 @@ Download::~Download()
         running->stop();
 }
 
+const Download::Details &Download::details() const
+{
+    static const Details none;
+    return more ? *more : none;
+}
+
+Download::Details &Download::editDetails()
+{
+    if (!more)
+        more = std::make_unique<Details>();
+    return *more;
+}
+
 QString Download::stateAsString() const
 {
     switch (state) {
@@ -131,7 +144,7 @@ bool Download::onTheWire() const
 
 void Download::setRateLimit(qint64 bytesPerSecond)
 {
-    rateLimit = bytesPerSecond;
+    editDetails().rateLimit = bytesPerSecond;
     if (context->governor)
         context->governor->setOwnLimit(this, bytesPerSecond);
     report();
@@ -139,7 +152,7 @@ void Download::setRateLimit(qint64 bytesPerSecond)
 
 void Download::setPriority(int newPriority)
 {
-    priority = newPriority;
+    editDetails().priority = newPriority;
     RequestQueue::instance().setPriority(this, newPriority);
     report();
 }

@@ -107,10 +107,6 @@ public:
     qint64 totalSize;
     qint64 amountDownloaded;
     qint64 startTime;
-    // Why the last attempt failed or stalled (the text of its log line); stays, as failureCode.
-    QString failureReason;
-    // Status of the last HTTP answer; 0 when none came.
-    int httpStatus = 0;
     // Who created it (root for the console and for rows stored before owners were kept): its
     // file is opened and removed with this user's file-system identity.
     uint ownerUid = 0;
@@ -118,16 +114,29 @@ public:
     FileIdentity fileIdentity;
     // Created 0600 rather than by the umask: it is not in a directory its owner chose.
     bool privateFile = false;
-    // The size and SHA-256 its creator expects, checked as the bytes are written and at the end.
-    ContentCheck content;
-    // Sent as If-Range with every Range (see ResumeValidator); empty when the answer had none.
-    QByteArray validator;
-    // Its own limit in bytes per second (0: none) and its place among waiting requests (higher
-    // first); both stored.
-    qint64 rateLimit = 0;
-    int priority = 0;
-    // Blocks of body received in this process, counted as MAX_PACKET_COUNT counts them.
-    qint64 dataArrivals = 0;
+    // What most stored downloads never have, kept apart so that they cost one pointer.
+    struct Details {
+        // Why the last attempt failed or stalled (the text of its log line); stays, as
+        // failureCode.
+        QString failureReason;
+        // Status of the last HTTP answer; 0 when none came.
+        int httpStatus = 0;
+        // Its own limit in bytes per second (0: none) and its place among waiting requests
+        // (higher first); both stored.
+        int priority = 0;
+        qint64 rateLimit = 0;
+        // Blocks of body received in this process, counted as MAX_PACKET_COUNT counts them.
+        qint64 dataArrivals = 0;
+        // Sent as If-Range with every Range (see ResumeValidator); empty when the answer had
+        // none.
+        QByteArray validator;
+        // The size and SHA-256 its creator expects, checked as the bytes are written and at the
+        // end.
+        ContentCheck content;
+    };
+    // Reading shares one empty Details among all that have none; editing makes its own.
+    const Details &details() const;
+    Details &editDetails();
     // Place among the downloads of this process, in order of creation (or restore).
     quint64 creationOrder = 0;
 
@@ -140,6 +149,7 @@ private:
     void endTransfer();
 
     RecordText text;
+    std::unique_ptr<Details> more;
     std::unique_ptr<HttpTransfer> running;
     bool waitingForNetwork = false;
 };

@@ -60,8 +60,9 @@ curl_slist *HttpTransfer::requestHeaders() const
         const QByteArray range = "Range: bytes=" + QByteArray::number(requestOffset) + '-';
         headers = curl_slist_append(headers, range.constData());
         // Only the version our bytes came from may continue them; another one comes whole.
-        if (!d.validator.isEmpty())
-            headers = curl_slist_append(headers, ("If-Range: " + d.validator).constData());
+        if (!d.editDetails().validator.isEmpty())
+            headers = curl_slist_append(
+                headers, ("If-Range: " + d.editDetails().validator).constData());
     }
     return headers;
 }
@@ -79,7 +80,8 @@ void HttpTransfer::sendRequest()
         endAttempt(FAILURE_NETWORK, QStringLiteral("the request could not be started"), true);
     } else if (governor) {
         governed = true;
-        governor->join(&d, d.rateLimit, [this](bool paused) { pauseForRate(paused); });
+        governor->join(
+            &d, d.editDetails().rateLimit, [this](bool paused) { pauseForRate(paused); });
     }
 }
 
@@ -125,7 +127,7 @@ void HttpTransfer::endAttempt(
     stopRequest();
     file.close();
     d.failureCode = code;
-    d.failureReason = reason.left(int(IDownload::kMaxReasonBytes));
+    d.editDetails().failureReason = reason.left(int(IDownload::kMaxReasonBytes));
     if (waitForNetwork(code, passing, reason))
         return;
     const qint64 delay = passing ? retry.schedule(d.amountDownloaded, retryAfterMs) : -1;
@@ -152,7 +154,7 @@ bool HttpTransfer::waitForNetwork(unsigned code, bool passing, const QString &re
         return false;
     d.waitingForNetwork = true;
     d.state = Download::Stalled;
-    d.failureReason = QStringLiteral("waiting for network");
+    d.editDetails().failureReason = QStringLiteral("waiting for network");
     DLM_LOGI("Download %s waits for the network: %s", d.uniqueID().toUtf8().constData(),
         reason.toUtf8().constData());
     report();
@@ -225,12 +227,12 @@ bool HttpTransfer::headerLine(const char *data, size_t size)
 
 bool HttpTransfer::judgeAnswer()
 {
-    d.httpStatus = answer.status;
+    d.editDetails().httpStatus = answer.status;
     const http::Judgement j = http::judge(
         answer.status, requestOffset, d.totalSize, answer.contentRange, answer.contentLength);
     const bool accepted
         = j.verdict == http::Verdict::Accept || j.verdict == http::Verdict::AcceptFromZero;
-    if (accepted && !(contentFault = d.content.tooLong(j.total)).isEmpty()) {
+    if (accepted && !(contentFault = d.editDetails().content.tooLong(j.total)).isEmpty()) {
         verdict = AnswerVerdict::FileFault; // before any byte is written
         return false;
     }
@@ -265,7 +267,7 @@ void HttpTransfer::acceptAnswer(qint64 total)
     verdict = AnswerVerdict::Accepted;
     // The answer the file's bytes start with names their version.
     if (requestOffset == 0)
-        d.validator = ResumeValidator::fromAnswer(answer.etag, answer.lastModified);
+        d.editDetails().validator = ResumeValidator::fromAnswer(answer.etag, answer.lastModified);
     d.state = Download::Progressing;
     if (d.totalSize == 0 && total > 0)
         d.totalSize = total;
@@ -291,18 +293,18 @@ bool HttpTransfer::bodyData(const char *data, size_t size)
     lastActivity.start();
     // Where bytes are written: straight from curl's buffer into the file, counted once there;
     // never a byte past the expected size, and every byte written feeds the digest.
-    const qint64 at = d.amountDownloaded, fits = d.content.room(at, qint64(size));
-    if (!saveToDisk(data, fits) || !d.content.add(file.handle(), at, data, fits)) {
+    const qint64 at = d.amountDownloaded, fits = d.editDetails().content.room(at, qint64(size));
+    if (!saveToDisk(data, fits) || !d.editDetails().content.add(file.handle(), at, data, fits)) {
         verdict = AnswerVerdict::FileFault;
         return false;
     }
     d.amountDownloaded += fits;
     if (fits < qint64(size)) {
-        contentFault = d.content.tooLong(d.content.expectedSize() + 1);
+        contentFault = d.editDetails().content.tooLong(d.editDetails().content.expectedSize() + 1);
         verdict = AnswerVerdict::FileFault;
         return false;
     }
-    ++d.dataArrivals;
+    ++d.editDetails().dataArrivals;
     batchArrival();
     if (governed)
         governor->arrived(&d, fits);
@@ -396,7 +398,8 @@ void HttpTransfer::completeAt(qint64 length)
     // A resumed file may hold stale bytes past the end of the content.
     if (file.isOpen() && file.size() > length)
         file.resize(length);
-    if (const QString wrong = d.content.mismatch(file.handle(), length); !wrong.isEmpty()) {
+    if (const QString wrong = d.editDetails().content.mismatch(file.handle(), length);
+        !wrong.isEmpty()) {
         failContent(wrong);
         return;
     }
@@ -483,7 +486,7 @@ void HttpTransfer::start()
     queued = true;
     RequestQueue::instance().enter(
         &d, d.ownerUid, RequestQueue::originOf(d.contentURL()), d.creationOrder,
-        [this] { sendRequest(); }, d.priority);
+        [this] { sendRequest(); }, d.editDetails().priority);
     d.state = Download::Pending;
     report();
 }
