@@ -153,8 +153,8 @@ QString DownloadDirectories::reserveFileName(
             filenames::fit(name, n < 0 ? QString() : QLatin1Char('.') + QString::number(n)));
         // A dangling symbolic link is a name in use too.
         const QFileInfo onDisk(candidate);
-        if (!reserved.contains(candidate) && !onDisk.exists() && !onDisk.isSymLink()) {
-            reserved.insert(candidate);
+        if (!reserved.contains(qHash(candidate)) && !onDisk.exists() && !onDisk.isSymLink()) {
+            reserve(candidate);
             return candidate;
         }
     }

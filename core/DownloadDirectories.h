@@ -41,15 +41,17 @@ public:
 
     // A free path for the URL's file in the client's directory, reserved at once.
     QString reserveFileName(const QString &clientID, const QString &url, uint ownerUid);
-    void reserve(const QString &filePath) { reserved.insert(filePath); }
-    void release(const QString &filePath) { reserved.remove(filePath); }
+    void reserve(const QString &filePath) { reserved.insert(qHash(filePath)); }
+    void release(const QString &filePath) { reserved.remove(qHash(filePath)); }
 
 private:
     using PathKey = QPair<uint, QString>; // owner uid, client id
 
     QHash<PathKey, QString> paths;
     QSet<PathKey> chosen; // set by the uid itself, not defaults
-    QSet<QString> reserved;
+    // The paths' hashes (seeded per process): with many stored downloads, a second copy of every
+    // path would cost more than the records. Two paths that share a hash share one reservation.
+    QSet<size_t> reserved;
 };
 
 } // namespace dlm
