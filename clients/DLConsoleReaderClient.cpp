@@ -25,6 +25,8 @@ const qint64 kReadChunk = 64 * 1024;
 // composed here and written as it is.
 class ConsoleLine {
 public:
+    // With a batch, the line joins it instead of going out on its own.
+    explicit ConsoleLine(QString *batch = nullptr) : batch(batch) { }
     ConsoleLine &text(const char *piece)
     {
         line += QLatin1String(piece);
@@ -61,10 +63,25 @@ public:
             return *this;
         return text(" reason:").value(download->details().failureReason);
     }
-    ~ConsoleLine() { qDebug().noquote().nospace() << line; }
+    ~ConsoleLine()
+    {
+        if (batch)
+            *batch += line + QLatin1Char('\n');
+        else
+            qDebug().noquote().nospace() << line;
+    }
+    // One message, so one write, for many lines: the console's stream is unbuffered.
+    static void send(QString *batch)
+    {
+        batch->chop(1);
+        if (!batch->isEmpty())
+            qDebug().noquote().nospace() << *batch;
+        batch->clear();
+    }
 
 private:
     QString line;
+    QString *batch;
 };
 
 // The part before the last blank (or the whole line) is the command; the argument has no blank.
@@ -81,9 +98,9 @@ bool isSize(const QString &argument)
     return argument.toLongLong(&ok, 10) >= 0 && ok;
 }
 
-void printDownload(const char *label, const Download *download)
+void printDownload(const char *label, const Download *download, QString *batch = nullptr)
 {
-    ConsoleLine()
+    ConsoleLine(batch)
         .text(label)
         .text(" uniqueID:")
         .value(download->uniqueID())
@@ -290,8 +307,13 @@ void DLConsoleReaderClient::getDownloadList(const QString &clientID)
         ConsoleLine().text("No downloads");
         return;
     }
-    for (const Download *download : downloads)
-        printDownload("Download:", download);
+    QString batch;
+    for (const Download *download : downloads) {
+        printDownload("Download:", download, &batch);
+        if (batch.size() >= 32 * 1024)
+            ConsoleLine::send(&batch);
+    }
+    ConsoleLine::send(&batch);
 }
 
 void DLConsoleReaderClient::getDownload(const QString &uniqueID)

@@ -16,7 +16,7 @@ namespace dlm {
 bool rules::isHttpUrl(const QString &url)
 {
     const QUrl parsed(url);
-    const QString scheme = url.section(QLatin1Char(':'), 0, 0);
+    const QString scheme = url.left(url.indexOf(QLatin1Char(':')));
     return parsed.isValid() && !parsed.host().isEmpty()
         && (scheme == QLatin1String("http") || scheme == QLatin1String("https"));
 }
@@ -40,8 +40,9 @@ QString rules::storedRowFault(const Download *download)
 {
     if (!isHttpUrl(download->contentURL()))
         return QStringLiteral("not an http or https URL");
-    if (!QDir::isAbsolutePath(download->filePath())
-        || !filenames::isPlainName(download->filePath().section(QLatin1Char('/'), -1)))
+    const QString path = download->filePath();
+    if (!QDir::isAbsolutePath(path)
+        || !filenames::isPlainName(path.mid(path.lastIndexOf(QLatin1Char('/')) + 1)))
         return QStringLiteral("not an absolute path to a plain file name");
     return QString();
 }
