@@ -83,6 +83,8 @@ private slots:
         Download a(none, key, "c", "a", "http://h/a", "/a", 4, 1, 5000000000, 12, 3);
         Download b(none, key, "d", "b", "http://h/b", "/b", 1, 2, 6000000000, 45, 6);
         Download ab(none, key, "c", "b", "http://h/a", "/a", 1, 2, 6000000000, 45, 3);
+        x.editDetails().validator
+            = "\"x1\""; // its only extra value: it must come back all the same
         b.ownerUid = 4242; // the other columns a request sets once: a's stay
         b.editDetails() = { .failureReason = "HTTP 404 " + key,
             .httpStatus = 404, // no file made
@@ -107,6 +109,7 @@ private slots:
         const Download::Details &more = restored->details();
         QVERIFY(more.failureReason == b.details().failureReason && more.httpStatus == 404);
         QVERIFY(more.rateLimit == 65536 && more.priority == -7);
+        QCOMPARE(manager->getDownload("x")->details().validator, "\"x1\"");
         svc.sql("UPDATE downloads SET uniqueID = 'stored' WHERE uniqueID = 'x'"); // not live
         QVERIFY(manager->createDownload("c", "http://h/s", "stored", "").status
             == DownloadManager::CreateStatus::IdInUse);
