@@ -46,7 +46,7 @@ void HttpTransfer::sendRequest()
     // curl takes the URL as it goes on the wire: non-ASCII characters percent-encoded.
     easy = engine->open(this, QUrl(d.contentURL).toEncoded(), requestHeaders());
     budget.setReceiving(true);
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(ReadBudget::bufferSize()));
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(ReadBudget::bufferSize(d.rateLimit)));
     // A connection that cannot be made in the stall time-out is a stall as well.
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, long(stallTimeoutMs));
     if (!engine->start(easy)) {

@@ -17,8 +17,9 @@ public:
 
     // Joins (true) or leaves (false) the transfers sharing the budget; repeating changes nothing.
     void setReceiving(bool on);
-    // curl's receive buffer for a request going out now.
-    static qint64 bufferSize();
+    // curl's receive buffer for a request going out now, held to rate (bytes per second, 0 for
+    // none).
+    static qint64 bufferSize(qint64 rate);
     // Written bytes not reported yet that make a report due at once, whatever the batch count
     // or the time: half a share, never below a slow link's batch.
     static qint64 reportBound();
