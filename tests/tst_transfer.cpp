@@ -141,10 +141,12 @@ private slots:
     void pacing_data()
     {
         QTest::addColumn<Pacing>("row");
-        QTest::newRow("200 KiB/s in 16 KiB buffers")
+        QTest::newRow("200 KiB/s in 16 KiB buffers, a few rests a second")
             << Pacing { .rate = 200 << 10, .buffer = 16 << 10 };
         QTest::newRow("a rate below one buffer a second")
             << Pacing { .rate = 1024, .buffer = 16 << 10 };
+        QTest::newRow("a burst of two seconds paid by one rest")
+            << Pacing { .rate = 64 << 10, .buffer = 128 << 10 };
         QTest::newRow("halved on a running transfer")
             << Pacing { .rate = 400 << 10, .buffer = 16 << 10, .changeTo = 200 << 10 };
         QTest::newRow("a live download held to its own limit until it is lifted")
@@ -167,20 +169,23 @@ private slots:
         // Five simulated seconds (the last rate's five when it changes after the first).
         TokenBucket bucket;
         bucket.setRate(row.rate, 0);
-        int64_t now = 0, from = 0, received = 0;
+        int64_t now = 0, from = 0, received = 0, rests = 0;
         while (now < from + 5000) {
             if (row.changeTo && from == 0 && now >= 1000) {
                 bucket.setRate(row.changeTo, now);
                 from = now;
-                received = 0;
+                received = rests = 0;
             }
             received += row.buffer;
-            now += bucket.take(row.buffer, now);
+            const int64_t wait = bucket.take(row.buffer, now);
+            now += wait;
+            rests += wait > 0;
         }
         const int64_t average = received * 1000 / (now - from),
                       limit = row.changeTo ? row.changeTo : row.rate;
         QVERIFY2(
             average >= limit * 9 / 10 && average <= limit * 11 / 10, QByteArray::number(average));
+        QVERIFY2(rests <= 4 * 5 + 1, QByteArray::number(rests)); // each rest is a wake-up
     }
 
     void livePacing(const Pacing &row)

@@ -36,6 +36,7 @@ void CommitBatch::begin()
 {
     packetCount = 0;
     interval = reportIntervalMs();
+    packets = packetLimit();
 }
 
 bool CommitBatch::arrived(qint64 amount, qint64 bound)
@@ -45,8 +46,7 @@ bool CommitBatch::arrived(qint64 amount, qint64 bound)
         return true;
     const qint64 quiet = sinceCommit.elapsed();
     const qint64 longest = qint64(interval) * kMaxQuietIntervals;
-    if (packetLimit() > packetCount++ || quiet < interval
-        || (fresh < kReportBytes && quiet < longest)) {
+    if (packets > packetCount++ || quiet < interval || (fresh < kReportBytes && quiet < longest)) {
         if (interval > 0 && !flushTimer.isActive())
             flushTimer.start(int(qMax<qint64>(longest - quiet, 0)));
         return false;

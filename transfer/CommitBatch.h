@@ -17,7 +17,7 @@ public:
     // due: the timer found a batch waiting; the owner commits it (or not) and calls committed().
     explicit CommitBatch(std::function<void()> due);
 
-    // A new attempt: counts afresh, with the interval read from the environment.
+    // A new attempt: counts afresh, with the interval and the count read from the environment.
     void begin();
     // A block was written; amount: the bytes in the file now; bound: uncommitted bytes that
     // make a commit due at once. True when the owner should commit now.
@@ -34,6 +34,8 @@ private:
     QTimer flushTimer;
     QElapsedTimer sinceCommit;
     int interval = 0;
+    // MAX_PACKET_COUNT, read with the interval: a lookup per block cost more than the block.
+    int packets = 0;
     int packetCount = 0;
     qint64 reportedAmount = 0;
     // The rate: bytes since rateClock started at rateBase.

@@ -14,33 +14,8 @@
 namespace dlm {
 
 namespace {
-// What the receive buffers of all transfers on the wire may take together (curl's buffer per
-// request, CURLOPT_BUFFERSIZE, chosen at launch). Each gets an equal share within curl's bounds,
-// so the peak stays bounded at any concurrency while a single large file reads in large blocks.
-constexpr qint64 kReadBudget = 32 * 1024 * 1024;
-constexpr qint64 kMinReadBufferSize = 16 * 1024;
-constexpr qint64 kMaxReadBufferSize = CURL_MAX_READ_SIZE;
 constexpr int kDefaultTransferTimeoutMs = 60000;
-// Written bytes not reported yet that make a report due whatever the batch count or the time:
-// half a share of the same budget, never below a slow link's batch of 512 KiB (a lower bound
-// only added reports there: 4.5 per MiB on 50 links instead of 4).
-constexpr qint64 kMinReportBound = 512 * 1024;
-constexpr qint64 kMaxReportBound = 4 * 1024 * 1024;
 constexpr qint64 kMaxHeadBytes = 64 * 1024;
-
-// Transfers with a request on the wire; main thread only.
-int receivingTransfers = 0;
-
-qint64 readBufferShare()
-{
-    return qBound(
-        kMinReadBufferSize, kReadBudget / qMax(1, receivingTransfers), kMaxReadBufferSize);
-}
-
-qint64 reportBound()
-{
-    return qBound(kMinReportBound, kReadBudget / 2 / qMax(1, receivingTransfers), kMaxReportBound);
-}
 
 int transferTimeoutMs()
 {
@@ -71,8 +46,8 @@ void HttpTransfer::sendRequest()
 {
     // curl takes the URL as it goes on the wire: non-ASCII characters percent-encoded.
     easy = engine->open(this, QUrl(d.contentURL()).toEncoded(), requestHeaders());
-    setReceiving(true);
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(readBufferShare()));
+    budget.setReceiving(true);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(ReadBudget::bufferSize(d.details().rateLimit)));
     // A connection that cannot be made in the stall time-out is a stall as well.
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, long(stallTimeoutMs));
     if (!engine->start(easy)) {
@@ -102,7 +77,7 @@ void HttpTransfer::pauseForRate(bool paused)
 
 void HttpTransfer::releaseRequest()
 {
-    setReceiving(false);
+    budget.setReceiving(false);
     if (std::exchange(governed, false))
         governor->leave(&d);
     if (std::exchange(queued, false))
@@ -111,14 +86,6 @@ void HttpTransfer::releaseRequest()
         engine->release(easy);
         easy = nullptr;
     }
-}
-
-void HttpTransfer::setReceiving(bool on)
-{
-    if (sharesBudget == on)
-        return;
-    sharesBudget = on;
-    receivingTransfers += on ? 1 : -1;
 }
 
 void HttpTransfer::endAttempt(
@@ -313,7 +280,7 @@ bool HttpTransfer::bodyData(const char *data, size_t size)
 
 void HttpTransfer::batchArrival()
 {
-    if (batch.arrived(d.amountDownloaded, reportBound()))
+    if (batch.arrived(d.amountDownloaded, ReadBudget::reportBound()))
         flushBatch();
 }
 

@@ -4,6 +4,7 @@
 #include "CurlEngine.h"
 #include "HttpAnswer.h"
 #include "OwnedFile.h"
+#include "ReadBudget.h"
 #include "RetrySchedule.h"
 
 #include <QElapsedTimer>
@@ -82,8 +83,6 @@ private:
     void releaseRequest();
     // The governor rests the request: its stall clock does not run meanwhile.
     void pauseForRate(bool paused);
-    // Joins or leaves the transfers that share the read-buffer budget.
-    void setReceiving(bool on);
     // The attempt failed: Stalled until the retry when the fault may pass, else Failed.
     void endAttempt(unsigned code, const QString &reason, bool passing, qint64 retryAfterMs = -1);
     // A network fault with no route to the host: Stalled, waiting for the network; false when
@@ -135,8 +134,8 @@ private:
     // Why the answer is not the content its creator expects (too long), found before or while
     // its bytes were written; ends the attempt as a FileFault does, with failure code 5.
     QString contentFault;
-    // Counted among the transfers sharing the read-buffer budget.
-    bool sharesBudget = false;
+    // Counted among the transfers sharing the read-buffer budget while on the wire.
+    ReadBudget budget;
 };
 
 } // namespace dlm

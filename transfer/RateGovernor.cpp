@@ -2,7 +2,7 @@
 
 #include <QTimer>
 
-#include <chrono>
+#include <climits>
 #include <vector>
 
 namespace dlm {
@@ -19,14 +19,33 @@ void RateGovernor::join(const void *who, int64_t ownLimit, Pause pause)
     auto member = std::make_unique<Member>();
     member->own = ownLimit;
     member->pause = std::move(pause);
-    members[who] = std::move(member);
+    member->wake = new QTimer(this);
+    member->wake->setSingleShot(true);
+    // Precise: a rest that ends early would rest a quarter second more.
+    member->wake->setTimerType(Qt::PreciseTimer);
+    connect(member->wake, &QTimer::timeout, this, [this, who] {
+        const auto found = members.find(who);
+        if (found != members.end())
+            rest(*found->second);
+    });
+    std::unique_ptr<Member> &slot = members[who];
+    if (slot)
+        slot->wake->deleteLater();
+    slot = std::move(member);
     reshare();
 }
 
 void RateGovernor::leave(const void *who)
 {
+    const auto found = members.find(who);
+    if (found == members.end())
+        return;
+    // Possibly inside its own timer's call: stopped now, freed later.
+    found->second->wake->stop();
+    found->second->wake->deleteLater();
+    members.erase(found);
     // Only the others' shares change; nothing of who is called any more.
-    if (members.erase(who) && overallLimit > 0)
+    if (overallLimit > 0)
         reshare();
 }
 
@@ -75,7 +94,7 @@ void RateGovernor::reshare()
     for (const void *who : resting) {
         const auto found = members.find(who);
         if (found != members.end())
-            rest(who, *found->second);
+            rest(*found->second);
     }
 }
 
@@ -85,29 +104,25 @@ void RateGovernor::arrived(const void *who, int64_t bytes)
     if (found == members.end() || found->second->bucket.rate() == 0)
         return;
     Member &m = *found->second;
+    // curl hands over what it read in blocks, one call each, also after the pause: each moves
+    // the one resume time, none adds a wake-up.
     if (m.bucket.take(bytes, clock.elapsed()) > 0)
-        rest(who, m);
+        rest(m);
 }
 
-void RateGovernor::rest(const void *who, Member &m)
+void RateGovernor::rest(Member &m)
 {
-    // The debt left at the current rate; none once the rate is lifted.
+    // The rest left at the current rate; none once the rate is lifted.
     const int64_t waitMs = m.bucket.take(0, clock.elapsed());
-    m.wake = ++wakes;
     if (waitMs <= 0) {
+        m.wake->stop();
         if (m.paused) {
             m.paused = false; // before the call: curl may hand over bytes, and pause, inside it
             m.pause(false);
         }
         return;
     }
-    // A one-shot per rest, found again by its number: one that left, or rested anew, is not
-    // resumed by an older timer.
-    QTimer::singleShot(std::chrono::milliseconds(waitMs), this, [this, who, wake = m.wake] {
-        const auto found = members.find(who);
-        if (found != members.end() && found->second->wake == wake)
-            rest(who, *found->second);
-    });
+    m.wake->start(int(std::min<int64_t>(waitMs, INT_MAX)));
     if (!m.paused) {
         m.paused = true;
         m.pause(true);

@@ -4,6 +4,7 @@
 
 #include <QElapsedTimer>
 #include <QObject>
+#include <QTimer>
 
 #include <functional>
 #include <memory>
@@ -13,9 +14,10 @@ namespace dlm {
 
 // Holds every running transfer to its rate: its own limit and its share of the overall limit
 // (see shareRates), paced by a TokenBucket of its own. A transfer that must rest is paused at
-// once and resumed by a timer of the event loop; a change of a limit re-shares the rates and
-// moves every resting transfer's resume time at once. Transfers without a rate cost a lookup per
-// buffer and no timer. Rates in bytes per second, 0 for none. Main thread only.
+// once and resumed by its one timer on the event loop (one wake-up per rest); a change of a
+// limit re-shares the rates and moves every resting transfer's resume time at once. Transfers
+// without a rate cost a lookup per buffer. Rates in bytes per second, 0 for none. Main thread
+// only.
 class RateGovernor : public QObject {
     Q_OBJECT
 
@@ -46,16 +48,15 @@ private:
         Pause pause;
         TokenBucket bucket;
         bool paused = false;
-        uint64_t wake = 0; // the resume timer that counts; later ones replace earlier ones
+        QTimer *wake = nullptr; // ends the rest; a child of the governor, freed after leave()
     };
     // Gives every member its share again; resting ones get a new resume time.
     void reshare();
-    // Pauses who for its bucket's debt, or resumes it when there is none.
-    void rest(const void *who, Member &m);
+    // Pauses a member for its bucket's rest, or resumes it when there is none.
+    void rest(Member &m);
 
     std::unordered_map<const void *, std::unique_ptr<Member>> members;
     int64_t overallLimit = 0;
-    uint64_t wakes = 0;
     QElapsedTimer clock;
 };
 

@@ -38,9 +38,11 @@ void TokenBucket::setRate(int64_t bytesPerSecond, int64_t nowMs)
 
 void TokenBucket::refill(int64_t nowMs)
 {
+    // A debt of many seconds (a burst the socket held) is paid in full by a rest as long; an
+    // hour bounds the product below overflow at the highest rate.
     if (perSecond > 0 && nowMs > lastMs)
-        tokens = std::min(
-            perSecond / 4, tokens + std::min<int64_t>(nowMs - lastMs, 1000) * perSecond / 1000);
+        tokens = std::min(perSecond / 4,
+            tokens + std::min<int64_t>(nowMs - lastMs, 3600 * 1000) * perSecond / 1000);
     lastMs = std::max(lastMs, nowMs);
 }
 
@@ -50,7 +52,10 @@ int64_t TokenBucket::take(int64_t bytes, int64_t nowMs)
         return 0;
     refill(nowMs);
     tokens -= bytes;
-    return tokens >= 0 ? 0 : (-tokens * 1000 + perSecond - 1) / perSecond;
+    // Rest until the bucket is full again, not just out of debt: the next burst may then be a
+    // quarter second long, so a transfer rests at most about four times a second whatever the
+    // size of its buffers. Every byte is still counted; the average stays the rate.
+    return tokens >= 0 ? 0 : ((perSecond / 4 - tokens) * 1000 + perSecond - 1) / perSecond;
 }
 
 } // namespace dlm

@@ -13,13 +13,13 @@ namespace dlm {
 std::vector<int64_t> shareRates(int64_t overall, const std::vector<int64_t> &ownLimits);
 
 // Paces one transfer at a rate: bytes that arrive are always taken (libcurl hands over a whole
-// buffer), and the debt they leave says how long the transfer must then rest. A burst of a
-// quarter second's bytes may pass unpaced.
+// buffer), and the debt they leave says how long the transfer must then rest: until a quarter
+// second's bytes may pass again unpaced.
 class TokenBucket {
 public:
     void setRate(int64_t bytesPerSecond, int64_t nowMs);
     int64_t rate() const { return perSecond; }
-    // Counts bytes received at nowMs; returns how many ms to pause before reading more, 0 for none.
+    // Counts bytes received at nowMs; returns how many ms to rest before reading more, 0 for none.
     int64_t take(int64_t bytes, int64_t nowMs);
 
 private:
