@@ -111,6 +111,18 @@ bool Head::isFinal() const
     return status >= 200 && !(redirect && hasLocation);
 }
 
+curl_slist *requestHeaders(qint64 offset, const QByteArray &validator)
+{
+    curl_slist *headers = curl_slist_append(nullptr, "Accept-Encoding: identity");
+    if (offset > 0) {
+        const QByteArray range = "Range: bytes=" + QByteArray::number(offset) + '-';
+        headers = curl_slist_append(headers, range.constData());
+        if (!validator.isEmpty())
+            headers = curl_slist_append(headers, ("If-Range: " + validator).constData());
+    }
+    return headers;
+}
+
 } // namespace http
 
 } // namespace dlm

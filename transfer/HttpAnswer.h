@@ -2,10 +2,13 @@
 
 #include <QByteArray>
 
+#include <curl/curl.h>
+
 namespace dlm {
 
 // What an HTTP answer's head says about a download's bytes, judged from header values alone,
-// before any body byte reaches the file.
+// before any body byte reaches the file; and the request's own headers that such an answer
+// answers.
 namespace http {
 
 // "bytes 100-199/200", "bytes 100-199/*" or "bytes */200"; first is -1 for the last form.
@@ -53,6 +56,11 @@ struct Judgement {
 // contentLength: -1 when absent.
 Judgement judge(int status, qint64 offset, qint64 knownTotal, const QByteArray &contentRange,
     qint64 contentLength);
+
+// Identity encoding always (offsets count the resource's own bytes); from offset > 0 a Range,
+// and with a validator an If-Range, so that only that version continues the bytes on disk.
+// CurlEngine::open takes the list and frees it with its request.
+curl_slist *requestHeaders(qint64 offset, const QByteArray &validator);
 
 } // namespace http
 

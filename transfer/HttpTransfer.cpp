@@ -26,26 +26,12 @@ int transferTimeoutMs()
 
 } // namespace
 
-curl_slist *HttpTransfer::requestHeaders() const
-{
-    // Offsets and sizes must count the resource's own bytes, never a compressed form. Both
-    // travel with a redirected request too.
-    curl_slist *headers = curl_slist_append(nullptr, "Accept-Encoding: identity");
-    if (requestOffset > 0) {
-        const QByteArray range = "Range: bytes=" + QByteArray::number(requestOffset) + '-';
-        headers = curl_slist_append(headers, range.constData());
-        // Only the version our bytes came from may continue them; another one comes whole.
-        if (!d.editDetails().validator.isEmpty())
-            headers = curl_slist_append(
-                headers, ("If-Range: " + d.editDetails().validator).constData());
-    }
-    return headers;
-}
-
 void HttpTransfer::sendRequest()
 {
     // curl takes the URL as it goes on the wire: non-ASCII characters percent-encoded.
-    easy = engine->open(this, QUrl(d.contentURL()).toEncoded(), requestHeaders());
+    // The headers travel with a redirected request too.
+    easy = engine->open(this, QUrl(d.contentURL()).toEncoded(),
+        http::requestHeaders(requestOffset, d.details().validator));
     budget.setReceiving(true);
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(ReadBudget::bufferSize(d.details().rateLimit)));
     // A connection that cannot be made in the stall time-out is a stall as well.
@@ -55,8 +41,7 @@ void HttpTransfer::sendRequest()
         endAttempt(FAILURE_NETWORK, QStringLiteral("the request could not be started"), true);
     } else if (governor) {
         governed = true;
-        governor->join(
-            &d, d.editDetails().rateLimit, [this](bool paused) { pauseForRate(paused); });
+        governor->join(&d, d.details().rateLimit, [this](bool paused) { pauseForRate(paused); });
     }
 }
 
@@ -453,7 +438,7 @@ void HttpTransfer::start()
     queued = true;
     RequestQueue::instance().enter(
         &d, d.ownerUid, RequestQueue::originOf(d.contentURL()), d.creationOrder,
-        [this] { sendRequest(); }, d.editDetails().priority);
+        [this] { sendRequest(); }, d.details().priority);
     d.state = Download::Pending;
     report();
 }

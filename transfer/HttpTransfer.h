@@ -61,8 +61,6 @@ private:
     void requestDone(CURLcode result, const QString &detail) override;
 
     void report();
-    // The request's own header lines.
-    curl_slist *requestHeaders() const;
     // Puts the request on the wire once the request queue lets it go.
     void sendRequest();
     // Opens the file at offset for a Range request; false when it cannot continue there.
