@@ -33,7 +33,7 @@ export SLOW_COUNT="${SLOW_COUNT:-50}" SLOW_RATE_KIB="${SLOW_RATE_KIB:-200}"
 export SLOW_CHUNK="${SLOW_CHUNK:-4096}"
 WORK="$BENCH_DIR"
 
-install_packages nginx-light curl sqlite3 python3 gcc
+install_packages nginx-light curl wget sqlite3 python3 gcc
 BUILD="${BENCH_BUILD:-$ROOT/build-bench}"
 build "$BUILD" -DDLM_BUILD_TESTS=OFF
 

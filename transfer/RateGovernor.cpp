@@ -66,12 +66,6 @@ void RateGovernor::setOverall(int64_t bytesPerSecond)
     reshare();
 }
 
-int64_t RateGovernor::rateOf(const void *who) const
-{
-    const auto found = members.find(who);
-    return found == members.end() ? 0 : found->second->bucket.rate();
-}
-
 void RateGovernor::reshare()
 {
     std::vector<int64_t> own;

@@ -39,8 +39,6 @@ public:
     int64_t overall() const { return overallLimit; }
     // bytes were received (and written) by who; pauses it when its bucket says it must rest.
     void arrived(const void *who, int64_t bytes);
-    // The rate who is held to now; 0 for none or not joined.
-    int64_t rateOf(const void *who) const;
 
 private:
     struct Member {
