@@ -33,7 +33,11 @@ void HttpTransfer::sendRequest()
     easy = engine->open(this, QUrl(d.contentURL()).toEncoded(),
         http::requestHeaders(requestOffset, d.details().validator));
     budget.setReceiving(true);
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(ReadBudget::bufferSize(d.details().rateLimit)));
+    // Gathered writes take half of the transfer's share from curl's buffer: as resident as before.
+    const qint64 rate = d.details().rateLimit;
+    pendingLimit = ReadBudget::writeBatch(rate);
+    pending.reserve(pendingLimit);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(ReadBudget::bufferSize(rate) - pendingLimit));
     // A connection that cannot be made in the stall time-out is a stall as well.
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, long(stallTimeoutMs));
     if (!engine->start(easy)) {
@@ -77,6 +81,7 @@ void HttpTransfer::endAttempt(
     unsigned code, const QString &reason, bool passing, qint64 retryAfterMs)
 {
     stopRequest();
+    writePending(); // what came before the fault stays; a write that fails leaves it uncounted
     file.close();
     d.failureCode = code;
     d.editDetails().failureReason = reason.left(int(IDownload::kMaxReasonBytes));
@@ -243,24 +248,51 @@ bool HttpTransfer::bodyData(const char *data, size_t size)
     // Re-arming a timer at every block costs more than the block itself on a slow link: the
     // running stall timer is left alone and checks the time of the last activity.
     lastActivity.start();
-    // Where bytes are written: straight from curl's buffer into the file, counted once there;
-    // never a byte past the expected size, and every byte written feeds the digest.
-    const qint64 at = d.amountDownloaded, fits = d.editDetails().content.room(at, qint64(size));
-    if (!saveToDisk(data, fits) || !d.editDetails().content.add(file.handle(), at, data, fits)) {
+    // Never a byte past the expected size, and every byte written feeds the digest.
+    const qint64 at = d.amountDownloaded + pending.size();
+    const qint64 fits = d.editDetails().content.room(at, qint64(size));
+    bool written = true;
+    if (pendingLimit == 0) {
+        written = commitBytes(data, fits);
+    } else {
+        pending.append(data, fits);
+        if (pending.size() >= pendingLimit || fits < qint64(size))
+            written = writePending();
+    }
+    if (!written) {
         verdict = AnswerVerdict::FileFault;
         return false;
     }
-    d.amountDownloaded += fits;
     if (fits < qint64(size)) {
         contentFault = d.editDetails().content.tooLong(d.editDetails().content.expectedSize() + 1);
         verdict = AnswerVerdict::FileFault;
         return false;
     }
     ++d.editDetails().dataArrivals;
+    inBody = true;
     batchArrival();
+    inBody = false;
+    if (verdict != AnswerVerdict::Accepted)
+        return false;
     if (governed)
         governor->arrived(&d, fits);
     return true;
+}
+
+bool HttpTransfer::commitBytes(const char *data, qint64 n)
+{
+    if (!saveToDisk(data, n)
+        || !d.editDetails().content.add(file.handle(), d.amountDownloaded, data, n))
+        return false;
+    d.amountDownloaded += n;
+    return true;
+}
+
+bool HttpTransfer::writePending()
+{
+    const bool written = pending.isEmpty() || commitBytes(pending.constData(), pending.size());
+    pending.resize(0); // keeps its capacity for the next pieces
+    return written;
 }
 
 void HttpTransfer::batchArrival()
@@ -272,7 +304,16 @@ void HttpTransfer::batchArrival()
 void HttpTransfer::flushBatch()
 {
     batch.stop();
-    if (!attemptSettled && verdict == AnswerVerdict::Accepted && batch.isBehind(d.amountDownloaded))
+    if (attemptSettled || verdict != AnswerVerdict::Accepted)
+        return;
+    // What is reported is written first.
+    if (!writePending()) {
+        verdict = AnswerVerdict::FileFault;
+        if (!inBody) // else curl hears it from bodyData
+            failLocalFile();
+        return;
+    }
+    if (batch.isBehind(d.amountDownloaded))
         report();
 }
 
@@ -281,6 +322,9 @@ void HttpTransfer::requestDone(CURLcode result, const QString &detail)
     stallTimer.stop();
     batch.stop();
     releaseRequest();
+    // Bytes received before a fault are good: the next attempt goes on after them.
+    if (!attemptSettled && verdict == AnswerVerdict::Accepted && !writePending())
+        verdict = AnswerVerdict::FileFault;
     if (attemptSettled || d.state == Download::Completed || d.state == Download::Paused) {
         file.close();
         return;
@@ -407,6 +451,7 @@ void HttpTransfer::stop()
 {
     retry.cancel();
     stopRequest();
+    writePending(); // a pause keeps every received byte
     file.close();
 }
 

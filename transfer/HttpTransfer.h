@@ -61,6 +61,10 @@ private:
     void requestDone(CURLcode result, const QString &detail) override;
 
     void report();
+    // Writes and counts n received bytes at amountDownloaded; false when the file refused them.
+    bool commitBytes(const char *data, qint64 n);
+    // Writes what pending holds; true when there was nothing or all of it was written.
+    bool writePending();
     // Puts the request on the wire once the request queue lets it go.
     void sendRequest();
     // Opens the file at offset for a Range request; false when it cannot continue there.
@@ -105,6 +109,13 @@ private:
     bool queued = false;
     bool governed = false;
     OwnedFile file;
+    // Received bytes not written yet: curl hands them over 16 KiB at a time, and while few
+    // transfers run fast one write of many pieces costs far less than a write each. Written when
+    // full, before a report, and when the attempt ends; counted in amountDownloaded only then.
+    QByteArray pending;
+    qint64 pendingLimit = 0; // 0: each piece is written as it comes
+    // Inside bodyData: a write that fails there ends the attempt through curl's answer.
+    bool inBody = false;
     // The request on the wire (or queued by curl for a connection); null between attempts.
     CURL *easy = nullptr;
     // Runs from the moment the request goes out; the attempt stalls once the answer has been

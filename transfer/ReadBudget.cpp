@@ -34,6 +34,14 @@ qint64 ReadBudget::bufferSize(qint64 rate)
     return rate > 0 ? qBound(kMinReadBufferSize, rate / 2, share) : share;
 }
 
+qint64 ReadBudget::writeBatch(qint64 rate)
+{
+    constexpr int kFewTransfers = 8;
+    // Half of a share that is then at its most, 512 KiB.
+    constexpr qint64 kWriteBatch = 256 * 1024;
+    return rate == 0 && receivingTransfers <= kFewTransfers ? kWriteBatch : 0;
+}
+
 qint64 ReadBudget::reportBound()
 {
     return qBound(kMinReportBound, kReadBudget / 2 / qMax(1, receivingTransfers), kMaxReportBound);

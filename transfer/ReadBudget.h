@@ -20,6 +20,10 @@ public:
     // curl's receive buffer for a request going out now, held to rate (bytes per second, 0 for
     // none).
     static qint64 bufferSize(qint64 rate);
+    // How many received bytes a request going out now gathers into one write (0: a write per
+    // piece curl hands over): only while few transfers run, none limited, so the copies stay
+    // small beside the budget.
+    static qint64 writeBatch(qint64 rate);
     // Written bytes not reported yet that make a report due at once, whatever the batch count
     // or the time: half a share, never below a slow link's batch.
     static qint64 reportBound();
