@@ -20,10 +20,19 @@ bool fitsIn(const Held &held, size_t more, WorkLedger::Bound bound)
     return held.fits(more, bound);
 }
 
-std::mutex gLock;
-std::condition_variable gRoom;
-Held gTotal, gOthers; // everyone's, and that of the uids other than root
-std::map<uid_t, Held> gPerUid;
+struct Books {
+    std::mutex lock;
+    std::condition_variable room;
+    Held total, others; // everyone's, and that of the uids other than root
+    std::map<uid_t, Held> perUid;
+};
+
+// Never destroyed: detached connection threads may still close their accounts during exit.
+Books &books()
+{
+    static Books *const b = new Books;
+    return *b;
+}
 
 } // namespace
 
@@ -38,26 +47,28 @@ public:
     {
         static constexpr dlm::UserShare<Bound> kShare { kTotal, kPerUid,
             { kTotal.bytes - kRootReserve.bytes, kTotal.calls - kRootReserve.calls }, kTotal };
-        const auto user = gPerUid.find(uid);
+        const Books &all = books();
+        const auto user = all.perUid.find(uid);
         return held.fits(bytes, kPerConnection)
-            && kShare.judge(
-                   root, user == gPerUid.end() ? Held {} : user->second, gOthers, gTotal, bytes)
+            && kShare.judge(root, user == all.perUid.end() ? Held {} : user->second, all.others,
+                   all.total, bytes)
             == kShare.Fits;
     }
     // Adds (sign 1) or takes back (sign -1) one call of `bytes`.
     void count(size_t bytes, int sign)
     {
-        std::vector<Held *> all { &held, &gTotal };
+        Books &b = books();
+        std::vector<Held *> all { &held, &b.total };
         if (!root) {
-            all.push_back(&gOthers);
-            all.push_back(&gPerUid[uid]);
+            all.push_back(&b.others);
+            all.push_back(&b.perUid[uid]);
         }
         for (Held *h : all) {
             h->bytes = sign > 0 ? h->bytes + bytes : h->bytes - bytes;
             h->calls = sign > 0 ? h->calls + 1 : h->calls - 1;
         }
-        if (!root && gPerUid[uid].calls == 0)
-            gPerUid.erase(uid);
+        if (!root && b.perUid[uid].calls == 0)
+            b.perUid.erase(uid);
     }
 };
 
@@ -71,8 +82,8 @@ std::shared_ptr<WorkLedger::Account> WorkLedger::open(uid_t peerUid)
 
 std::shared_ptr<void> WorkLedger::reserve(const std::shared_ptr<Account> &account, size_t bytes)
 {
-    std::unique_lock<std::mutex> lock(gLock);
-    gRoom.wait(lock, [&] { return account->closed || account->fits(bytes); });
+    std::unique_lock<std::mutex> lock(books().lock);
+    books().room.wait(lock, [&] { return account->closed || account->fits(bytes); });
     if (account->closed)
         return nullptr;
     account->count(bytes, 1);
@@ -81,9 +92,9 @@ std::shared_ptr<void> WorkLedger::reserve(const std::shared_ptr<Account> &accoun
         size_t bytes;
         ~Token()
         {
-            std::lock_guard<std::mutex> guard(gLock);
+            std::lock_guard<std::mutex> guard(books().lock);
             account->count(bytes, -1);
-            gRoom.notify_all();
+            books().room.notify_all();
         }
     };
     return std::shared_ptr<Token>(new Token { account, bytes });
@@ -91,9 +102,9 @@ std::shared_ptr<void> WorkLedger::reserve(const std::shared_ptr<Account> &accoun
 
 void WorkLedger::close(Account &account)
 {
-    std::lock_guard<std::mutex> lock(gLock);
+    std::lock_guard<std::mutex> lock(books().lock);
     account.closed = true;
-    gRoom.notify_all();
+    books().room.notify_all();
 }
 
 } // namespace android
