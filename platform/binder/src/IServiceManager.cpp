@@ -103,15 +103,24 @@ void makeDirs(const std::string &dir)
     }
 }
 
-// Socket path -> the object that new connections reach as handle 0.
-std::mutex gPublishedLock;
-std::map<std::string, sp<IBinder>> gPublished;
+// Socket path -> the object that new connections reach as handle 0. Never destroyed: detached
+// accept threads may still read it during exit.
+struct Published {
+    std::mutex lock;
+    std::map<std::string, sp<IBinder>> roots;
+};
+
+Published &published()
+{
+    static Published *const p = new Published;
+    return *p;
+}
 
 void unlinkPublished()
 {
-    std::lock_guard<std::mutex> lock(gPublishedLock);
-    for (const auto &published : gPublished)
-        ::unlink(published.first.c_str());
+    std::lock_guard<std::mutex> lock(published().lock);
+    for (const auto &root : published().roots)
+        ::unlink(root.first.c_str());
 }
 
 class SocketServiceManager : public IServiceManager {
@@ -130,8 +139,9 @@ namespace {
 // takes a slot of its uid's share first, and is ended at once without one.
 void acceptConnections(int fd, const std::string &path)
 {
-    static const std::shared_ptr<ConnectionSlots> slots = ConnectionSlots::create(
-        ConnectionSlots::kMaxTotal, ConnectionSlots::kMaxPerUid, ConnectionSlots::kRootReserve);
+    // Never destroyed, as the published roots.
+    static const auto &slots = *new std::shared_ptr<ConnectionSlots>(ConnectionSlots::create(
+        ConnectionSlots::kMaxTotal, ConnectionSlots::kMaxPerUid, ConnectionSlots::kRootReserve));
     for (;;) {
         const int client = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (client >= 0) {
@@ -144,8 +154,8 @@ void acceptConnections(int fd, const std::string &path)
                 ::close(client); // the peer sees the connection end at once
                 continue;
             }
-            std::unique_lock<std::mutex> lock(gPublishedLock);
-            sp<IBinder> root = gPublished[path];
+            std::unique_lock<std::mutex> lock(published().lock);
+            sp<IBinder> root = published().roots[path];
             lock.unlock();
             Connection::start(client, root, std::move(slot));
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
@@ -196,8 +206,8 @@ status_t SocketServiceManager::addService(
     {
         // Publishing a name again from the same process replaces the object, as on Android.
         sp<IBinder> previous = service;
-        std::unique_lock<std::mutex> lock(gPublishedLock);
-        if (auto it = gPublished.find(path); it != gPublished.end()) {
+        std::unique_lock<std::mutex> lock(published().lock);
+        if (auto it = published().roots.find(path); it != published().roots.end()) {
             std::swap(it->second, previous);
             lock.unlock();
             return NO_ERROR;
@@ -207,10 +217,10 @@ status_t SocketServiceManager::addService(
     if (fd < 0)
         return fd;
     {
-        std::lock_guard<std::mutex> lock(gPublishedLock);
-        if (gPublished.empty())
+        std::lock_guard<std::mutex> lock(published().lock);
+        if (published().roots.empty())
             std::atexit(unlinkPublished);
-        gPublished[path] = service;
+        published().roots[path] = service;
     }
     try {
         std::thread(acceptConnections, fd, path).detach();
@@ -218,8 +228,8 @@ status_t SocketServiceManager::addService(
         __android_log_print(
             ANDROID_LOG_ERROR, LOG_TAG, "cannot serve %s: %s", path.c_str(), e.what());
         {
-            std::lock_guard<std::mutex> lock(gPublishedLock);
-            gPublished.erase(path);
+            std::lock_guard<std::mutex> lock(published().lock);
+            published().roots.erase(path);
         }
         ::unlink(path.c_str());
         ::close(fd);
