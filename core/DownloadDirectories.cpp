@@ -137,10 +137,11 @@ QString DownloadDirectories::of(const QString &clientID, uint ownerUid) const
 }
 
 bool DownloadDirectories::isChosen(
-    uint ownerUid, const QString &clientID, const QString &filePath) const
+    uint ownerUid, const QString &clientID, const QByteArray &filePath) const
 {
     const PathKey key(ownerUid, clientID);
-    return chosen.contains(key) && QFileInfo(filePath).path() == paths.value(key);
+    return chosen.contains(key)
+        && QFileInfo(QString::fromUtf8(filePath)).path() == paths.value(key);
 }
 
 QString DownloadDirectories::reserveFileName(
@@ -153,8 +154,10 @@ QString DownloadDirectories::reserveFileName(
             filenames::fit(name, n < 0 ? QString() : QLatin1Char('.') + QString::number(n)));
         // A dangling symbolic link is a name in use too.
         const QFileInfo onDisk(candidate);
-        if (!reserved.contains(qHash(candidate)) && !onDisk.exists() && !onDisk.isSymLink()) {
-            reserve(candidate);
+        const QByteArray bytes = candidate.toUtf8();
+        if (!reserved.contains(qHash(QByteArrayView(bytes))) && !onDisk.exists()
+            && !onDisk.isSymLink()) {
+            reserve(bytes);
             return candidate;
         }
     }

@@ -37,12 +37,13 @@ public:
     // The uid's directory for the client, else the default one.
     QString of(const QString &clientID, uint ownerUid = 0) const;
     // Whether filePath lies in the directory the owner chose for the client.
-    bool isChosen(uint ownerUid, const QString &clientID, const QString &filePath) const;
+    bool isChosen(uint ownerUid, const QString &clientID, const QByteArray &filePath) const;
 
     // A free path for the URL's file in the client's directory, reserved at once.
     QString reserveFileName(const QString &clientID, const QString &url, uint ownerUid);
-    void reserve(const QString &filePath) { reserved.insert(qHash(filePath)); }
-    void release(const QString &filePath) { reserved.remove(qHash(filePath)); }
+    // Paths are kept by the hash of their UTF-8 bytes, as records keep them.
+    void reserve(QByteArrayView filePath) { reserved.insert(qHash(filePath)); }
+    void release(QByteArrayView filePath) { reserved.remove(qHash(filePath)); }
 
 private:
     using PathKey = QPair<uint, QString>; // owner uid, client id

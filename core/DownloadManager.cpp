@@ -27,6 +27,17 @@ const QString kDefaultPath = QStringLiteral("/tmp/");
 const QString kAll = QStringLiteral("all");
 constexpr int kDefaultMaxDownloadsPerUser = 256;
 
+// An absolute path as QDir::cleanPath gives it. Stored paths were written clean: those are
+// taken as they are, without a trip through UTF-16.
+QByteArray canonicalPath(const QByteArray &path)
+{
+    const bool clean = !path.contains("//") && !path.contains("/./") && !path.contains("/../")
+        && !path.endsWith("/.") && !path.endsWith("/..") && (path == "/" || !path.endsWith('/'));
+    if (!path.startsWith('/') || clean)
+        return path;
+    return QDir::cleanPath(QString::fromUtf8(path)).toUtf8();
+}
+
 } // namespace
 
 DownloadManager::DownloadManager(const FrontEndFactory &frontEnds)
@@ -148,7 +159,7 @@ Outcome<DownloadManager::CreateStatus> DownloadManager::createDownload(const QSt
     Download *download
         = new Download(context, id, clientID, url, name.isEmpty() ? filePath : name, filePath);
     download->ownerUid = ownerUid;
-    download->privateFile = !directories.isChosen(ownerUid, clientID, filePath);
+    download->privateFile = !directories.isChosen(ownerUid, clientID, filePath.toUtf8());
     Download::Details &details = download->editDetails(); // it runs: it will have some
     details.content = ContentCheck(expected.size, expected.sha256.toLatin1());
     details.rateLimit = order.rateLimit;
@@ -165,8 +176,7 @@ Outcome<DownloadManager::CreateStatus> DownloadManager::createDownload(const QSt
 void DownloadManager::restoreDownload(const StoredRecord &r)
 {
     // Reserved by its canonical form, as new paths are.
-    const QString canonical
-        = QDir::isAbsolutePath(r.filePath) ? QDir::cleanPath(r.filePath) : r.filePath;
+    const QByteArray canonical = canonicalPath(r.filePath);
     Download *download = stored::downloadOf(context, r, canonical);
     download->privateFile = !directories.isChosen(r.ownerUid, r.clientID, canonical);
     directories.reserve(canonical);
@@ -174,8 +184,8 @@ void DownloadManager::restoreDownload(const StoredRecord &r)
     const QString fault = rules::storedRowFault(download);
     if (!fault.isEmpty()) {
         DLM_LOGE("Stored download %s stays Failed, never launched: %s. URL=%s file=%s",
-            qUtf8Printable(r.uniqueID), qUtf8Printable(fault), qUtf8Printable(r.contentURL),
-            qUtf8Printable(r.filePath));
+            r.uniqueID.constData(), qUtf8Printable(fault), r.contentURL.constData(),
+            r.filePath.constData());
         download->state = Download::Failed;
         return;
     }
@@ -442,7 +452,7 @@ void DownloadManager::discard(Download *download)
         if (other->has(RecordText::Path, pathBytes))
             return; // a restored twin still writes there
     }
-    directories.release(path);
+    directories.release(pathBytes);
     // As the owner: a name the owner could not remove stays.
     if (!keepFile)
         OwnedFile::removeAs(path, owner, identity);

@@ -8,16 +8,20 @@ StoredRecord recordOf(DownloadDataBase::RowKey row)
 {
     const auto *d = static_cast<const Download *>(row);
     const Download::Details &more = d->details();
-    return { d->uniqueID(), d->clientID, d->name(), d->contentURL(), d->filePath(), d->state,
-        d->failureCode, d->totalSize, d->amountDownloaded, d->startTime, d->ownerUid,
-        d->fileIdentity, more.content.expectedSize(), more.content.expectedSha256(), more.validator,
-        more.failureReason, more.httpStatus, more.rateLimit, more.priority };
+    const auto utf8 = [d](RecordText::Part part) { return d->utf8(part).toByteArray(); };
+    return { utf8(RecordText::Id), d->clientID, utf8(RecordText::Name), utf8(RecordText::Url),
+        utf8(RecordText::Path), d->state, d->failureCode, d->totalSize, d->amountDownloaded,
+        d->startTime, d->ownerUid, d->fileIdentity, more.content.expectedSize(),
+        more.content.expectedSha256(), more.validator, more.failureReason, more.httpStatus,
+        more.rateLimit, more.priority };
 }
 
-Download *downloadOf(DownloadContext &context, const StoredRecord &r, const QString &canonicalPath)
+Download *downloadOf(
+    DownloadContext &context, const StoredRecord &r, const QByteArray &canonicalPath)
 {
-    auto *download = new Download(context, r.uniqueID, r.clientID, r.name, r.contentURL,
-        canonicalPath, r.state, r.failureCode, r.totalSize, r.amountDownloaded, r.startTime);
+    auto *download
+        = new Download(context, RecordText(r.uniqueID, r.name, r.contentURL, canonicalPath),
+            r.clientID, r.state, r.failureCode, r.totalSize, r.amountDownloaded, r.startTime);
     download->ownerUid = r.ownerUid;
     download->fileIdentity = r.fileIdentity;
     // Most stored downloads have none of these: they stay without details.

@@ -14,7 +14,7 @@ namespace stored {
 StoredRecord recordOf(DownloadDataBase::RowKey download);
 // The download a record describes, at canonicalPath, in its stored state: not launched.
 Download *downloadOf(
-    DownloadContext &context, const StoredRecord &record, const QString &canonicalPath);
+    DownloadContext &context, const StoredRecord &record, const QByteArray &canonicalPath);
 } // namespace stored
 
 } // namespace dlm

@@ -11,6 +11,12 @@
 namespace dlm {
 
 namespace {
+// A record's UTF-8 text, bound as text: a byte array would be stored as a blob.
+QVariant text(const QByteArray &utf8)
+{
+    return QString::fromUtf8(utf8);
+}
+
 const QString kTable = QStringLiteral("downloads");
 const QString kPathsTable = QStringLiteral("download_paths");
 // Columns a request sets once (client, URL, file, start, owner) are never rewritten.
@@ -239,7 +245,7 @@ bool DownloadDataBase::isDBEntryAvailable(const QString &uniqueID)
 
 bool DownloadDataBase::addEntry(const StoredRecord &r)
 {
-    if (isDBEntryAvailable(r.uniqueID))
+    if (isDBEntryAvailable(QString::fromUtf8(r.uniqueID)))
         return false;
     QSqlQuery query;
     return run(query,
@@ -247,13 +253,13 @@ bool DownloadDataBase::addEntry(const StoredRecord &r)
             + QStringLiteral(" (uniqueID, clientID, name, contentURL, filePath, state")
             + QStringLiteral(", failureCode, totalSize, amountDownloaded, startTime, ownerUid)")
             + QStringLiteral(" VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
-        { r.uniqueID, r.clientID, r.name, r.contentURL, r.filePath, r.state, r.failureCode,
-            r.totalSize, r.amountDownloaded, r.startTime, r.ownerUid });
+        { text(r.uniqueID), r.clientID, text(r.name), text(r.contentURL), text(r.filePath), r.state,
+            r.failureCode, r.totalSize, r.amountDownloaded, r.startTime, r.ownerUid });
 }
 
 bool DownloadDataBase::updateEntry(const StoredRecord &r)
 {
-    if (!isDBEntryAvailable(r.uniqueID))
+    if (!isDBEntryAvailable(QString::fromUtf8(r.uniqueID)))
         return false;
     QSqlQuery query;
     return run(query,
@@ -261,7 +267,8 @@ bool DownloadDataBase::updateEntry(const StoredRecord &r)
             + QStringLiteral(
                 " set state = ?, name = ?, failureCode=?, totalSize=?, amountDownloaded=?")
             + QStringLiteral(" where uniqueID = ?"),
-        { r.state, r.name, r.failureCode, r.totalSize, r.amountDownloaded, r.uniqueID });
+        { r.state, text(r.name), r.failureCode, r.totalSize, r.amountDownloaded,
+            text(r.uniqueID) });
 }
 
 void DownloadDataBase::store(RowKey row)
@@ -305,8 +312,8 @@ bool DownloadDataBase::write(RowKey row)
 {
     const StoredRecord r = read(row);
     if (!exec(upsert, kUpsert,
-            { r.uniqueID, r.clientID, r.name, r.contentURL, r.filePath, r.state, r.failureCode,
-                r.totalSize, r.amountDownloaded, r.startTime, r.ownerUid }))
+            { text(r.uniqueID), r.clientID, text(r.name), text(r.contentURL), text(r.filePath),
+                r.state, r.failureCode, r.totalSize, r.amountDownloaded, r.startTime, r.ownerUid }))
         return false;
     writtenState.insert(row, r.state);
     // An older download's row gets one once its file is known, or once it fails; a new one
@@ -324,7 +331,7 @@ bool DownloadDataBase::write(RowKey row)
     const QVariant digest
         = r.expectedSha256.isEmpty() ? QVariant() : QVariant(QString::fromLatin1(r.expectedSha256));
     if (!exec(extra, kExtra,
-            { r.uniqueID, file.unrecorded ? none : QVariant(file.device),
+            { text(r.uniqueID), file.unrecorded ? none : QVariant(file.device),
                 file.unrecorded ? none : QVariant(file.inode), r.validator, r.expectedSize, digest,
                 r.failureReason, r.httpStatus, r.rateLimit, r.priority }))
         return false;
@@ -367,8 +374,11 @@ void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord
     QSqlQuery query;
     query.setForwardOnly(true);
     if (!run(query,
+            // As blobs, the texts come as their stored UTF-8 bytes: no conversion to UTF-16 and
+            // back for every row.
             QStringLiteral(
-                "SELECT uniqueID, clientID, name, contentURL, filePath, state, "
+                "SELECT CAST(uniqueID AS BLOB), clientID, CAST(name AS BLOB), "
+                "CAST(contentURL AS BLOB), CAST(filePath AS BLOB), state, "
                 "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
                 "fileDevice, fileInode, fileInode IS NULL, COALESCE(expectedSize, -1), "
                 "expectedSha256, validator, failureReason, httpStatus, COALESCE(rateLimit, 0), "
@@ -382,11 +392,11 @@ void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord
     QSet<QString> clientIDs;
     while (query.next()) {
         StoredRecord r;
-        r.uniqueID = query.value(0).toString();
+        r.uniqueID = query.value(0).toByteArray();
         r.clientID = *clientIDs.insert(query.value(1).toString());
-        r.name = query.value(2).toString();
-        r.contentURL = query.value(3).toString();
-        r.filePath = query.value(4).toString();
+        r.name = query.value(2).toByteArray();
+        r.contentURL = query.value(3).toByteArray();
+        r.filePath = query.value(4).toByteArray();
         r.state = query.value(5).toUInt();
         r.failureCode = query.value(6).toUInt();
         r.totalSize = query.value(7).toLongLong();

@@ -8,12 +8,13 @@
 namespace dlm {
 
 // One download as the database keeps it: the "downloads" row and its "download_extra" values.
+// The texts a download keeps as UTF-8 are read and written as UTF-8, with no copy in between.
 struct StoredRecord {
-    QString uniqueID;
+    QByteArray uniqueID;
     QString clientID;
-    QString name;
-    QString contentURL;
-    QString filePath;
+    QByteArray name;
+    QByteArray contentURL;
+    QByteArray filePath;
     unsigned state = 0;
     unsigned failureCode = 0;
     qint64 totalSize = 0;

@@ -79,10 +79,11 @@ private slots:
             for (const QString &statement : releases[version])
                 svc.sql(statement);
         const DownloadContext none;
-        Download x(none, "x", "", "", "http://h", "/x", 1, 1, -1, 0, 9000000000000);
-        Download a(none, key, "c", "a", "http://h/a", "/a", 4, 1, 5000000000, 12, 3);
-        Download b(none, key, "d", "b", "http://h/b", "/b", 1, 2, 6000000000, 45, 6);
-        Download ab(none, key, "c", "b", "http://h/a", "/a", 1, 2, 6000000000, 45, 3);
+        const QByteArray id = key.toUtf8();
+        Download x(none, RecordText("x", "", "http://h", "/x"), "", 1, 1, -1, 0, 9000000000000);
+        Download a(none, RecordText(id, "a", "http://h/a", "/a"), "c", 4, 1, 5000000000, 12, 3);
+        Download b(none, RecordText(id, "b", "http://h/b", "/b"), "d", 1, 2, 6000000000, 45, 6);
+        Download ab(none, RecordText(id, "b", "http://h/a", "/a"), "c", 1, 2, 6000000000, 45, 3);
         x.editDetails().validator
             = "\"x1\""; // its only extra value: it must come back all the same
         b.ownerUid = 4242; // the other columns a request sets once: a's stay

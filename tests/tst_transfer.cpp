@@ -98,8 +98,8 @@ private slots:
         StoredRecord stored; // a Pending download, launched as it comes back
         stored.uniqueID = "id";
         stored.clientID = "t";
-        stored.contentURL = server.url("/f").toString();
-        stored.filePath = dir.filePath("f");
+        stored.contentURL = server.url("/f").toEncoded();
+        stored.filePath = dir.filePath("f").toUtf8();
         stored.state = Download::Pending;
         manager.restoreDownload(stored);
         Download *d = manager.getDownload("id");

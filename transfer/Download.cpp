@@ -12,14 +12,14 @@ namespace dlm {
 // A new download is a stored one that has no state and failure code 4 yet.
 Download::Download(const DownloadContext &context, const QString &uniqueID, QString clientID,
     const QString &contentURL, const QString &name, const QString &filePath)
-    : Download(
-        context, uniqueID, std::move(clientID), name, contentURL, filePath, Undefined, 4, 0, 0, 0)
+    : Download(context, RecordText::fromStrings(uniqueID, name, contentURL, filePath),
+        std::move(clientID), Undefined, 4, 0, 0, 0)
 {
 }
 
-Download::Download(const DownloadContext &context, const QString &uniqueID, QString clientID,
-    const QString &name, const QString &contentURL, const QString &filePath, unsigned state,
-    unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime)
+Download::Download(const DownloadContext &context, RecordText text, QString clientID,
+    unsigned state, unsigned failureCode, qint64 totalSize, qint64 amountDownloaded,
+    qint64 startTime)
     : context(&context),
       clientID(std::move(clientID)),
       state(state),
@@ -27,7 +27,7 @@ Download::Download(const DownloadContext &context, const QString &uniqueID, QStr
       totalSize(totalSize),
       amountDownloaded(amountDownloaded),
       startTime(startTime),
-      text(uniqueID, name, contentURL, filePath)
+      text(std::move(text))
 {
     static quint64 created = 0;
     creationOrder = ++created;

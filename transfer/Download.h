@@ -55,8 +55,7 @@ public:
     Download(const DownloadContext &context, const QString &uniqueID, QString clientID,
         const QString &contentURL, const QString &name, const QString &filePath);
     // A download restored from its stored record, values taken as they are.
-    Download(const DownloadContext &context, const QString &uniqueID, QString clientID,
-        const QString &name, const QString &contentURL, const QString &filePath, unsigned state,
+    Download(const DownloadContext &context, RecordText text, QString clientID, unsigned state,
         unsigned failureCode, qint64 totalSize, qint64 amountDownloaded, qint64 startTime);
     ~Download();
     Download(const Download &) = delete;
@@ -100,6 +99,7 @@ public:
     QString filePath() const { return text[RecordText::Path]; }
     // Whether a text of it is this UTF-8 text: a search compares without making strings.
     bool has(RecordText::Part part, QByteArrayView utf8) const { return text.view(part) == utf8; }
+    QByteArrayView utf8(RecordText::Part part) const { return text.view(part); }
     // Shared with the other downloads of its client where it can be.
     QString clientID;
     unsigned state;

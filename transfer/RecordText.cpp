@@ -9,10 +9,16 @@ constexpr int kParts = 4;
 constexpr size_t kHeader = kParts * sizeof(quint32);
 } // namespace
 
-RecordText::RecordText(
+RecordText RecordText::fromStrings(
     const QString &id, const QString &name, const QString &url, const QString &path)
 {
-    const QByteArray parts[kParts] = { id.toUtf8(), name.toUtf8(), url.toUtf8(), path.toUtf8() };
+    return RecordText(id.toUtf8(), name.toUtf8(), url.toUtf8(), path.toUtf8());
+}
+
+RecordText::RecordText(
+    QByteArrayView id, QByteArrayView name, QByteArrayView url, QByteArrayView path)
+{
+    const QByteArrayView parts[kParts] = { id, name, url, path };
     quint32 ends[kParts];
     quint32 end = 0;
     for (int i = 0; i < kParts; ++i)
@@ -20,7 +26,7 @@ RecordText::RecordText(
     block.reset(new char[kHeader + end]);
     std::memcpy(block.get(), ends, kHeader);
     char *at = block.get() + kHeader;
-    for (const QByteArray &part : parts)
+    for (const QByteArrayView part : parts)
         at = static_cast<char *>(std::memcpy(at, part.constData(), size_t(part.size())))
             + part.size();
 }

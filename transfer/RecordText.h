@@ -14,7 +14,10 @@ class RecordText {
 public:
     enum Part { Id, Name, Url, Path };
 
-    RecordText(const QString &id, const QString &name, const QString &url, const QString &path);
+    // From UTF-8 bytes, as stored.
+    RecordText(QByteArrayView id, QByteArrayView name, QByteArrayView url, QByteArrayView path);
+    static RecordText fromStrings(
+        const QString &id, const QString &name, const QString &url, const QString &path);
 
     QString operator[](Part part) const { return QString::fromUtf8(view(part)); }
     // The part's UTF-8 bytes, valid while this text lives.

@@ -33,9 +33,8 @@ double measure(const QString &file, bool writeAheadLog, int reports)
     double perReport = -1;
     {
         DownloadDataBase db(file, {});
-        StoredRecord download { QStringLiteral("0123456789abcdef0123456789abcdef"),
-            QStringLiteral("appA"), QStringLiteral("a.zip"), QStringLiteral("http://host/a.zip"),
-            QStringLiteral("/data/a.zip"), 2 /* Progressing */, 4, qint64(reports) * 16384, 0,
+        StoredRecord download { "0123456789abcdef0123456789abcdef", QStringLiteral("appA"), "a.zip",
+            "http://host/a.zip", "/data/a.zip", 2 /* Progressing */, 4, qint64(reports) * 16384, 0,
             1700000000000LL };
         if (db.addEntry(download) && (writeAheadLog || useDefaultJournal())) {
             QElapsedTimer timer;
