@@ -238,36 +238,31 @@ bool HttpTransfer::bodyData(const char *data, size_t size)
         return false;
     }
     ++d.editDetails().dataArrivals;
-    inBody = true;
-    batchArrival();
-    inBody = false;
-    if (verdict != AnswerVerdict::Accepted)
-        return false;
+    if (!batchArrival() || verdict != AnswerVerdict::Accepted)
+        return false; // curl ends the request, and requestDone the attempt
     if (governed)
         governor->arrived(&d, fits);
     return true;
 }
 
-void HttpTransfer::batchArrival()
+bool HttpTransfer::batchArrival()
 {
-    if (batch.arrived(d.amountDownloaded, ReadBudget::reportBound()))
-        flushBatch();
+    return !batch.arrived(d.amountDownloaded, ReadBudget::reportBound()) || flushBatch();
 }
 
-void HttpTransfer::flushBatch()
+bool HttpTransfer::flushBatch()
 {
     batch.stop();
     if (attemptSettled || verdict != AnswerVerdict::Accepted)
-        return;
+        return true;
     // What is reported is written first.
     if (!file.writePending()) {
         verdict = AnswerVerdict::FileFault;
-        if (!inBody) // else curl hears it from bodyData
-            failLocalFile();
-        return;
+        return false;
     }
     if (batch.isBehind(d.amountDownloaded))
         report();
+    return true;
 }
 
 void HttpTransfer::requestDone(CURLcode result, const QString &detail)
@@ -381,7 +376,10 @@ HttpTransfer::HttpTransfer(Download &download, CurlEngine *engine)
       engine(engine),
       governor(download.context->governor),
       file(download),
-      batch([this] { flushBatch(); })
+      batch([this] {
+          if (!flushBatch())
+              failLocalFile();
+      })
 {
     stallTimer.setSingleShot(true);
     connect(&stallTimer, &QTimer::timeout, this, &HttpTransfer::transferStalled);

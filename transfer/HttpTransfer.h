@@ -65,9 +65,10 @@ private:
     void sendRequest();
     // Judges an answer whose head has ended; false ends the request.
     bool judgeAnswer();
-    // Commits (reports) what is written when the batch is due.
-    void batchArrival();
-    void flushBatch();
+    // Commits (reports) what is written when the batch is due. Both are false when what waited
+    // could not be written: the verdict is FileFault, and the caller ends the attempt.
+    bool batchArrival();
+    bool flushBatch();
     void transferStalled();
     // Stops the request (if any) without touching the state: nothing it says counts any more.
     void stopRequest();
@@ -101,8 +102,6 @@ private:
     bool governed = false;
     // Bytes waiting there are written before a report and when the attempt ends.
     TransferFile file;
-    // Inside bodyData: a write that fails there ends the attempt through curl's answer.
-    bool inBody = false;
     // The request on the wire (or queued by curl for a connection); null between attempts.
     CURL *easy = nullptr;
     // Runs from the moment the request goes out; the attempt stalls once the answer has been
