@@ -36,18 +36,13 @@ public:
     // Escaped as the log escapes: a value cannot forge or hide a line.
     ConsoleLine &value(const QString &piece)
     {
-        const QByteArray bytes = piece.toUtf8();
-        line += QLatin1Char('"');
-        line += QString::fromStdString(escapeText(bytes.constData(), size_t(bytes.size())));
-        line += QLatin1String("\" ");
+        line += QLatin1Char('"') + escaped(piece) + QLatin1String("\" ");
         return *this;
     }
     // A refusal's reason may quote a caller's value: escaped, unquoted.
     ConsoleLine &words(const QString &piece)
     {
-        const QByteArray bytes = piece.toUtf8();
-        line += QString::fromStdString(escapeText(bytes.constData(), size_t(bytes.size())));
-        line += QLatin1Char(' ');
+        line += escaped(piece) + QLatin1Char(' ');
         return *this;
     }
     ConsoleLine &number(qint64 piece)
@@ -80,6 +75,13 @@ public:
     }
 
 private:
+    // The piece's UTF-8 bytes, escaped as the log escapes them.
+    static QString escaped(const QString &piece)
+    {
+        const QByteArray bytes = piece.toUtf8();
+        return QString::fromStdString(escapeText(bytes.constData(), size_t(bytes.size())));
+    }
+
     QString line;
     QString *batch;
 };

@@ -24,17 +24,19 @@ Download *downloadOf(
             r.clientID, r.state, r.failureCode, r.totalSize, r.amountDownloaded, r.startTime);
     download->ownerUid = r.ownerUid;
     download->fileIdentity = r.fileIdentity;
-    // Most stored downloads have none of these: they stay without details.
-    if (r.expectedSize == -1 && r.expectedSha256.isEmpty() && r.validator.isEmpty()
-        && r.failureReason.isEmpty() && r.httpStatus == 0 && r.rateLimit == 0 && r.priority == 0)
-        return download;
-    Download::Details &more = download->editDetails();
-    more.content = ContentCheck(r.expectedSize, r.expectedSha256);
-    more.validator = r.validator;
-    more.failureReason = r.failureReason;
-    more.httpStatus = r.httpStatus;
-    more.rateLimit = r.rateLimit;
-    more.priority = r.priority;
+    // Most stored downloads have none of these: only a value that is there makes their details.
+    if (r.expectedSize != -1 || !r.expectedSha256.isEmpty())
+        download->editDetails().content = ContentCheck(r.expectedSize, r.expectedSha256);
+    if (!r.validator.isEmpty())
+        download->editDetails().validator = r.validator;
+    if (!r.failureReason.isEmpty())
+        download->editDetails().failureReason = r.failureReason;
+    if (r.httpStatus != 0)
+        download->editDetails().httpStatus = r.httpStatus;
+    if (r.rateLimit != 0)
+        download->editDetails().rateLimit = r.rateLimit;
+    if (r.priority != 0)
+        download->editDetails().priority = r.priority;
     return download;
 }
 

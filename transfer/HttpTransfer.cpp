@@ -35,9 +35,9 @@ void HttpTransfer::sendRequest()
     budget.setReceiving(true);
     // Gathered writes take half of the transfer's share from curl's buffer: as resident as before.
     const qint64 rate = d.details().rateLimit;
-    pendingLimit = ReadBudget::writeBatch(rate);
-    pending.reserve(pendingLimit);
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(ReadBudget::bufferSize(rate) - pendingLimit));
+    const qint64 gather = ReadBudget::writeBatch(rate);
+    file.gatherUpTo(gather);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(ReadBudget::bufferSize(rate) - gather));
     // A connection that cannot be made in the stall time-out is a stall as well.
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, long(stallTimeoutMs));
     if (!engine->start(easy)) {
@@ -81,7 +81,7 @@ void HttpTransfer::endAttempt(
     unsigned code, const QString &reason, bool passing, qint64 retryAfterMs)
 {
     stopRequest();
-    writePending(); // what came before the fault stays; a write that fails leaves it uncounted
+    file.writePending(); // what came before the fault stays; a write that fails leaves it uncounted
     file.close();
     d.failureCode = code;
     d.editDetails().failureReason = reason.left(int(IDownload::kMaxReasonBytes));
@@ -132,28 +132,6 @@ void HttpTransfer::failContent(const QString &reason)
 {
     endAttempt(
         FAILURE_CONTENT_MISMATCH, QStringLiteral("content does not match: ") + reason, false);
-}
-
-bool HttpTransfer::prepareFile(qint64 offset)
-{
-    // Unbuffered: a committed byte is in the file before it is counted and stored.
-    if (!file.isOpen() && !file.openExisting(d.filePath(), d.ownerUid, &d.fileIdentity))
-        return false;
-    if (file.size() < offset)
-        return false;
-    return file.seek(offset);
-}
-
-bool HttpTransfer::saveToDisk(const char *data, qint64 size)
-{
-    if (!file.isOpen()
-        && !file.openFresh(d.filePath(), d.ownerUid, &d.fileIdentity, d.privateFile ? 0600 : 0666))
-        return false;
-    qint64 written = size == 0 ? 0 : file.write(data, size);
-    // A short write sets no error; writing the rest fails with the reason (a full disk, EFBIG).
-    if (written >= 0 && written < size)
-        written += qMax<qint64>(0, file.write(data + written, size - written));
-    return written == size;
 }
 
 void HttpTransfer::requestSent()
@@ -249,17 +227,8 @@ bool HttpTransfer::bodyData(const char *data, size_t size)
     // running stall timer is left alone and checks the time of the last activity.
     lastActivity.start();
     // Never a byte past the expected size, and every byte written feeds the digest.
-    const qint64 at = d.amountDownloaded + pending.size();
-    const qint64 fits = d.editDetails().content.room(at, qint64(size));
-    bool written = true;
-    if (pendingLimit == 0) {
-        written = commitBytes(data, fits);
-    } else {
-        pending.append(data, fits);
-        if (pending.size() >= pendingLimit || fits < qint64(size))
-            written = writePending();
-    }
-    if (!written) {
+    const qint64 fits = d.editDetails().content.room(file.received(), qint64(size));
+    if (!file.take(data, fits, fits < qint64(size))) {
         verdict = AnswerVerdict::FileFault;
         return false;
     }
@@ -269,52 +238,31 @@ bool HttpTransfer::bodyData(const char *data, size_t size)
         return false;
     }
     ++d.editDetails().dataArrivals;
-    inBody = true;
-    batchArrival();
-    inBody = false;
-    if (verdict != AnswerVerdict::Accepted)
-        return false;
+    if (!batchArrival() || verdict != AnswerVerdict::Accepted)
+        return false; // curl ends the request, and requestDone the attempt
     if (governed)
         governor->arrived(&d, fits);
     return true;
 }
 
-bool HttpTransfer::commitBytes(const char *data, qint64 n)
+bool HttpTransfer::batchArrival()
 {
-    if (!saveToDisk(data, n)
-        || !d.editDetails().content.add(file.handle(), d.amountDownloaded, data, n))
-        return false;
-    d.amountDownloaded += n;
-    return true;
+    return !batch.arrived(d.amountDownloaded, ReadBudget::reportBound()) || flushBatch();
 }
 
-bool HttpTransfer::writePending()
-{
-    const bool written = pending.isEmpty() || commitBytes(pending.constData(), pending.size());
-    pending.resize(0); // keeps its capacity for the next pieces
-    return written;
-}
-
-void HttpTransfer::batchArrival()
-{
-    if (batch.arrived(d.amountDownloaded, ReadBudget::reportBound()))
-        flushBatch();
-}
-
-void HttpTransfer::flushBatch()
+bool HttpTransfer::flushBatch()
 {
     batch.stop();
     if (attemptSettled || verdict != AnswerVerdict::Accepted)
-        return;
+        return true;
     // What is reported is written first.
-    if (!writePending()) {
+    if (!file.writePending()) {
         verdict = AnswerVerdict::FileFault;
-        if (!inBody) // else curl hears it from bodyData
-            failLocalFile();
-        return;
+        return false;
     }
     if (batch.isBehind(d.amountDownloaded))
         report();
+    return true;
 }
 
 void HttpTransfer::requestDone(CURLcode result, const QString &detail)
@@ -323,7 +271,7 @@ void HttpTransfer::requestDone(CURLcode result, const QString &detail)
     batch.stop();
     releaseRequest();
     // Bytes received before a fault are good: the next attempt goes on after them.
-    if (!attemptSettled && verdict == AnswerVerdict::Accepted && !writePending())
+    if (!attemptSettled && verdict == AnswerVerdict::Accepted && !file.writePending())
         verdict = AnswerVerdict::FileFault;
     if (attemptSettled || d.state == Download::Completed || d.state == Download::Paused) {
         file.close();
@@ -352,7 +300,7 @@ void HttpTransfer::requestDone(CURLcode result, const QString &detail)
         // still leaves its (empty) file.
         if (d.totalSize == 0)
             d.totalSize = d.amountDownloaded;
-        if (!saveToDisk(nullptr, 0)) {
+        if (!file.create()) {
             failLocalFile();
             return;
         }
@@ -391,11 +339,7 @@ void HttpTransfer::report()
 
 void HttpTransfer::completeAt(qint64 length)
 {
-    // A resumed file may hold stale bytes past the end of the content.
-    if (file.isOpen() && file.size() > length)
-        file.resize(length);
-    if (const QString wrong = d.editDetails().content.mismatch(file.handle(), length);
-        !wrong.isEmpty()) {
+    if (const QString wrong = file.endAt(length); !wrong.isEmpty()) {
         failContent(wrong);
         return;
     }
@@ -422,8 +366,7 @@ void HttpTransfer::restartInPlace(qint64 newTotal)
     // The server ignored the range and sends everything: write it from byte 0.
     d.amountDownloaded = 0;
     requestOffset = 0;
-    if (file.isOpen() && !(file.resize(0) && file.seek(0)))
-        file.close(); // the first commit then truncates it
+    file.rewind();
     if (newTotal > 0 && d.totalSize != 0 && newTotal != d.totalSize)
         d.totalSize = 0;
 }
@@ -432,7 +375,11 @@ HttpTransfer::HttpTransfer(Download &download, CurlEngine *engine)
     : d(download),
       engine(engine),
       governor(download.context->governor),
-      batch([this] { flushBatch(); })
+      file(download),
+      batch([this] {
+          if (!flushBatch())
+              failLocalFile();
+      })
 {
     stallTimer.setSingleShot(true);
     connect(&stallTimer, &QTimer::timeout, this, &HttpTransfer::transferStalled);
@@ -451,7 +398,7 @@ void HttpTransfer::stop()
 {
     retry.cancel();
     stopRequest();
-    writePending(); // a pause keeps every received byte
+    file.writePending(); // a pause keeps every received byte
     file.close();
 }
 
@@ -467,7 +414,7 @@ void HttpTransfer::start()
     stallTimeoutMs = transferTimeoutMs();
     requestOffset = 0;
     if (d.amountDownloaded != 0) {
-        if (prepareFile(d.amountDownloaded))
+        if (file.openAt(d.amountDownloaded))
             requestOffset = d.amountDownloaded;
         else
             d.amountDownloaded = 0;

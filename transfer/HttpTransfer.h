@@ -3,9 +3,9 @@
 #include "CommitBatch.h"
 #include "CurlEngine.h"
 #include "HttpAnswer.h"
-#include "OwnedFile.h"
 #include "ReadBudget.h"
 #include "RetrySchedule.h"
+#include "TransferFile.h"
 
 #include <QElapsedTimer>
 #include <QObject>
@@ -61,22 +61,14 @@ private:
     void requestDone(CURLcode result, const QString &detail) override;
 
     void report();
-    // Writes and counts n received bytes at amountDownloaded; false when the file refused them.
-    bool commitBytes(const char *data, qint64 n);
-    // Writes what pending holds; true when there was nothing or all of it was written.
-    bool writePending();
     // Puts the request on the wire once the request queue lets it go.
     void sendRequest();
-    // Opens the file at offset for a Range request; false when it cannot continue there.
-    bool prepareFile(qint64 offset);
-    // Writes size bytes at the file's position (creating the file first); false unless all are
-    // written.
-    bool saveToDisk(const char *data, qint64 size);
     // Judges an answer whose head has ended; false ends the request.
     bool judgeAnswer();
-    // Commits (reports) what is written when the batch is due.
-    void batchArrival();
-    void flushBatch();
+    // Commits (reports) what is written when the batch is due. Both are false when what waited
+    // could not be written: the verdict is FileFault, and the caller ends the attempt.
+    bool batchArrival();
+    bool flushBatch();
     void transferStalled();
     // Stops the request (if any) without touching the state: nothing it says counts any more.
     void stopRequest();
@@ -108,14 +100,8 @@ private:
     // transfer that outlives its download by a turn of the event loop leaves neither again.
     bool queued = false;
     bool governed = false;
-    OwnedFile file;
-    // Received bytes not written yet: curl hands them over 16 KiB at a time, and while few
-    // transfers run fast one write of many pieces costs far less than a write each. Written when
-    // full, before a report, and when the attempt ends; counted in amountDownloaded only then.
-    QByteArray pending;
-    qint64 pendingLimit = 0; // 0: each piece is written as it comes
-    // Inside bodyData: a write that fails there ends the attempt through curl's answer.
-    bool inBody = false;
+    // Bytes waiting there are written before a report and when the attempt ends.
+    TransferFile file;
     // The request on the wire (or queued by curl for a connection); null between attempts.
     CURL *easy = nullptr;
     // Runs from the moment the request goes out; the attempt stalls once the answer has been
