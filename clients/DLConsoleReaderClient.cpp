@@ -7,6 +7,7 @@
 #include <QDebug>
 #include <QSocketNotifier>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
@@ -22,33 +23,38 @@ const qint64 kReadChunk = 64 * 1024;
 
 // One console message in the stream layout: every piece is followed by one blank, the last one
 // included. Qt 6's debug stream drops that last blank and escapes quoted strings, so the line is
-// composed here and written as it is.
+// composed here, as UTF-8, and written as Qt's own handler writes a message: to standard error.
 class ConsoleLine {
 public:
     // With a batch, the line joins it instead of going out on its own.
-    explicit ConsoleLine(QString *batch = nullptr) : batch(batch) { }
+    explicit ConsoleLine(QByteArray *batch = nullptr) : batch(batch) { }
     ConsoleLine &text(const char *piece)
     {
-        line += QLatin1String(piece);
-        line += QLatin1Char(' ');
+        line += piece;
+        line += ' ';
         return *this;
     }
     // Escaped as the log escapes: a value cannot forge or hide a line.
-    ConsoleLine &value(const QString &piece)
+    ConsoleLine &value(QByteArrayView utf8)
     {
-        line += QLatin1Char('"') + escaped(piece) + QLatin1String("\" ");
+        line += '"';
+        escaped(utf8);
+        line += "\" ";
         return *this;
     }
+    ConsoleLine &value(const char *utf8) { return value(QByteArrayView(utf8)); }
+    ConsoleLine &value(const QString &piece) { return value(QByteArrayView(piece.toUtf8())); }
     // A refusal's reason may quote a caller's value: escaped, unquoted.
     ConsoleLine &words(const QString &piece)
     {
-        line += escaped(piece) + QLatin1Char(' ');
+        escaped(piece.toUtf8());
+        line += ' ';
         return *this;
     }
     ConsoleLine &number(qint64 piece)
     {
-        line += QString::number(piece);
-        line += QLatin1Char(' ');
+        line += QByteArray::number(piece);
+        line += ' ';
         return *this;
     }
     // Why a Stalled download waits: "waiting for network", or the fault its retry follows.
@@ -60,30 +66,34 @@ public:
     }
     ~ConsoleLine()
     {
+        line += '\n';
         if (batch)
-            *batch += line + QLatin1Char('\n');
+            *batch += line;
         else
-            qDebug().noquote().nospace() << line;
+            writeOut(line);
     }
-    // One message, so one write, for many lines: the console's stream is unbuffered.
-    static void send(QString *batch)
+    // One write for many lines: the console's stream is unbuffered.
+    static void send(QByteArray *batch)
     {
-        batch->chop(1);
-        if (!batch->isEmpty())
-            qDebug().noquote().nospace() << *batch;
+        writeOut(*batch);
         batch->clear();
     }
 
 private:
-    // The piece's UTF-8 bytes, escaped as the log escapes them.
-    static QString escaped(const QString &piece)
+    void escaped(QByteArrayView utf8) { line += escapeText(utf8.data(), size_t(utf8.size())); }
+    static void writeOut(QByteArrayView bytes)
     {
-        const QByteArray bytes = piece.toUtf8();
-        return QString::fromStdString(escapeText(bytes.constData(), size_t(bytes.size())));
+        for (qsizetype done = 0; done < bytes.size();) {
+            const ssize_t n
+                = ::write(STDERR_FILENO, bytes.data() + done, size_t(bytes.size() - done));
+            if (n < 0 && errno != EINTR)
+                return; // nowhere to report it: the console has gone
+            done += std::max<ssize_t>(n, 0);
+        }
     }
 
-    QString line;
-    QString *batch;
+    QByteArray line;
+    QByteArray *batch;
 };
 
 // The part before the last blank (or the whole line) is the command; the argument has no blank.
@@ -100,16 +110,16 @@ bool isSize(const QString &argument)
     return argument.toLongLong(&ok, 10) >= 0 && ok;
 }
 
-void printDownload(const char *label, const Download *download, QString *batch = nullptr)
+void printDownload(const char *label, const Download *download, QByteArray *batch = nullptr)
 {
     ConsoleLine(batch)
         .text(label)
         .text(" uniqueID:")
-        .value(download->uniqueID())
+        .value(download->utf8(RecordText::Id))
         .text(" clientID:")
         .value(download->clientID)
         .text(" file:")
-        .value(download->filePath())
+        .value(download->utf8(RecordText::Path))
         .text(" status: ")
         .value(download->stateAsString())
         .text(" DL:")
@@ -287,7 +297,7 @@ void DLConsoleReaderClient::updateDownloadEntry(Download *download)
 {
     ConsoleLine()
         .text("Download update with file:")
-        .value(download->filePath())
+        .value(download->utf8(RecordText::Path))
         .text(" status: ")
         .value(download->stateAsString())
         .text(" DL: ")
@@ -309,7 +319,7 @@ void DLConsoleReaderClient::getDownloadList(const QString &clientID)
         ConsoleLine().text("No downloads");
         return;
     }
-    QString batch;
+    QByteArray batch;
     for (const Download *download : downloads) {
         printDownload("Download:", download, &batch);
         if (batch.size() >= 32 * 1024)

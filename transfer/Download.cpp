@@ -52,23 +52,23 @@ Download::Details &Download::editDetails()
     return *more;
 }
 
-QString Download::stateAsString() const
+const char *Download::stateAsString() const
 {
     switch (state) {
     case Completed:
-        return QStringLiteral("Completed");
+        return "Completed";
     case Progressing:
-        return QStringLiteral("Progressing");
+        return "Progressing";
     case Paused:
-        return QStringLiteral("Paused");
+        return "Paused";
     case Failed:
-        return QStringLiteral("Failed");
+        return "Failed";
     case Pending:
-        return QStringLiteral("Pending");
+        return "Pending";
     case Stalled:
-        return QStringLiteral("Stalled");
+        return "Stalled";
     default:
-        return QStringLiteral("Undefined");
+        return "Undefined";
     }
 }
 

@@ -61,7 +61,7 @@ public:
     Download(const Download &) = delete;
     Download &operator=(const Download &) = delete;
 
-    QString stateAsString() const;
+    const char *stateAsString() const;
 
     // Pending, Progressing and Stalled downloads pause; their request or retry is dropped.
     // Paused and Failed ones resume. False when the state does not allow it.
