@@ -82,6 +82,7 @@ struct StoredRow {
     bool replaced = false; // stored as created, then replaced by another file
     bool resume = false; // not launched at start, resumed by the test
     const char *at = nullptr; // the file's stored path, when not downloads/NAME
+    bool unclean = false; // stored as downloads/.//NAME: carried out at its clean path
     const char *end, *ranges, *stored; // stored by the end
     QByteArray body() const { return FakeHttpServer::makeBody(size, size); }
     QString path(const Service &s) const { return at ? at : s.path("downloads/") + name; }
@@ -96,6 +97,7 @@ const StoredRow kStoredRows[] = {
     {.name = "failed", .state = STATE_FAILED, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .end = "Completed", .ranges = "-", .stored = "Completed 4 4096 4096"},
     {.name = "relative", .state = STATE_STALLED, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .at = "relative", .end = "Failed", .ranges = "", .stored = "Stalled 4 0 0"},
     {.name = "ftp", .scheme = "ftp", .state = STATE_STALLED, .size = 4096, .total = 0, .amount = 0, .file = -1, .resume = true, .end = "Failed", .ranges = "", .stored = "Stalled 4 0 0"},
+    {.name = "unclean", .state = STATE_STALLED, .size = 4096, .total = 4096, .amount = 0, .file = -1, .unclean = true, .end = "Completed", .ranges = "-", .stored = "Completed 4 4096 4096"},
     {.name = "symlink", .state = STATE_STALLED, .size = 4096, .total = 4096, .amount = 0, .file = 100, .linked = true, .end = "Failed", .ranges = "-", .stored = "Failed 3 0 4096"},
     {.name = "replaced", .state = STATE_STALLED, .size = 4096, .total = 4096, .amount = 1000, .file = 2000, .replaced = true, .end = "Failed", .ranges = "-", .stored = "Failed 3 0 4096"},
 };
@@ -465,7 +467,8 @@ void tst_Faults::restoredRows()
             const QString path = s.path(restored);
             const QString link = s.scheme + url(s.name).mid(4);
             body(s.name) = s.body();
-            restored.sql(kInsertRow, { s.name, s.name, link, path, s.state, s.total, s.amount });
+            const QString as = s.unclean ? restored.path("downloads/.//") + s.name : path;
+            restored.sql(kInsertRow, { s.name, s.name, link, as, s.state, s.total, s.amount });
             const QString real = s.linked ? restored.path("elsewhere") : path;
             QFile f(real);
             QVERIFY(s.file < 0 || (f.open(QIODevice::WriteOnly) && f.write(s.onDisk()) == s.file));

@@ -110,10 +110,11 @@ public:
     // Who created it (root for the console and for rows stored before owners were kept): its
     // file is opened and removed with this user's file-system identity.
     uint ownerUid = 0;
+    // Created 0600 rather than by the umask: it is not in a directory its owner chose. (Beside
+    // the uid, where it costs no bytes of a record.)
+    bool privateFile = false;
     // The file this download created; only that file is opened again, emptied or removed.
     FileIdentity fileIdentity;
-    // Created 0600 rather than by the umask: it is not in a directory its owner chose.
-    bool privateFile = false;
     // What most stored downloads never have, kept apart so that they cost one pointer.
     struct Details {
         // Why the last attempt failed or stalled (the text of its log line); stays, as

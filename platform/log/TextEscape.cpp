@@ -35,26 +35,28 @@ std::string escapeText(const char *text, size_t length)
     std::string out;
     out.reserve(length);
     char escaped[8];
+    size_t plain = 0; // the start of the run of bytes that pass as they are
     for (size_t i = 0; i < length;) {
         const unsigned char c = p[i];
         uint32_t cp = c;
         const size_t len = c < 0x80 ? 1 : decode(p + i, length - i, &cp);
-        if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\t') {
-            out += "\\t";
-        } else if (len == 0 || c < 0x20 || c == 0x7f) {
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
-            out += escaped;
-        } else if ((cp >= 0x80 && cp <= 0x9f) || (cp >= 0x202a && cp <= 0x202e)
-            || (cp >= 0x2066 && cp <= 0x2069)) {
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", unsigned(cp));
-            out += escaped;
-        } else {
-            out.append(text + i, len);
+        const bool control = len == 0 || c < 0x20 || c == 0x7f;
+        const bool hidden = (cp >= 0x80 && cp <= 0x9f) || (cp >= 0x202a && cp <= 0x202e)
+            || (cp >= 0x2066 && cp <= 0x2069);
+        if (control || hidden) {
+            out.append(text + plain, i - plain);
+            if (c == '\n' || c == '\t')
+                out += c == '\n' ? "\\n" : "\\t";
+            else if (control)
+                out.append(escaped, size_t(std::snprintf(escaped, sizeof escaped, "\\x%02x", c)));
+            else
+                out.append(escaped,
+                    size_t(std::snprintf(escaped, sizeof escaped, "\\u%04x", unsigned(cp))));
+            plain = i + (len == 0 ? 1 : len);
         }
         i += len == 0 ? 1 : len;
     }
+    out.append(text + plain, length - plain);
     return out;
 }
 
