@@ -26,9 +26,11 @@ RecordText::RecordText(
     block.reset(new char[kHeader + end]);
     std::memcpy(block.get(), ends, kHeader);
     char *at = block.get() + kHeader;
-    for (const QByteArrayView part : parts)
-        at = static_cast<char *>(std::memcpy(at, part.constData(), size_t(part.size())))
-            + part.size();
+    for (const QByteArrayView part : parts) {
+        if (!part.isEmpty()) // an empty part may have no data at all
+            std::memcpy(at, part.constData(), size_t(part.size()));
+        at += part.size();
+    }
 }
 
 QByteArrayView RecordText::view(Part part) const
