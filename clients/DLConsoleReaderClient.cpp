@@ -7,9 +7,9 @@
 #include <QDebug>
 #include <QSocketNotifier>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -81,15 +81,12 @@ public:
 
 private:
     void escaped(QByteArrayView utf8) { line += escapeText(utf8.data(), size_t(utf8.size())); }
+    // Through stdio's unbuffered stderr, as Qt's handler writes: one write call, retried when
+    // short, and in order with everything else the process prints there.
     static void writeOut(QByteArrayView bytes)
     {
-        for (qsizetype done = 0; done < bytes.size();) {
-            const ssize_t n
-                = ::write(STDERR_FILENO, bytes.data() + done, size_t(bytes.size() - done));
-            if (n < 0 && errno != EINTR)
-                return; // nowhere to report it: the console has gone
-            done += std::max<ssize_t>(n, 0);
-        }
+        if (!bytes.isEmpty())
+            std::fwrite(bytes.data(), 1, size_t(bytes.size()), stderr);
     }
 
     QByteArray line;
