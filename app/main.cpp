@@ -126,6 +126,9 @@ int main(int argc, char *argv[])
     puts("DOWNLOAD APM JOIN SUCCESS!!.");
     dlm::applyLogLevel();
 
+    // Qt's own poll loop, not GLib's: GLib writes to its wake-up descriptor each time a socket is
+    // watched or dropped, and a transfer held to a rate does both at every rest.
+    qputenv("QT_NO_GLIB", "1");
     int status = 0;
     {
         QCoreApplication app(argc, argv);

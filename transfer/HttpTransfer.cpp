@@ -33,11 +33,9 @@ void HttpTransfer::sendRequest()
     easy = engine->open(this, QUrl(d.contentURL()).toEncoded(),
         http::requestHeaders(requestOffset, d.details().validator));
     budget.setReceiving(true);
-    // Gathered writes take half of the transfer's share from curl's buffer: as resident as before.
-    const qint64 rate = d.details().rateLimit;
-    const qint64 gather = ReadBudget::writeBatch(rate);
-    file.gatherUpTo(gather);
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(ReadBudget::bufferSize(rate) - gather));
+    const ReadBudget::Buffers buffers = ReadBudget::buffers(d.details().rateLimit);
+    file.gatherUpTo(buffers.gather);
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, long(buffers.read));
     // A connection that cannot be made in the stall time-out is a stall as well.
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, long(stallTimeoutMs));
     if (!engine->start(easy)) {
@@ -56,6 +54,10 @@ void HttpTransfer::pauseForRate(bool paused)
     // The clock first: curl may hand over bytes inside the call, and the governor rest us again.
     if (paused) {
         stallTimer.stop();
+        // What the last read gathered goes to the file now, not after the rest; a failure ends
+        // the attempt at the next piece curl hands over.
+        if (verdict == AnswerVerdict::Accepted && !file.writePending())
+            verdict = AnswerVerdict::FileFault;
     } else if (!attemptSettled) {
         lastActivity.start();
         stallTimer.start(stallTimeoutMs);

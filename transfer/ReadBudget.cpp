@@ -25,21 +25,20 @@ void ReadBudget::setReceiving(bool on)
     receivingTransfers += on ? 1 : -1;
 }
 
-qint64 ReadBudget::bufferSize(qint64 rate)
-{
-    const qint64 share
-        = qBound(kMinReadBufferSize, kReadBudget / qMax(1, receivingTransfers), kMaxReadBufferSize);
-    // Half a second of a limited transfer's rate: a larger read is a burst its rest pays for
-    // later, and held a 5 s average 17 % over the limit.
-    return rate > 0 ? qBound(kMinReadBufferSize, rate / 2, share) : share;
-}
-
-qint64 ReadBudget::writeBatch(qint64 rate)
+ReadBudget::Buffers ReadBudget::buffers(qint64 rate)
 {
     constexpr int kFewTransfers = 8;
     // Half of a share that is then at its most, 512 KiB.
     constexpr qint64 kWriteBatch = 256 * 1024;
-    return rate == 0 && receivingTransfers <= kFewTransfers ? kWriteBatch : 0;
+    const qint64 share
+        = qBound(kMinReadBufferSize, kReadBudget / qMax(1, receivingTransfers), kMaxReadBufferSize);
+    const bool few = receivingTransfers <= kFewTransfers;
+    if (rate == 0)
+        return { few ? share - kWriteBatch : share, few ? kWriteBatch : 0 };
+    // Half a second of a limited transfer's rate: a larger read is a burst its rest pays for
+    // later, and held a 5 s average 17 % over the limit.
+    const qint64 read = qBound(kMinReadBufferSize, rate / 2, share);
+    return { read, few ? read : 0 };
 }
 
 qint64 ReadBudget::reportBound()

@@ -17,13 +17,16 @@ public:
 
     // Joins (true) or leaves (false) the transfers sharing the budget; repeating changes nothing.
     void setReceiving(bool on);
-    // curl's receive buffer for a request going out now, held to rate (bytes per second, 0 for
-    // none).
-    static qint64 bufferSize(qint64 rate);
-    // How many received bytes a request going out now gathers into one write (0: a write per
-    // piece curl hands over): only while few transfers run, none limited, so the copies stay
-    // small beside the budget.
-    static qint64 writeBatch(qint64 rate);
+    // curl's receive buffer for a request going out now (held to rate, bytes per second, 0 for
+    // none), and how many received bytes it gathers into one write (0: a write per 16 KiB piece
+    // curl hands over). Only while few transfers run, so the copies stay small beside the
+    // budget: an unlimited one gathers half of its share, taken from curl's buffer; a limited
+    // one gathers one whole read, which it writes before the rest that follows it.
+    struct Buffers {
+        qint64 read;
+        qint64 gather;
+    };
+    static Buffers buffers(qint64 rate);
     // Written bytes not reported yet that make a report due at once, whatever the batch count
     // or the time: half a share, never below a slow link's batch.
     static qint64 reportBound();
