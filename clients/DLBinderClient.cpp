@@ -412,9 +412,9 @@ void DLBinderClient::binderDied(const wp<IBinder> &who)
 void DLBinderClient::updateDownloadEntry(Download *download)
 {
     BINDER_LOGD("DLBinderClient::notifyDownloadUpdate ");
-    // The callback's parcel is built once per report and view (root's, or the owner's) and sent
-    // to every client of that view as it is.
-    Parcel updates[2];
+    // The callback's parcel is built now, once per view (root's, or the owner's), and sent to
+    // every client of that view as it is once the change is stored.
+    size_t views[2] = { SIZE_MAX, SIZE_MAX };
     for (size_t i = 0;; ++i) {
         sp<IDLClient> client;
         uint uid = 0;
@@ -423,16 +423,26 @@ void DLBinderClient::updateDownloadEntry(Download *download)
         // A caller sees only the downloads it may touch, in updates as in queries.
         if (!AccessPolicy::mayTouch(uid, download))
             continue;
-        Parcel &update = updates[uid != 0];
-        if (update.dataSize() == 0) {
+        size_t &view = views[uid != 0];
+        if (view == SIZE_MAX) {
             IDownload record;
             CallerView::fillRecord(&record, download, uid);
+            view = toldParcels.size();
+            Parcel &update = toldParcels.emplace_back();
             update.writeInterfaceToken(IDLClient::descriptor);
             record.writeToParcel(&update);
         }
-        IInterface::asBinder(client)->transact(
-            IDLClient::ON_DOWNLOAD_UPDATE, update, nullptr, IBinder::FLAG_ONEWAY);
+        toldTo.emplace_back(IInterface::asBinder(client), view);
     }
+}
+
+void DLBinderClient::reportsStored()
+{
+    for (const auto &[binder, view] : toldTo)
+        binder->transact(IDLClient::ON_DOWNLOAD_UPDATE, toldParcels[view], nullptr,
+            IBinder::FLAG_ONEWAY);
+    toldTo.clear();
+    toldParcels.clear();
 }
 
 } // namespace dlm

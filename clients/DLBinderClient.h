@@ -7,6 +7,7 @@
 #include "ManagerGate.h"
 
 #include <binder/IBinder.h>
+#include <binder/Parcel.h>
 
 #include <functional>
 #include <mutex>
@@ -64,6 +65,7 @@ public:
     bool init();
     void help() override;
     void updateDownloadEntry(Download *download) override;
+    void reportsStored() override;
     void binderDied(const android::wp<android::IBinder> &who) override;
     // Detaches from the manager and drops the manager's reference; late calls find no manager.
     void destroy() override;
@@ -74,6 +76,9 @@ private:
         std::function<int(DownloadManager *, const QString &, uint)> action);
 
     EventClients eventClients;
+    // Callbacks of changes not stored yet, in order: each parcel once, and who gets which.
+    std::vector<android::Parcel> toldParcels;
+    std::vector<std::pair<android::sp<android::IBinder>, size_t>> toldTo;
     ManagerGate gate; // the one way to the manager; closed by destroy()
 };
 

@@ -200,6 +200,10 @@ void DLConsoleReaderClient::HandleText(const QString &line)
     const QString command = commandWord(line);
     const int lastBlank = line.lastIndexOf(QLatin1Char(' '));
     const QString argument = lastBlank < 0 ? QString() : line.mid(lastBlank + 1).trimmed();
+    // A command's own lines come after every change told before it. A create prints none, so
+    // the creates of one read are stored with one commit.
+    if (command != QLatin1String("create"))
+        manager->settleReports();
 
     if (order(line.split(QLatin1Char(' '), Qt::SkipEmptyParts))) {
         return;
@@ -292,7 +296,7 @@ void DLConsoleReaderClient::help()
 
 void DLConsoleReaderClient::updateDownloadEntry(Download *download)
 {
-    ConsoleLine()
+    ConsoleLine(&told)
         .text("Download update with file:")
         .value(download->utf8(RecordText::Path))
         .text(" status: ")
@@ -302,6 +306,11 @@ void DLConsoleReaderClient::updateDownloadEntry(Download *download)
         .text("/")
         .number(download->totalSize)
         .whyStalled(download);
+}
+
+void DLConsoleReaderClient::reportsStored()
+{
+    ConsoleLine::send(&told);
 }
 
 void DLConsoleReaderClient::getDownloadList(const QString &clientID)

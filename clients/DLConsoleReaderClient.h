@@ -23,6 +23,7 @@ public:
 
     void help() override;
     void updateDownloadEntry(Download *download) override;
+    void reportsStored() override;
     void destroy() override { delete this; }
     void getDownloadList(const QString &clientID);
     void getDownload(const QString &uniqueID);
@@ -43,6 +44,8 @@ private:
     QSocketNotifier *inputNotifier;
     // Bytes read from standard input that do not yet form a complete line.
     QByteArray pendingInput;
+    // Update lines of changes that are not stored yet.
+    QByteArray told;
 };
 
 } // namespace dlm

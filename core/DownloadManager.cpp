@@ -57,6 +57,9 @@ DownloadManager::DownloadManager(const QString &settingsPath, const FrontEndFact
     idleTimer.setSingleShot(true);
     idleTimer.setInterval(500);
     connect(&idleTimer, &QTimer::timeout, this, &DownloadManager::releaseIdleMemory);
+    settleTimer.setSingleShot(true);
+    settleTimer.setInterval(0);
+    connect(&settleTimer, &QTimer::timeout, this, &DownloadManager::settleReports);
     RequestQueue::instance().setPerOrigin(settings.count(
         QStringLiteral("max_connections_per_host"), RequestQueue::kDefaultPerOrigin));
     RequestQueue::instance().setActiveLimit(
@@ -112,6 +115,7 @@ void DownloadManager::quit()
 {
     DLM_LOGD("!!!!QUIT!!!!!!");
     quitting = true;
+    settleReports();
     const QList<FrontEnd *> oldClients = clients;
     clients.clear();
     for (FrontEnd *client : oldClients)
@@ -331,12 +335,31 @@ Outcome<DownloadManager::ControlStatus> DownloadManager::setBackgroundMode(bool 
 
 void DownloadManager::updateDownload(Download *download)
 {
-    if (database)
-        database->store(download);
+    // A change that must be stored before it is told waits for the one commit of this turn,
+    // with every report after it.
+    const bool mustStore = database && database->store(download);
     if (download->state != Download::Progressing && download->state != Download::Pending)
         idleTimer.start();
     for (FrontEnd *client : qAsConst(clients))
         client->updateDownloadEntry(download);
+    if (mustStore)
+        settleTimer.start();
+    else if (!settleTimer.isActive())
+        releaseReports(); // nothing waits for a commit: progress alone is written behind
+}
+
+void DownloadManager::settleReports()
+{
+    settleTimer.stop();
+    if (database)
+        database->flush();
+    releaseReports();
+}
+
+void DownloadManager::releaseReports()
+{
+    for (FrontEnd *client : qAsConst(clients))
+        client->reportsStored();
 }
 
 void DownloadManager::networkChanged()
@@ -435,6 +458,8 @@ void DownloadManager::discard(Download *download)
 {
     ++discards;
     download->abort();
+    // What was told of it is stored before its row goes.
+    settleReports();
     // A database that keeps the row must not keep the download alive: it would stay
     // unremovable. The row brings it back at the next start.
     if (database && !database->deleteEntry(download, download->uniqueID())

@@ -112,6 +112,10 @@ public:
     Outcome<ControlStatus> removeDownload(const QString &uniqueID, uint callerUid = 0);
     void removeAllDownloads();
 
+    // Commits every change reported so far and lets the front ends send what they told of it;
+    // otherwise that happens at the next turn of the event loop.
+    void settleReports();
+
     // True once quit() has started: nothing may reach the downloads or clients any more.
     bool isQuitting() const { return quitting; }
 
@@ -119,10 +123,13 @@ public slots:
     void execute();
 
 private:
-    // The change hub, which every download reports to: stores the record (a change of state at
-    // once, progress with the other changed rows at the next turn of the event loop), then
-    // announces it to every client in list order.
+    // The change hub, which every download reports to: marks the record to be stored and
+    // announces the change to every client in list order. A change of state is committed with
+    // the others of its turn before any client sends what it told of it; progress alone goes out
+    // at once and is written behind.
     void updateDownload(Download *download);
+    // Lets the front ends send what they told: every change in it is stored.
+    void releaseReports();
     void loadDownloadPaths();
     Download *find(const QString &uniqueID) const;
     // Runs act on the caller's download, or with "all" on each of the caller's (then Done
@@ -155,6 +162,8 @@ private:
     RateLimits rates;
     // Runs releaseIdleMemory() a moment after the last download stopped.
     QTimer idleTimer;
+    // Runs settleReports() at the next turn once a reported change waits for its commit.
+    QTimer settleTimer;
     quint64 discards = 0; // downloads destroyed so far: a walk over a copy of the list checks it
     bool refused = false;
     bool quitting = false;

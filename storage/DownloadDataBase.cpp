@@ -271,34 +271,38 @@ bool DownloadDataBase::updateEntry(const StoredRecord &r)
             text(r.uniqueID) });
 }
 
-void DownloadDataBase::store(RowKey row)
+bool DownloadDataBase::store(RowKey row)
 {
     if (!db.isOpen())
-        return;
-    pending.insert(row);
+        return false;
+    if (!pending.contains(row)) {
+        pending.insert(row);
+        pendingOrder.push_back(row);
+    }
+    if (!flushTimer.isActive())
+        flushTimer.start();
     const StoredRecord now = read(row);
     const auto written = writtenState.constFind(row);
     const auto identity = writtenIdentity.constFind(row);
-    // A file's identity is stored the moment it is created: it guards every later open.
-    if (written == writtenState.constEnd() || written.value() != now.state
-        || (identity != writtenIdentity.constEnd() && identity.value() != now.fileIdentity))
-        flush();
-    else if (!flushTimer.isActive())
-        flushTimer.start();
+    // A file's identity is stored before it is told: it guards every later open.
+    return written == writtenState.constEnd() || written.value() != now.state
+        || (identity != writtenIdentity.constEnd() && identity.value() != now.fileIdentity);
 }
 
 bool DownloadDataBase::flush()
 {
     if (pending.isEmpty())
         return true;
-    const QSet<RowKey> rows = std::exchange(pending, {});
-    // One commit for the lot; a failed begin still writes each row on its own.
+    const QSet<RowKey> marked = std::exchange(pending, {});
+    const std::vector<RowKey> rows = std::exchange(pendingOrder, {});
+    // One commit for the lot; a failed begin still writes each row on its own. In the order they
+    // were marked: new rows are numbered, and restored, in order of creation.
     const bool transaction = db.transaction();
     bool written = true;
     for (RowKey row : rows)
-        written = write(row) && written;
+        written = (!marked.contains(row) || write(row)) && written;
     if (transaction && !db.commit()) {
-        DLM_LOGE("Unable to commit %d rows: %s", int(rows.size()),
+        DLM_LOGE("Unable to commit %d rows: %s", int(marked.size()),
             qUtf8Printable(db.lastError().text()));
         db.rollback();
         for (RowKey row : rows)

@@ -12,6 +12,7 @@
 #include <QVariant>
 
 #include <functional>
+#include <vector>
 
 namespace dlm {
 
@@ -25,9 +26,10 @@ namespace dlm {
 // log).
 //
 // Reports are written behind: store() marks a row changed and every changed row is written in
-// one transaction at the next turn of the event loop, so a burst of reports costs one commit.
-// A change of state is written at once, and close() writes whatever is still pending. A row is
-// only ever written from what the download has already put in its file.
+// one transaction by flush(), at the latest at the next turn of the event loop, so a burst of
+// reports costs one commit. store() says when a change must be committed before it is told (a
+// new state or file), and close() writes whatever is still pending. A row is only ever written
+// from what the download has already put in its file.
 //
 // The database holds no download: it names each by the key its owner gives (a RowKey, compared
 // only) and reads the download's values through the reader when it writes the row.
@@ -52,9 +54,9 @@ public:
     bool updateEntry(const StoredRecord &record);
     // Also drops what is pending for the download.
     bool deleteEntry(RowKey row, const QString &uniqueID);
-    // Adds or updates the download's row: at once when its state is not the one last written,
-    // otherwise at the next turn of the event loop with every other pending row.
-    void store(RowKey row);
+    // Marks the download's row to be added or updated with every other pending row. True when
+    // its state or its file is not the one last written: flush() before the change is told.
+    bool store(RowKey row);
     // Writes every pending row in one transaction.
     bool flush();
     // Gives back the page cache SQLite holds for this connection.
@@ -91,6 +93,7 @@ private:
     QSqlQuery exists;
     // Downloads whose row is behind, and the state last written for each stored download.
     QSet<RowKey> pending;
+    std::vector<RowKey> pendingOrder; // of marking; may still name a forgotten row
     QHash<RowKey, unsigned> writtenState;
     QHash<RowKey, FileIdentity> writtenIdentity;
     QHash<RowKey, QByteArray> writtenValidator; // only of downloads that had one

@@ -95,6 +95,7 @@ private slots:
             DownloadDataBase db(svc.path("db/dlm_download.db"), &stored::recordOf);
             for (Download *d : { &x, &a, &b })
                 db.store(d);
+            db.flush();
             QCOMPARE(svc.sql("SELECT * FROM downloads ORDER BY rowid"), values({ &x, &ab }));
             QVERIFY(db.deleteEntry(&b, key) && !db.deleteEntry(&b, key)
                 && !db.isDBEntryAvailable(key) && db.isDBEntryAvailable("x")
