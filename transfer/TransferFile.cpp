@@ -17,7 +17,6 @@ bool TransferFile::openAt(qint64 offset)
 void TransferFile::gatherUpTo(qint64 limit)
 {
     gatherLimit = limit;
-    pending.reserve(limit);
 }
 
 qint64 TransferFile::received() const
@@ -29,6 +28,12 @@ bool TransferFile::take(const char *data, qint64 n, bool writeNow)
 {
     if (gatherLimit == 0)
         return commit(data, n);
+    // No larger than what is left of a known size: a small file's gather then comes from the
+    // heap's free chunks, not a fresh mapping per transfer.
+    if (pending.capacity() == 0) {
+        const qint64 left = d.totalSize > 0 ? d.totalSize - d.amountDownloaded : gatherLimit;
+        pending.reserve(qBound(n, left, gatherLimit));
+    }
     pending.append(data, n);
     return (pending.size() < gatherLimit && !writeNow) || writePending();
 }
