@@ -7,19 +7,40 @@
 #include "RateShares.h"
 #include "RetrySchedule.h"
 
+#include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QtTest>
 
 using namespace dlm;
 
 QList<QList<qint64>> reports; // state, total, amount, data arrivals up to the report
 
-// No report counts bytes that are not in the file yet.
+// No report counts bytes that are not in the file yet, and none goes out before the state it
+// tells is stored (read through a connection of its own, as another process would).
 struct Recorder final : FrontEnd {
-    void destroy() override { delete this; }
+    explicit Recorder(const QString &database)
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "recorder");
+        db.setDatabaseName(database);
+        db.open();
+    }
+    void destroy() override
+    {
+        delete this;
+        QSqlDatabase::removeDatabase("recorder");
+    }
     void updateDownloadEntry(Download *d) override
     {
         QVERIFY(d->amountDownloaded <= QFileInfo(d->filePath()).size());
         reports.append({ d->state, d->totalSize, d->amountDownloaded, d->details().dataArrivals });
+    }
+    void reportsStored() override
+    {
+        if (reports.isEmpty())
+            return;
+        QSqlQuery stored(QSqlDatabase::database("recorder"));
+        QVERIFY(stored.exec("SELECT state FROM downloads WHERE uniqueID = 'id'") && stored.next());
+        QCOMPARE(stored.value(0).toLongLong(), reports.last()[0]);
     }
 };
 
@@ -94,7 +115,7 @@ private slots:
             .setValue("download_database_path", dir.path());
         DownloadManager manager(dir.filePath("ini"));
         const auto quit = qScopeGuard([&] { manager.quit(); });
-        manager.addClient(new Recorder);
+        manager.addClient(new Recorder(dir.filePath("dlm_download.db")));
         StoredRecord stored; // a Pending download, launched as it comes back
         stored.uniqueID = "id";
         stored.clientID = "t";
