@@ -2,9 +2,15 @@
 
 #include "DlmLog.h"
 
+#include <QScopeGuard>
+#include <QSqlDriver>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QSqlRecord>
+
+#include <sqlite3.h>
+
+#include <cstring>
 
 #include <utility>
 
@@ -375,49 +381,81 @@ bool DownloadDataBase::deleteEntry(RowKey row, const QString &uniqueID)
 
 void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord &)> &restore)
 {
-    QSqlQuery query;
-    query.setForwardOnly(true);
-    if (!run(query,
-            // As blobs, the texts come as their stored UTF-8 bytes: no conversion to UTF-16 and
-            // back for every row.
-            QStringLiteral(
-                "SELECT CAST(uniqueID AS BLOB), clientID, CAST(name AS BLOB), "
-                "CAST(contentURL AS BLOB), CAST(filePath AS BLOB), state, "
-                "failureCode, totalSize, amountDownloaded, startTime, ownerUid, "
-                "fileDevice, fileInode, fileInode IS NULL, COALESCE(expectedSize, -1), "
-                "expectedSha256, validator, failureReason, httpStatus, COALESCE(rateLimit, 0), "
-                "COALESCE(priority, 0) FROM ")
-                + kTable + QStringLiteral(" LEFT JOIN download_extra USING (uniqueID)"),
-            {}))
+    // Read through SQLite's own interface on Qt's connection: Qt's result made a QVariant of
+    // every column of every row and cached each row, a third of the start with 100,000 rows.
+    sqlite3 *handle = nativeHandle();
+    if (!handle)
         return;
+    static const char kSelect[]
+        = "SELECT uniqueID, clientID, name, contentURL, filePath, state, failureCode, totalSize, "
+          "amountDownloaded, startTime, ownerUid, fileDevice, fileInode, fileInode IS NULL, "
+          "COALESCE(expectedSize, -1), expectedSha256, validator, failureReason, httpStatus, "
+          "COALESCE(rateLimit, 0), COALESCE(priority, 0) FROM downloads "
+          "LEFT JOIN download_extra USING (uniqueID)";
+    sqlite3_stmt *select = nullptr;
+    if (sqlite3_prepare_v2(handle, kSelect, -1, &select, nullptr) != SQLITE_OK) {
+        DLM_LOGE("Unable to read the stored downloads: %s", sqlite3_errmsg(handle));
+        return;
+    }
+    const auto finalize = qScopeGuard([select] { sqlite3_finalize(select); });
+    // A text column's UTF-8 bytes as stored (SQLite converts a number or a blob the same way),
+    // into the record's own array: one record serves every row, and its arrays keep their room
+    // unless restore kept a copy.
+    const auto bytes = [select](QByteArray &to, int column) {
+        const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(select, column));
+        const int size = sqlite3_column_bytes(select, column);
+        to.resize(size);
+        if (size > 0)
+            std::memcpy(to.data(), text, size_t(size));
+    };
+    const auto number = [select](int column) { return sqlite3_column_int64(select, column); };
+    // Rows share few client identifiers: one copy each instead of one per row.
+    QHash<QByteArray, QString> clientIDs;
+    int step;
     // Each record is restored at once: launching it updates that same row on this connection
     // before the next one is read.
-    // Rows share few client identifiers: one copy each instead of one per row.
-    QSet<QString> clientIDs;
-    while (query.next()) {
-        StoredRecord r;
-        r.uniqueID = query.value(0).toByteArray();
-        r.clientID = *clientIDs.insert(query.value(1).toString());
-        r.name = query.value(2).toByteArray();
-        r.contentURL = query.value(3).toByteArray();
-        r.filePath = query.value(4).toByteArray();
-        r.state = query.value(5).toUInt();
-        r.failureCode = query.value(6).toUInt();
-        r.totalSize = query.value(7).toLongLong();
-        r.amountDownloaded = query.value(8).toLongLong();
-        r.startTime = query.value(9).toLongLong();
-        r.ownerUid = query.value(10).toUInt();
-        r.fileIdentity = { query.value(11).toULongLong(), query.value(12).toULongLong(),
-            query.value(13).toBool() };
-        r.expectedSize = query.value(14).toLongLong();
-        r.expectedSha256 = query.value(15).toString().toLatin1();
-        r.validator = query.value(16).toByteArray();
-        r.failureReason = query.value(17).toString();
-        r.httpStatus = query.value(18).toInt();
-        r.rateLimit = query.value(19).toLongLong();
-        r.priority = query.value(20).toInt();
+    StoredRecord r;
+    QByteArray client;
+    while ((step = sqlite3_step(select)) == SQLITE_ROW) {
+        bytes(r.uniqueID, 0);
+        bytes(client, 1);
+        auto known = clientIDs.constFind(client);
+        if (known == clientIDs.constEnd())
+            known = clientIDs.insert(client, QString::fromUtf8(client));
+        r.clientID = known.value();
+        bytes(r.name, 2);
+        bytes(r.contentURL, 3);
+        bytes(r.filePath, 4);
+        r.state = unsigned(number(5));
+        r.failureCode = unsigned(number(6));
+        r.totalSize = number(7);
+        r.amountDownloaded = number(8);
+        r.startTime = number(9);
+        r.ownerUid = uint(number(10));
+        r.fileIdentity = { quint64(number(11)), quint64(number(12)), number(13) != 0 };
+        r.expectedSize = number(14);
+        bytes(r.expectedSha256, 15);
+        bytes(r.validator, 16);
+        const auto *reason = reinterpret_cast<const char *>(sqlite3_column_text(select, 17));
+        const int reasonSize = sqlite3_column_bytes(select, 17);
+        r.failureReason = reasonSize == 0 ? QString() : QString::fromUtf8(reason, reasonSize);
+        r.httpStatus = int(number(18));
+        r.rateLimit = number(19);
+        r.priority = int(number(20));
         restore(r);
     }
+    if (step != SQLITE_DONE)
+        DLM_LOGE("Reading the stored downloads stopped: %s", sqlite3_errmsg(handle));
+}
+
+sqlite3 *DownloadDataBase::nativeHandle()
+{
+    if (!db.isOpen())
+        return nullptr;
+    const QVariant handle = db.driver()->handle();
+    if (!handle.isValid() || qstrcmp(handle.typeName(), "sqlite3*") != 0)
+        return nullptr;
+    return *static_cast<sqlite3 *const *>(handle.constData());
 }
 
 bool DownloadDataBase::storeDownloadPath(

@@ -14,6 +14,8 @@
 #include <functional>
 #include <vector>
 
+struct sqlite3;
+
 namespace dlm {
 
 // The "downloads" table in SQLite, one row per download with its owner's uid (a column added in
@@ -71,6 +73,8 @@ public:
 
 private:
     bool isTableInDB();
+    // SQLite's own handle of the open connection; null when there is none.
+    sqlite3 *nativeHandle();
     // The download is about to be destroyed: nothing of it is written any more.
     void forget(RowKey row);
     // Switches the open file to write-ahead logging with normal syncing; false when refused.
