@@ -10,8 +10,71 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 
 namespace dlm {
+
+namespace {
+bool isAsciiAlnum(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
+
+bool oneOf(char c, const char *set)
+{
+    return c != '\0' && std::strchr(set, c) != nullptr;
+}
+
+// An http(s) URL that QUrl takes as it is, with a host: the scheme, dot-separated labels of
+// letters, digits and inner dashes, an optional port, and a rest of the characters a URL carries
+// unencoded. Every URL a download was made with looks so; a stored row parses only the others.
+bool isPlainHttpUrl(QByteArrayView url)
+{
+    qsizetype at = url.startsWith("http://") ? 7 : url.startsWith("https://") ? 8 : 0;
+    if (at == 0)
+        return false;
+    const qsizetype hostStart = at;
+    while (at < url.size() && (isAsciiAlnum(url[at]) || url[at] == '-' || url[at] == '.'))
+        ++at;
+    for (qsizetype i = hostStart, labelStart = hostStart; i <= at; ++i) {
+        if (i < at && url[i] != '.')
+            continue;
+        if (i == labelStart || url[labelStart] == '-' || url[i - 1] == '-')
+            return false;
+        labelStart = i + 1;
+    }
+    if (at < url.size() && url[at] == ':') {
+        const qsizetype portStart = ++at;
+        int port = 0;
+        while (at < url.size() && at - portStart < 5 && url[at] >= '0' && url[at] <= '9')
+            port = port * 10 + (url[at++] - '0');
+        if (at == portStart || port > 65535)
+            return false;
+    }
+    if (at < url.size() && !oneOf(url[at], "/?"))
+        return false;
+    for (; at < url.size(); ++at) {
+        if (!isAsciiAlnum(url[at]) && !oneOf(url[at], "-._~!$&'()*+,;=:@/?"))
+            return false;
+    }
+    return true;
+}
+
+// A path's last part is a plain name (see filenames::isPlainName), decided on its bytes when
+// they are ASCII; -1 when they are not.
+int isPlainAsciiName(QByteArrayView name)
+{
+    if (name.isEmpty() || name == "." || name == ".." || name.size() > filenames::kMaxNameBytes)
+        return 0;
+    for (const char c : name) {
+        if (static_cast<unsigned char>(c) >= 0x80)
+            return -1;
+        if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            return 0;
+    }
+    return 1;
+}
+} // namespace
 
 bool rules::isHttpUrl(const QString &url)
 {
@@ -38,10 +101,16 @@ Outcome<CreateStatus> rules::creationRefusal(
 
 QString rules::storedRowFault(const Download *download)
 {
-    if (!isHttpUrl(download->contentURL()))
+    // Most rows are decided on their bytes; only the others make strings to parse.
+    if (!isPlainHttpUrl(download->utf8(RecordText::Url)) && !isHttpUrl(download->contentURL()))
         return QStringLiteral("not an http or https URL");
+    const QByteArrayView bytes = download->utf8(RecordText::Path);
+    const int plain
+        = bytes.startsWith('/') ? isPlainAsciiName(bytes.sliced(bytes.lastIndexOf('/') + 1)) : -1;
+    if (plain == 1)
+        return QString();
     const QString path = download->filePath();
-    if (!QDir::isAbsolutePath(path)
+    if (plain == 0 || !QDir::isAbsolutePath(path)
         || !filenames::isPlainName(path.mid(path.lastIndexOf(QLatin1Char('/')) + 1)))
         return QStringLiteral("not an absolute path to a plain file name");
     return QString();
