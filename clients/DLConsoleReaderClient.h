@@ -11,7 +11,8 @@ class QSocketNotifier;
 namespace dlm {
 
 // Operator console: one command per line on standard input, answers and a line for every change
-// of any download on standard error (through qDebug). Acts as client "shell". Main thread only.
+// of any download on standard error, each change's line once the change is stored. Acts as
+// client "shell". Main thread only.
 class DLConsoleReaderClient : public QObject, public FrontEnd {
     Q_OBJECT
 
