@@ -5,6 +5,7 @@
 #include "RateGovernor.h"
 #include "RequestQueue.h"
 
+#include <QDateTime>
 #include <QUrl>
 
 namespace dlm {
@@ -37,6 +38,8 @@ Download::~Download()
 {
     if (running)
         running->stop();
+    else
+        RequestQueue::instance().leave(this);
 }
 
 const Download::Details &Download::details() const
@@ -108,9 +111,26 @@ void Download::launch()
 {
     if (state == Completed)
         return;
-    if (!running)
-        running = std::make_unique<HttpTransfer>(*this, context->engine);
-    running->start();
+    if (running || amountDownloaded != 0) {
+        if (!running)
+            running = std::make_unique<HttpTransfer>(*this, context->engine);
+        running->start();
+        return;
+    }
+    // Nothing on disk to check yet: the download waits for its slot as a plain record, and its
+    // transfer is made once the slot is granted (thousands may wait at once).
+    waitingForNetwork = false;
+    if (startTime == 0)
+        startTime = QDateTime::currentMSecsSinceEpoch();
+    state = Pending;
+    report();
+    RequestQueue::instance().enter(
+        this, ownerUid, RequestQueue::originOf(contentURL()), creationOrder,
+        [this] {
+            running = std::make_unique<HttpTransfer>(*this, context->engine);
+            running->startGranted();
+        },
+        details().priority);
 }
 
 void Download::abort()
@@ -120,8 +140,10 @@ void Download::abort()
 
 void Download::endTransfer()
 {
-    if (!running)
+    if (!running) {
+        RequestQueue::instance().leave(this); // waiting for a slot, if at all
         return;
+    }
     running->stop();
     // Often called from inside the transfer (its last answer ended the download).
     running.release()->deleteLater();

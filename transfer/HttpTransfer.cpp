@@ -406,6 +406,24 @@ void HttpTransfer::stop()
 
 void HttpTransfer::start()
 {
+    prepareAttempt();
+    queued = true;
+    RequestQueue::instance().enter(
+        &d, d.ownerUid, RequestQueue::originOf(d.contentURL()), d.creationOrder,
+        [this] { sendRequest(); }, d.details().priority);
+    d.state = Download::Pending;
+    report();
+}
+
+void HttpTransfer::startGranted()
+{
+    prepareAttempt();
+    queued = true;
+    sendRequest();
+}
+
+void HttpTransfer::prepareAttempt()
+{
     retry.cancel();
     d.waitingForNetwork = false;
     if (d.startTime == 0)
@@ -429,12 +447,6 @@ void HttpTransfer::start()
     headBytes = 0;
     attemptSettled = false;
     contentFault.clear();
-    queued = true;
-    RequestQueue::instance().enter(
-        &d, d.ownerUid, RequestQueue::originOf(d.contentURL()), d.creationOrder,
-        [this] { sendRequest(); }, d.details().priority);
-    d.state = Download::Pending;
-    report();
 }
 
 void HttpTransfer::stopRequest()

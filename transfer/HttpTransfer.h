@@ -31,6 +31,9 @@ public:
     // A new attempt from the download's amountDownloaded: Pending until the request queue lets
     // it go.
     void start();
+    // The first attempt of a download that has nothing on disk yet, its slot in the request
+    // queue granted to the download already: the request goes out now.
+    void startGranted();
     // Ends the attempt and any pending retry; nothing the request says counts any more.
     void stop();
     // A person asked again: the failures counted so far are forgotten.
@@ -91,6 +94,8 @@ private:
     // The file holds the whole content at length bytes: cut it there, check it, Completed.
     void completeAt(qint64 length);
     void startOverWithoutRange(bool contentChanged);
+    // Everything an attempt starts from but its place in the request queue.
+    void prepareAttempt();
     void restartInPlace(qint64 newTotal);
 
     Download &d;
