@@ -153,10 +153,10 @@ QString DownloadDirectories::reserveFileName(
         const QString candidate = filenames::join(directory,
             filenames::fit(name, n < 0 ? QString() : QLatin1Char('.') + QString::number(n)));
         // A dangling symbolic link is a name in use too.
-        const QFileInfo onDisk(candidate);
         const QByteArray bytes = candidate.toUtf8();
-        if (!reserved.contains(qHash(QByteArrayView(bytes))) && !onDisk.exists()
-            && !onDisk.isSymLink()) {
+        struct stat st;
+        if (!reserved.contains(qHash(QByteArrayView(bytes)))
+            && ::lstat(QFile::encodeName(candidate).constData(), &st) != 0) {
             reserve(bytes);
             return candidate;
         }

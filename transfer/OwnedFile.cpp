@@ -136,9 +136,8 @@ bool OwnedFile::adopt(
         return fail(errno);
     struct stat st { };
     int why = fstat(fd, &st) != 0 ? errno : created ? 0 : judge(st, owner, *identity);
-    if (why == 0
-        && ((empty && ftruncate(fd, 0) != 0)
-            || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0))
+    // Only a regular file gets here, where O_NONBLOCK changes nothing: it stays set.
+    if (why == 0 && !created && empty && ftruncate(fd, 0) != 0)
         why = errno;
     if (why == 0 && open(fd, mode | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
         *identity = FileIdentity { quint64(st.st_dev), quint64(st.st_ino) };
