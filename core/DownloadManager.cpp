@@ -158,6 +158,7 @@ Outcome<DownloadManager::CreateStatus> DownloadManager::createDownload(const QSt
         while (identifierInUse(id));
     }
     // Reserved now, before the download has written anything.
+    reserveStoredPaths();
     const QString filePath = directories.reserveFileName(clientID, url, ownerUid);
 
     Download *download
@@ -183,7 +184,6 @@ void DownloadManager::restoreDownload(const StoredRecord &r)
     const QByteArray canonical = canonicalPath(r.filePath);
     Download *download = stored::downloadOf(context, r, canonical);
     download->privateFile = !directories.isChosen(r.ownerUid, r.clientID, canonical);
-    directories.reserve(canonical);
     downloads.append(download);
     const QString fault = rules::storedRowFault(download);
     if (!fault.isEmpty()) {
@@ -409,6 +409,14 @@ Download *DownloadManager::find(const QString &uniqueID) const
             return download;
     }
     return nullptr;
+}
+
+void DownloadManager::reserveStoredPaths()
+{
+    if (std::exchange(storedPathsReserved, true))
+        return;
+    for (const Download *download : qAsConst(downloads))
+        directories.reserve(download->utf8(RecordText::Path));
 }
 
 bool DownloadManager::identifierInUse(const QString &uniqueID) const

@@ -137,6 +137,9 @@ private:
     Outcome<ControlStatus> control(const QString &uniqueID, uint callerUid, const char *what,
         const std::function<Outcome<ControlStatus>(Download *)> &act);
     bool identifierInUse(const QString &uniqueID) const;
+    // The stored downloads' paths are reserved at the first new name, not at the start: a start
+    // that only lists them need not hash every path.
+    void reserveStoredPaths();
     // Aborts, unstores and destroys a download that is no longer in the list.
     void discard(Download *download);
     // Tells the downloads that wait for the network that routes changed.
@@ -152,6 +155,7 @@ private:
     // What every download shares; "max_retries" is its maxRetries.
     DownloadContext context;
     QList<Download *> downloads;
+    bool storedPathsReserved = false;
     QList<FrontEnd *> clients;
     DatabaseHome databaseHome; // holds the database directory while the database is open
     std::unique_ptr<DownloadDataBase> database; // null: no persistence

@@ -273,16 +273,19 @@ private slots:
         QVERIFY(svc.stop() == 0 && QFile::copy(svc.path("bin/downloadmanager.ini"), part));
         svc.sql("INSERT INTO downloads VALUES ('p', 'shell', 'n', ?, ?, 4, 4, 1000, 100, 1, 0)",
             { urlB, part });
+        // No file yet, but the name is a stored download's: a new one must not take it.
+        svc.sql("INSERT INTO downloads VALUES ('q', 'shell', 'n', ?, ?, 4, 4, 1000, 0, 1, 0)",
+            { urlB, file + ".2" });
         QVERIFY(svc.start());
         svc.line("create " + urlB); // into the directory stored in the first run
         QVERIFY(svc.waitErr("status:  \"Completed\""));
-        const auto id = svc.sql("SELECT uniqueID FROM downloads ORDER BY rowid"); // five, distinct
+        const auto id = svc.sql("SELECT uniqueID FROM downloads ORDER BY rowid"); // six, distinct
         QCOMPARE(ask(svc, "list"),
             (Lines { kList, line(file, "Completed", 200000, 200000, id[0][0]),
                 line(file + ".0", "Completed", 200000, 200000, id[1][0]),
                 line(file + ".1", "Completed", 150000, 150000, id[2][0]),
-                line(part, "Paused", 100, 1000, "p"),
-                line(file + ".2", "Completed", 150000, 150000, id[4][0]) }));
+                line(part, "Paused", 100, 1000, "p"), line(file + ".2", "Paused", 0, 1000, "q"),
+                line(file + ".3", "Completed", 150000, 150000, id[5][0]) }));
         svc.sql("CREATE TRIGGER k BEFORE DELETE ON downloads BEGIN SELECT RAISE(ABORT, 'k'); END");
         QCOMPARE(ask(svc, "remove p\nstatus p"), Lines { kNone });
         QVERIFY(svc.proc.err().contains("Unable to delete p from the database"));
