@@ -190,19 +190,17 @@ int CurlEngine::onSocket(CURL *, curl_socket_t fd, int what, void *engine, void 
 
 void CurlEngine::watch(curl_socket_t fd, int what)
 {
-    const auto found = watches.find(fd);
+    // A removed socket's notifiers stay, disabled, for the next socket with its number: a rested
+    // transfer's socket leaves and comes back at every rest, and a notifier freed each time
+    // woke the event loop for its deferred deletion.
+    Watch &w = watches[fd];
     if (what == CURL_POLL_REMOVE) {
-        if (found == watches.end())
-            return;
-        // Possibly inside the notifier's own activation: gone from the event loop now, freed later.
-        for (QSocketNotifier *n : { found->second.read, found->second.write }) {
-            n->setEnabled(false);
-            n->deleteLater();
+        if (w.read) {
+            w.read->setEnabled(false);
+            w.write->setEnabled(false);
         }
-        watches.erase(found);
         return;
     }
-    Watch &w = found != watches.end() ? found->second : watches[fd];
     if (!w.read) {
         w.read = new QSocketNotifier(fd, QSocketNotifier::Read, this);
         w.write = new QSocketNotifier(fd, QSocketNotifier::Write, this);
