@@ -341,7 +341,7 @@ bool DownloadDataBase::write(RowKey row)
     const QVariant digest
         = r.expectedSha256.isEmpty() ? QVariant() : QVariant(QString::fromLatin1(r.expectedSha256));
     if (!exec(extra, kExtra,
-            { text(r.uniqueID), file.unrecorded ? none : QVariant(file.device),
+            { text(r.uniqueID), file.unrecorded ? none : QVariant(quint64(file.device)),
                 file.unrecorded ? none : QVariant(file.inode), r.validator, r.expectedSize, digest,
                 r.failureReason, r.httpStatus, r.rateLimit, r.priority }))
         return false;

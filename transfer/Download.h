@@ -113,6 +113,13 @@ public:
     // Created 0600 rather than by the umask: it is not in a directory its owner chose. (Beside
     // the uid, where it costs no bytes of a record.)
     bool privateFile = false;
+
+private:
+    // Beside the uid as well: a record of 120 bytes takes a 128-byte heap chunk, one of 136 a
+    // chunk of 144, 1.6 MB more with 100,000 stored.
+    bool waitingForNetwork = false;
+
+public:
     // The file this download created; only that file is opened again, emptied or removed.
     FileIdentity fileIdentity;
     // What most stored downloads never have, kept apart so that they cost one pointer.
@@ -152,7 +159,6 @@ private:
     RecordText text;
     std::unique_ptr<Details> more;
     std::unique_ptr<HttpTransfer> running;
-    bool waitingForNetwork = false;
 };
 
 } // namespace dlm
