@@ -228,16 +228,20 @@ private slots:
         QTest::addColumn<bool>("netLoss"); // no route to the host until they all wait
         QTest::addColumn<bool>("raised"); // the last one created by dlctl with priority 5
         QTest::addColumn<bool>("bounced"); // q1 paused and resumed in one command while it waits
-        QTest::newRow("six per host") << "" << 5 << false << false << false;
-        QTest::newRow("two per host") << "max_connections_per_host" << 1 << false << false << false;
+        QTest::addColumn<bool>("parked"); // q1 paused while it waits, resumed once all others end
+        QTest::newRow("six per host") << "" << 5 << false << false << false << false;
+        QTest::newRow("two per host")
+            << "max_connections_per_host" << 1 << false << false << false << false;
         QTest::newRow("two downloads at once")
-            << "max_active_downloads" << 1 << false << false << false;
+            << "max_active_downloads" << 1 << false << false << false << false;
         QTest::newRow("retries spent while the network is gone")
-            << "" << 5 << true << false << false;
+            << "" << 5 << true << false << false << false;
         QTest::newRow("a raised priority waits least")
-            << "max_active_downloads" << 1 << false << true << false;
+            << "max_active_downloads" << 1 << false << true << false << false;
         QTest::newRow("a stopped transfer's late leave drops its download's new place")
-            << "max_active_downloads" << 1 << false << false << true;
+            << "max_active_downloads" << 1 << false << false << true << false;
+        QTest::newRow("a download paused while it waits is never given a slot")
+            << "max_active_downloads" << 1 << false << false << false << true;
     }
     void queued();
 
@@ -395,14 +399,19 @@ void tst_Faults::queued()
         ids.move(6, 1);
     }
     QFETCH(bool, bounced);
+    QFETCH(bool, parked);
     QByteArray q1;
     const char *idOf = "SELECT uniqueID FROM downloads WHERE filePath LIKE '%/q1'";
-    QVERIFY(!bounced || waitFor("q1 to wait behind q0", [&] {
+    QVERIFY(!(bounced || parked) || waitFor("q1 to wait behind q0", [&] {
         q1 = one.sql(idOf).value(0).value(0).toByteArray();
         return !q1.isEmpty() && !host.requests().isEmpty();
     }));
     if (bounced)
         one.line("pause " + q1 + "\nresume " + q1);
+    if (parked) {
+        one.line("pause " + q1);
+        ids.move(1, ids.size() - 1);
+    }
     if (netLoss) { // all wait past their whole retry schedule, then the route is back
         const char *stalled
             = "SELECT count(*) = 7 FROM downloads WHERE state = 32"; // STATE_STALLED
@@ -416,6 +425,11 @@ void tst_Faults::queued()
     }
     const QByteArray done = netLoss ? "1 102400" : "4 102400"; // the lost route's code stays
     for (const QByteArray &id : ids) {
+        if (parked && id == "q1") { // every slot has come free meanwhile
+            for (const FakeHttpServer::Request &q : host.requests())
+                QVERIFY(q.path != "/q1");
+            one.line("resume " + q1);
+        }
         const char *sql = "SELECT failureCode||' '||amountDownloaded FROM downloads WHERE filePath "
                           "LIKE ? AND state = ?";
         QVERIFY(waitFor(id + " completed without a failure", [&] {
