@@ -11,6 +11,8 @@
 #include <QSqlQuery>
 #include <QtTest>
 
+#include <sys/resource.h>
+
 using namespace dlm;
 
 QList<QList<qint64>> reports; // state, total, amount, data arrivals up to the report
@@ -229,8 +231,17 @@ private slots:
                     .done());
         Download *d = manager.getDownload(id);
         QVERIFY(d);
+        const auto cpuMs = [] { // this thread's, where the service's loop runs
+            rusage u {};
+            getrusage(RUSAGE_THREAD, &u);
+            return (u.ru_utime.tv_sec + u.ru_stime.tv_sec) * 1000
+                + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1000;
+        };
+        const auto before = cpuMs();
         QTest::qWait(2000); // a quarter of the file at most would have come (64 KiB/s and bursts)
         QVERIFY2(d->amountDownloaded < (1 << 18), QByteArray::number(d->amountDownloaded));
+        // A rest wakes the loop a few times a second; it never spins on the rested socket.
+        QVERIFY2(cpuMs() - before < 1000, QByteArray::number(cpuMs() - before) + " ms");
         QVERIFY(background ? manager.setBackgroundMode(false).done()
                            : manager.setRateLimit(own ? id : "all", 0).done());
         QTRY_COMPARE_WITH_TIMEOUT(d->state, unsigned(Download::Completed), 30000);
