@@ -180,7 +180,7 @@ Outcome<DownloadManager::CreateStatus> DownloadManager::createDownload(const QSt
 
 void DownloadManager::restoreDownload(const StoredRecord &r)
 {
-    // Reserved by its canonical form, as new paths are.
+    // Kept (and later reserved) in its canonical form, as new paths are.
     const QByteArray canonical = canonicalPath(r.filePath);
     Download *download = stored::downloadOf(context, r, canonical);
     download->privateFile = !directories.isChosen(r.ownerUid, r.clientID, canonical);

@@ -35,8 +35,9 @@ struct DownloadContext {
 // One file fetched over HTTP for a client: the record that is stored, listed and shown, and its
 // state machine. Most stored downloads never run again in a session, so a record is plain data;
 // a running one also has an HttpTransfer, made once its first request may go out (or at launch
-// when its file holds bytes already) and freed once the download is Completed, Failed or Paused. Lives on the main thread; every change worth storing or
-// announcing is reported through the reportChange callback it is given.
+// when its file holds bytes already) and freed once the download is Completed, Failed or Paused.
+// Lives on the main thread; every change worth storing or announcing is reported through the
+// reportChange callback it is given.
 class Download {
 public:
     // The interface's DownloadState, as the service's own names.
