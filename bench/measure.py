@@ -889,7 +889,8 @@ def write_results():
     notes = [""] + textwrap.wrap(
         "CPU is whole-process from wait4(); the watchers' (all their threads, from the first command "
         "to the end of the download) is added to the service's; at a rate limit the service's counts "
-        "from its request to the end of the download (each thread's schedstat, in ns), curl's whole run. Idle wake-ups are the watchers' "
+        "from its request to the end of the download (a control group of its own, to the microsecond "
+        "with the threads that ended), curl's whole run. Idle wake-ups are the watchers' "
         "voluntary context switches while no download runs. Peak memory is a process's own "
         "high-water mark (the service's VmHWM just before it quits, a reference's from wait4() under "
         "`bench/rusage`); idle memory is the service's resident size %g s after a load ends. The "
