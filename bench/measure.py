@@ -124,10 +124,12 @@ def cpu_meter(pid):
     """Yields a function giving the CPU seconds pid has used since the with began, to the
     microsecond with its ended threads too: the process is moved into a control group of its own
     (cgroup v2, else v1's cpuacct). Without either, threads that end count in ticks of 10 ms."""
-    for root, usage in (("/sys/fs/cgroup", "cpu.stat"), ("/sys/fs/cgroup/unified", "cpu.stat"),
-                        ("/sys/fs/cgroup/cpuacct", "cpuacct.usage")):
+    # (a hierarchy, a file only its root has, the usage file of a group)
+    for root, probe, usage in (("/sys/fs/cgroup", "cgroup.controllers", "cpu.stat"),
+                               ("/sys/fs/cgroup/unified", "cgroup.controllers", "cpu.stat"),
+                               ("/sys/fs/cgroup/cpuacct", "cpuacct.usage", "cpuacct.usage")):
         group = os.path.join(root, "dlm-bench-%d" % pid)
-        if not os.path.exists(os.path.join(root, usage if usage != "cpu.stat" else "cgroup.procs")):
+        if not os.path.exists(os.path.join(root, probe)):
             continue
         try:
             os.mkdir(group)

@@ -156,7 +156,7 @@ QString DownloadDirectories::reserveFileName(
         const QByteArray bytes = candidate.toUtf8();
         struct stat st;
         if (!reserved.contains(qHash(QByteArrayView(bytes)))
-            && ::lstat(QFile::encodeName(candidate).constData(), &st) != 0) {
+            && ::lstat(bytes.constData(), &st) != 0) {
             reserve(bytes);
             return candidate;
         }

@@ -60,20 +60,6 @@ bool isPlainHttpUrl(QByteArrayView url)
     return true;
 }
 
-// A path's last part is a plain name (see filenames::isPlainName), decided on its bytes when
-// they are ASCII; -1 when they are not.
-int isPlainAsciiName(QByteArrayView name)
-{
-    if (name.isEmpty() || name == "." || name == ".." || name.size() > filenames::kMaxNameBytes)
-        return 0;
-    for (const char c : name) {
-        if (static_cast<unsigned char>(c) >= 0x80)
-            return -1;
-        if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-            return 0;
-    }
-    return 1;
-}
 } // namespace
 
 bool rules::isHttpUrl(const QString &url)
@@ -105,8 +91,9 @@ QString rules::storedRowFault(const Download *download)
     if (!isPlainHttpUrl(download->utf8(RecordText::Url)) && !isHttpUrl(download->contentURL()))
         return QStringLiteral("not an http or https URL");
     const QByteArrayView bytes = download->utf8(RecordText::Path);
-    const int plain
-        = bytes.startsWith('/') ? isPlainAsciiName(bytes.sliced(bytes.lastIndexOf('/') + 1)) : -1;
+    const int plain = bytes.startsWith('/')
+        ? filenames::isPlainAsciiName(bytes.sliced(bytes.lastIndexOf('/') + 1))
+        : -1;
     if (plain == 1)
         return QString();
     const QString path = download->filePath();

@@ -57,6 +57,19 @@ bool isPlainName(const QString &name)
     return true;
 }
 
+int isPlainAsciiName(QByteArrayView name)
+{
+    if (name.isEmpty() || name == "." || name == ".." || name.size() > kMaxNameBytes)
+        return 0;
+    for (const char c : name) {
+        if (static_cast<unsigned char>(c) >= 0x80)
+            return -1;
+        if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            return 0;
+    }
+    return 1;
+}
+
 QString join(const QString &directory, const QString &name)
 {
     if (directory.endsWith(QLatin1Char('/')))

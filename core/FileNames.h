@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArrayView>
 #include <QString>
 
 namespace dlm {
@@ -22,6 +23,9 @@ QString fit(const QString &name, const QString &suffix = QString());
 // True for a name these rules can give: not empty, ".", or "..", no '/' nor control character,
 // at most kMaxNameBytes bytes of UTF-8.
 bool isPlainName(const QString &name);
+// isPlainName decided on the bytes of a UTF-8 name when they are all ASCII (1 or 0); -1 when
+// they are not, and only isPlainName can tell.
+int isPlainAsciiName(QByteArrayView name);
 
 // directory and name with exactly one '/' between them.
 QString join(const QString &directory, const QString &name);

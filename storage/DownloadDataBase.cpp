@@ -401,12 +401,15 @@ void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord
     // A text column's UTF-8 bytes as stored (SQLite converts a number or a blob the same way),
     // into the record's own array: one record serves every row, and its arrays keep their room
     // unless restore kept a copy.
-    const auto bytes = [select](QByteArray &to, int column) {
+    const auto view = [select](int column) {
         const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(select, column));
-        const int size = sqlite3_column_bytes(select, column);
-        to.resize(size);
-        if (size > 0)
-            std::memcpy(to.data(), text, size_t(size));
+        return QByteArrayView(text, sqlite3_column_bytes(select, column));
+    };
+    const auto bytes = [&view](QByteArray &to, int column) {
+        const QByteArrayView text = view(column);
+        to.resize(text.size());
+        if (!text.isEmpty())
+            std::memcpy(to.data(), text.data(), size_t(text.size()));
     };
     const auto number = [select](int column) { return sqlite3_column_int64(select, column); };
     // Rows share few client identifiers: one copy each instead of one per row.
@@ -436,9 +439,8 @@ void DownloadDataBase::forEachStored(const std::function<void(const StoredRecord
         r.expectedSize = number(14);
         bytes(r.expectedSha256, 15);
         bytes(r.validator, 16);
-        const auto *reason = reinterpret_cast<const char *>(sqlite3_column_text(select, 17));
-        const int reasonSize = sqlite3_column_bytes(select, 17);
-        r.failureReason = reasonSize == 0 ? QString() : QString::fromUtf8(reason, reasonSize);
+        const QByteArrayView reason = view(17);
+        r.failureReason = reason.isEmpty() ? QString() : QString::fromUtf8(reason);
         r.httpStatus = int(number(18));
         r.rateLimit = number(19);
         r.priority = int(number(20));

@@ -124,13 +124,16 @@ void Download::launch()
         startTime = QDateTime::currentMSecsSinceEpoch();
     state = Pending;
     report();
-    RequestQueue::instance().enter(
-        this, ownerUid, RequestQueue::originOf(contentURL()), creationOrder,
-        [this] {
-            running = std::make_unique<HttpTransfer>(*this, context->engine);
-            running->startGranted();
-        },
-        details().priority);
+    waitForSlot([this] {
+        running = std::make_unique<HttpTransfer>(*this, context->engine);
+        running->startGranted();
+    });
+}
+
+void Download::waitForSlot(std::function<void()> granted)
+{
+    RequestQueue::instance().enter(this, ownerUid, RequestQueue::originOf(contentURL()),
+        creationOrder, std::move(granted), details().priority);
 }
 
 void Download::abort()

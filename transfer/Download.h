@@ -153,6 +153,9 @@ private:
     friend class HttpTransfer;
     // Tells reportChange; the transfer calls it after each change it makes.
     void report();
+    // Enters the request queue under this download's address, owner, origin, order and
+    // priority; granted runs once a slot is free for it.
+    void waitForSlot(std::function<void()> granted);
     // The download is Completed, Failed or Paused: its transfer goes (once its current call
     // has returned).
     void endTransfer();

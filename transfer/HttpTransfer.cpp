@@ -408,9 +408,7 @@ void HttpTransfer::start()
 {
     prepareAttempt();
     queued = true;
-    RequestQueue::instance().enter(
-        &d, d.ownerUid, RequestQueue::originOf(d.contentURL()), d.creationOrder,
-        [this] { sendRequest(); }, d.details().priority);
+    d.waitForSlot([this] { sendRequest(); });
     d.state = Download::Pending;
     report();
 }
